@@ -1,0 +1,248 @@
+// Kernel objects behind HANDLE values, the wait functions, events, critical
+// sections, interlocked operations and the reader/writer lock.
+#ifndef TVCOMMONUTIL_HANDLES_H
+#define TVCOMMONUTIL_HANDLES_H
+
+#include <pthread.h>
+
+#include <set>
+#include <string>
+
+#include "export.h"
+#include "foundation.h"
+#include "thread_annotations.h"
+#include "types.h"
+
+// ---------------------------------------------------------------------------
+// Critical sections
+// ---------------------------------------------------------------------------
+// A recursive lock: the owner may enter again and must leave as often as it
+// entered. A leave by a thread that does not own the section is not refused
+// (it clears the owner and unlocks), as existing callers expect.
+struct _critsection {
+    pthread_t owner;  // NULL_PTHREAD when free; read by other threads atomically
+    int count;        // recursion depth, touched only by the owner
+    pthread_mutex_t mutex;
+};
+typedef _critsection CRITICAL_SECTION;
+typedef _critsection* LPCRITICAL_SECTION;
+
+// 0 on success (or for a null section); EINTR if the lock call was interrupted.
+TV_API int EnterCriticalSection(_critsection* cs);
+// 1 when entered, 0 when another thread owns the section or cs is null.
+TV_API int TryEnterCriticalSection(_critsection* cs);
+TV_API void LeaveCriticalSection(_critsection* cs);
+
+// A critical section as an object. Constant-initialised, so global instances
+// are usable from any static initialiser regardless of order. Thread-safe.
+class TV_CAPABILITY("mutex") TV_API CriticalSection : public _critsection {
+public:
+    constexpr CriticalSection() : _critsection{NULL_PTHREAD, 0, PTHREAD_MUTEX_INITIALIZER} {}
+    CriticalSection(const CriticalSection&) = delete;
+    CriticalSection& operator=(const CriticalSection&) = delete;
+
+    int Lock() TV_ACQUIRE() { return EnterCriticalSection(this); }
+    int Unlock() TV_RELEASE() {
+        LeaveCriticalSection(this);
+        return 0;
+    }
+    bool TryLock() TV_TRY_ACQUIRE(true) { return TryEnterCriticalSection(this) != 0; }
+};
+
+// RAII holder of a CriticalSection.
+class TV_SCOPED_CAPABILITY TV_API CriticalSectionHolder {
+public:
+    explicit CriticalSectionHolder(CriticalSection& cs) TV_ACQUIRE(cs) : cs_(cs) { cs_.Lock(); }
+    ~CriticalSectionHolder() TV_RELEASE() { cs_.Unlock(); }
+    CriticalSectionHolder(const CriticalSectionHolder&) = delete;
+    CriticalSectionHolder& operator=(const CriticalSectionHolder&) = delete;
+
+private:
+    CriticalSection& cs_;
+};
+
+// Scoped pthread mutex holder: the constructor only stores the mutex,
+// GetLock() locks it, and the destructor unlocks it if it was locked.
+class TV_API CSimpleLock {
+public:
+    explicit CSimpleLock(pthread_mutex_t* m) : mutex_(m), held_(false) {}
+    ~CSimpleLock() {
+        if (held_) pthread_mutex_unlock(mutex_);
+    }
+    CSimpleLock(const CSimpleLock&) = delete;
+    CSimpleLock& operator=(const CSimpleLock&) = delete;
+    void GetLock() {
+        pthread_mutex_lock(mutex_);
+        held_ = true;
+    }
+
+private:
+    pthread_mutex_t* mutex_;
+    bool held_;
+};
+
+// ---------------------------------------------------------------------------
+// Interlocked operations (on the full 64-bit long)
+// ---------------------------------------------------------------------------
+TV_API long InterlockedIncrement(long* p);                  // new value
+TV_API long InterlockedDecrement(long* p);                  // new value
+TV_API long InterlockedExchange(long* p, long v);           // old value
+TV_API long InterlockedExchangeAdd(long* p, long delta);    // old value
+// New value, or the old one when returnOld is non-zero.
+TV_API long AtomicAdd32(long* p, long delta, int returnOld);
+TV_API long AtomicExchange32(long* p, long v);              // old value
+// Start-up probe for native atomic instructions; run once at load.
+TV_API void __init_InterLockedSwitch();
+// Non-zero once the probe found native atomics; 0 selects the mutex fallback.
+TV_API extern long lArchHasAtomicOps;
+
+// ---------------------------------------------------------------------------
+// Reader/writer lock
+// ---------------------------------------------------------------------------
+// A plain reference count, starting at 1.
+class TV_API RCObject {
+public:
+    RCObject() : refs_(1) {}
+    RCObject(const RCObject&) : refs_(1) {}
+    virtual ~RCObject() {}
+    long AddRef() { return InterlockedIncrement(&refs_); }
+    // Deletes the object when the count reaches 0; returns the new count.
+    long Release();
+    long GetRefCount() const { return refs_; }
+
+private:
+    long refs_;
+};
+
+// Reader/writer lock with writer preference by default (a new reader waits
+// while a writer waits), recursive write locks, upgrade and downgrade.
+// Results: 0 acquired, 128 (WAIT_ABANDONED) refused without waiting,
+// 258 (WAIT_TIMEOUT) timed out. Time-outs below one second expire at once
+// (see FixTimeout). Thread-safe; all fields are guarded by its mutex.
+class TV_API RWLock : public RCObject {
+public:
+    explicit RWLock(bool readersPreferred = false, const char* name = nullptr, bool option = false);
+    RWLock(const RWLock& other);
+    ~RWLock() override;
+    RWLock& operator=(const RWLock&) = delete;
+
+    unsigned long ReadLock(unsigned long ms = INFINITE);
+    unsigned long WriteLock(unsigned long ms = INFINITE);
+    unsigned long TryWriteLock();
+    int ReadUnlock();
+    int WriteUnlock();
+    // Caller holds a read lock. 128 (read lock kept) when a writer holds or
+    // waits; on time-out (258) the read lock has already been given up.
+    unsigned long UpgradeLock(unsigned long ms = INFINITE);
+    int DowngradeLock();
+    pthread_t GetWriter() const;
+    void SetLockName(const char* name);
+    const char* GetLockName() const { return name_.c_str(); }
+
+    unsigned long ReadLockPrim(bool tryOnly, unsigned long ms, void* unused);
+    unsigned long WriteLockPrim(bool tryOnly, unsigned long ms, void* unused);
+
+private:
+    bool WaitReader(unsigned long ms);
+    bool WaitWriter(unsigned long ms);
+    void UnwaitReader(bool handOff);
+    void UnwaitWriter();
+
+    long readers_;
+    long writeRecursion_;
+    long waitingReaders_;
+    long waitingWriters_;
+    pthread_t writer_;
+    bool readersPreferred_;
+    bool option_;
+    bool handOff_;
+    long handOffCount_;
+    pthread_mutex_t mutex_;
+    pthread_cond_t readerCond_;
+    pthread_cond_t writerCond_;
+    std::string name_;
+};
+
+// ---------------------------------------------------------------------------
+// Handle object model
+// ---------------------------------------------------------------------------
+// Base of every kernel object; HANDLE is a pointer to it. Created with the
+// reference count its creator hands out; the last DecRefCount deletes it on
+// whichever thread drops it. Reference counting is thread-safe; everything
+// else is the business of each subclass.
+//
+// The order of the virtual functions is part of the design; subclasses
+// override in place.
+class TV_API Handle {
+public:
+    explicit Handle(int initialCount = 1);
+    virtual ~Handle();
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+
+    // Type code: 0 Handle, 1 Process, 2 File, 3 TvPlatformThread,
+    // 4 SecurityToken, 5 Semaphore, 6 Event, 7 MultiEvent, 8 Mutex, 9 Timer,
+    // 10 FindFileHandle, 11 ChangeNotificationHandle, 12 IoCompletionPort.
+    virtual int What();
+    // An object without wait logic counts as always signalled.
+    virtual unsigned long WaitForHandle(unsigned long ms, int alertable);
+    virtual unsigned long WaitForMultipleHandles(unsigned long count, Handle** handles,
+                                                 int waitAll, unsigned long ms, int alertable);
+    virtual int Set();
+    virtual int Reset();
+    virtual int Pulse();
+    // The object's synchronisation event, made on first use. A poll that
+    // finds it signalled consumes the signal.
+    virtual Event* GetSynch(int& signalled);
+    virtual void FreeSynch();
+    // Sets the synchronisation event, if one was made.
+    virtual int Signal();
+
+    long IncRefCount();
+    long DecRefCount();
+    long GetRefCount() const;
+
+protected:
+    Event* synch_;
+    long refCount_;
+};
+
+enum HandleType {
+    kHandleBase = 0,
+    kHandleProcess = 1,
+    kHandleFile = 2,
+    kHandleThread = 3,
+    kHandleSecurityToken = 4,
+    kHandleSemaphore = 5,
+    kHandleEvent = 6,
+    kHandleMultiEvent = 7,
+    kHandleMutex = 8,
+    kHandleTimer = 9,
+    kHandleFindFile = 10,
+    kHandleChangeNotification = 11,
+    kHandleIoCompletionPort = 12,
+};
+
+// An open file descriptor as a handle; closes it on destruction unless -1.
+class TV_API File : public Handle {
+public:
+    explicit File(int fd);
+    ~File() override;
+    int What() override;
+    int GetFd() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// FALSE for a null handle; otherwise drops one reference and returns TRUE.
+TV_API BOOL CloseHandle(Handle* h);
+TV_API BOOL HandleClose(Handle* h);
+// The duplicate is the same object with one more reference.
+TV_API BOOL DuplicateHandle(Handle* sourceProcess, Handle* source, Handle* targetProcess,
+                            Handle** target, DWORD access, BOOL inherit, DWORD options);
+// WAIT_FAILED for a null handle, else the object's own wait.
+TV_API DWORD WaitForSingleObjectEx(Handle* h, DWORD ms, BOOL alertable);
+TV_API DWORD WaitForSingleObject(Handle* h, DWORD ms);
+
+#endif  // TVCOMMONUTIL_HANDLES_H

@@ -1,0 +1,9 @@
+// UUIDs, host names, dynamic libraries and FormatMessage, system information and calendar time, the server load region, CTvAsciiEncode, integer/text conversions, KwRandom.
+#ifndef TVCOMMONUTIL_SERVICES_H
+#define TVCOMMONUTIL_SERVICES_H
+
+#include "export.h"
+#include "strings.h"
+#include "types.h"
+
+#endif  // TVCOMMONUTIL_SERVICES_H
