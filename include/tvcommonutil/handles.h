@@ -245,4 +245,119 @@ TV_API BOOL DuplicateHandle(Handle* sourceProcess, Handle* source, Handle* targe
 TV_API DWORD WaitForSingleObjectEx(Handle* h, DWORD ms, BOOL alertable);
 TV_API DWORD WaitForSingleObject(Handle* h, DWORD ms);
 
+// ---------------------------------------------------------------------------
+// Events and multi-object waits
+// ---------------------------------------------------------------------------
+class MultiEvent;
+
+// A manual- or auto-reset event on a mutex and a condition variable: the one
+// real waiting primitive of the library. Thread-safe. Lock order:
+// Event::EventLock, then an event's own mutex (then, through a posting, the
+// embedded event of a listening MultiEvent).
+class TV_API Event : public Handle {
+public:
+    Event(long data, int manualReset, int initialState, const char* name);
+    ~Event() override;
+
+    int What() override;
+    // WAIT_OBJECT_0, WAIT_TIMEOUT or WAIT_IO_COMPLETION. Sub-second time-outs
+    // are honoured. An alertable finite wait ends with WAIT_IO_COMPLETION when
+    // an APC is queued to the waiting thread; an INFINITE wait ignores APCs.
+    unsigned long WaitForHandle(unsigned long ms, int alertable) override;
+    // Wait-any returns the lowest signalled index. A wait-all that does not
+    // complete at once ends at the first event that is set, returns its
+    // index and resets every auto-reset event of the set; the immediate
+    // wait-all path resets nothing. Callers rely on both.
+    unsigned long WaitForMultipleHandles(unsigned long count, Handle** handles, int waitAll,
+                                         unsigned long ms, int alertable) override;
+    int Set() override;
+    // A manual-reset event first lets every waiter released by the preceding
+    // Set leave its wait.
+    int Reset() override;
+    int Pulse() override;
+    Event* GetSynch(int& signalled) override;
+
+    int EventIsSignaled() const;
+    bool IsManualReset() const { return manualReset_ != 0; }
+    long GetEventData() const;
+    // d != -1 attaches d and takes a reference on the event; -1 detaches
+    // (only by the attaching thread) and drops that reference. Returns 0.
+    int SetEventData(long d);
+    void RevStamp(unsigned long rev, int saveData);
+    unsigned long GetLastRev() const;
+    long GetLastData() const;
+    const char* GetName() const { return name_; }
+
+    // The one recursive lock that guards every listener set.
+    static CriticalSection EventLock;
+    static void Lock() TV_ACQUIRE(EventLock) { EventLock.Lock(); }
+    static void Unlock() TV_RELEASE(EventLock) { EventLock.Unlock(); }
+
+    // Internal: listener registration and consuming test-and-clear.
+    void AddListener(MultiEvent* m) TV_REQUIRES(EventLock);
+    void RemoveListener(MultiEvent* m) TV_REQUIRES(EventLock);
+    bool TryConsume();
+    // Wakes the waiters so that an alertable one notices a queued APC.
+    void WakeForApc();
+
+private:
+    friend class MultiEvent;
+    bool PeekSignalled() const;
+
+    long data_;
+    long lastData_;
+    pthread_t dataOwner_;
+    unsigned long lastRev_;
+    int signalled_;  // atomic loads outside the mutex; stores under it
+    int manualReset_;
+    long waiters_;
+    pthread_mutex_t mutex_;
+    pthread_cond_t cond_;
+    char* name_;
+    int resetPending_;
+    pthread_cond_t drainCond_;
+    // Sorted; capacity is kept so registrations do not allocate per wait.
+    MultiEvent** listeners_ TV_GUARDED_BY(EventLock);
+    int listenerCount_ TV_GUARDED_BY(EventLock);
+    int listenerCapacity_ TV_GUARDED_BY(EventLock);
+};
+
+// The per-thread object that the events of a multi-object wait post to; the
+// thread sleeps on its embedded auto-reset event. Reused by every
+// multi-object wait of its thread (kept in the thread's context).
+class TV_API MultiEvent : public Handle {
+public:
+    explicit MultiEvent(int capacity);
+    ~MultiEvent() override;
+    int What() override;
+    // 1 (also when e is not in the set), or 0 when there is no array.
+    int PostEvent(Event* e);
+
+private:
+    friend class Event;
+    Event event_;
+    int capacity_;
+    int needed_;
+    int signalledIndex_;  // first posting wins; -1 = none yet
+    Handle** array_;
+};
+
+TV_API Handle* EventCreate(SECURITY_ATTRIBUTES* sa, BOOL manualReset, BOOL initialState,
+                           const char* name);
+TV_API Handle* CreateEvent(SECURITY_ATTRIBUTES* sa, BOOL manualReset, BOOL initialState,
+                           const char* name);
+TV_API BOOL SetEvent(Handle* h);
+TV_API BOOL EventSet(Handle* h);
+TV_API BOOL ResetEvent(Handle* h);
+TV_API BOOL EventReset(Handle* h);
+TV_API BOOL PulseEvent(Handle* h);
+TV_API BOOL EventPulse(Handle* h);
+
+// Dispatches by the first handle's type: a set of one type goes to that
+// class's own multi-object wait (so a set of mutexes or semaphores returns 0
+// at once); a mixed set waits on each object's synchronisation event.
+TV_API DWORD WaitForMultipleObjectsEx(DWORD count, Handle** handles, BOOL waitAll, DWORD ms,
+                                      BOOL alertable);
+TV_API DWORD WaitForMultipleObjects(DWORD count, Handle** handles, BOOL waitAll, DWORD ms);
+
 #endif  // TVCOMMONUTIL_HANDLES_H

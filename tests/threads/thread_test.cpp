@@ -1,0 +1,235 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include <tvcommonutil.h>
+
+#include "thread_probe.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long MsSince(Clock::time_point t) {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+struct Gate {
+    Handle* go = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    Handle* ready = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    std::atomic<pid_t> tid{0};
+    ~Gate() {
+        CloseHandle(go);
+        CloseHandle(ready);
+    }
+};
+
+DWORD WaitForGo(void* p) {
+    Gate* g = static_cast<Gate*>(p);
+    g->tid = tvtest::CurrentTid();
+    SetEvent(g->ready);
+    WaitForSingleObjectEx(g->go, INFINITE, FALSE);
+    return 0;
+}
+
+thread_local int tls_marker = 0;
+std::atomic<int> apc_value{0};
+std::atomic<int> apc_marker{0};
+
+void RecordApc(ULONG_PTR v) {
+    apc_value = static_cast<int>(v);
+    apc_marker = tls_marker;
+}
+
+}  // namespace
+
+TEST(Thread, WaitOnThreadHandleAndWakeAllWaitersAtEnd) {
+    Gate g;
+    DWORD id = 0;
+    Handle* t = CreateThread(nullptr, 0, WaitForGo, &g, CREATE_SUSPENDED, &id);
+    ASSERT_NE(nullptr, t);
+    EXPECT_NE(0u, id);
+    EXPECT_EQ(kHandleThread, t->What());
+    // CREATE_SUSPENDED is ignored: the thread runs at once.
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(g.ready, 10000, FALSE));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(t, 0, FALSE));
+
+    std::atomic<int> woken{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 3; ++i) {
+        std::atomic<pid_t> wtid{0};
+        waiters.emplace_back([&] {
+            wtid = tvtest::CurrentTid();
+            if (WaitForSingleObjectEx(t, INFINITE, FALSE) == WAIT_OBJECT_0) ++woken;
+        });
+        while (wtid.load() == 0) std::this_thread::yield();
+        ASSERT_TRUE(tvtest::WaitUntilSleeping(wtid.load()));
+    }
+    SetEvent(g.go);
+    for (auto& w : waiters) w.join();
+    EXPECT_EQ(3, woken.load());
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, 0, FALSE));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, INFINITE, FALSE));
+    CloseHandle(t);
+}
+
+TEST(Thread, MixedWaitOnEventAndThread) {
+    Gate g;
+    DWORD id = 0;
+    Handle* t = CreateThread(nullptr, 0, WaitForGo, &g, 0, &id);
+    Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* set[2] = {ev, t};
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE));
+    SetEvent(g.go);
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE));
+    // Already ended: still reported at once.
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE));
+    // Threads alone cannot be waited on together.
+    Handle* threads[2] = {t, t};
+    EXPECT_EQ(WAIT_FAILED, WaitForMultipleObjectsEx(2, threads, FALSE, 0, FALSE));
+    CloseHandle(ev);
+    CloseHandle(t);
+}
+
+TEST(Thread, CurrentThreadOfForeignThreadAndSimpleCalls) {
+    Handle* mine = GetCurrentThread();
+    EXPECT_EQ(mine, GetCurrentThread());
+    EXPECT_EQ(kHandleThread, mine->What());
+    Handle* other = nullptr;
+    std::thread([&] { other = GetCurrentThread(); }).join();
+    EXPECT_NE(mine, other);
+    EXPECT_EQ(TRUE, TerminateThread(mine, 1));
+    EXPECT_EQ(FALSE, SetThreadPriority(mine, THREAD_PRIORITY_HIGHEST));
+    EXPECT_EQ(0, GetThreadPriority(mine)) << "SCHED_OTHER priority";
+    EXPECT_EQ(0xFFFFFFFFu, QueueUserAPC(RecordApc, nullptr, 1));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(mine, 0, FALSE));
+}
+
+TEST(Apc, DeliveredOnlyAtAlertablePointsOnTheTargetThread) {
+    struct Ctx {
+        Handle* self = nullptr;
+        Handle* queued = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+        Handle* ready = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+        DWORD nonAlertable = 99, alertable = 99, zero = 99;
+        int valueAfterNonAlertable = -1;
+    } c;
+    std::thread target([&] {
+        tls_marker = 77;
+        c.self = GetCurrentThread();
+        SetEvent(c.ready);
+        WaitForSingleObjectEx(c.queued, INFINITE, FALSE);
+        c.zero = SleepEx(0, TRUE);  // only yields, even with an APC queued
+        c.nonAlertable = SleepEx(50, FALSE);
+        c.valueAfterNonAlertable = apc_value.load();
+        c.alertable = SleepEx(20000, TRUE);
+    });
+    WaitForSingleObjectEx(c.ready, INFINITE, FALSE);
+    apc_value = 0;
+    EXPECT_EQ(0u, QueueUserAPC(RecordApc, c.self, 7));
+    SetEvent(c.queued);
+    auto t0 = Clock::now();
+    target.join();
+    EXPECT_EQ(0u, c.zero);
+    EXPECT_EQ(0u, c.nonAlertable);
+    EXPECT_EQ(0, c.valueAfterNonAlertable) << "no APC outside alertable points";
+    EXPECT_EQ(WAIT_IO_COMPLETION, c.alertable);
+    EXPECT_LT(MsSince(t0), 10000);
+    EXPECT_EQ(7, apc_value.load());
+    EXPECT_EQ(77, apc_marker.load()) << "the APC ran on the target thread";
+    CloseHandle(c.queued);
+    CloseHandle(c.ready);
+}
+
+TEST(Apc, QueuedWhileTargetSleepsEndsTheAlertableWait) {
+    // Once in SleepEx, once in a timed alertable event wait, the target is
+    // already asleep in the kernel when the APC is queued.
+    for (int mode = 0; mode < 2; ++mode) {
+        Handle* never = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+        std::atomic<Handle*> self{nullptr};
+        std::atomic<pid_t> tid{0};
+        DWORD result = 0;
+        std::thread target([&] {
+            tls_marker = 100 + mode;
+            self = GetCurrentThread();
+            tid = tvtest::CurrentTid();
+            result = mode == 0 ? SleepEx(30000, TRUE) : WaitForSingleObjectEx(never, 30000, TRUE);
+        });
+        while (tid.load() == 0 || self.load() == nullptr) std::this_thread::yield();
+        ASSERT_TRUE(tvtest::WaitUntilSleeping(tid.load()));
+        auto t0 = Clock::now();
+        apc_value = 0;
+        QueueUserAPC(RecordApc, self.load(), 5 + mode);
+        target.join();
+        EXPECT_EQ(WAIT_IO_COMPLETION, result) << mode;
+        EXPECT_LT(MsSince(t0), 10000) << mode;
+        EXPECT_EQ(5 + mode, apc_value.load());
+        EXPECT_EQ(100 + mode, apc_marker.load());
+        CloseHandle(never);
+    }
+}
+
+TEST(Apc, InfiniteWaitIgnoresApcs) {
+    Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    std::atomic<Handle*> self{nullptr};
+    std::atomic<pid_t> tid{0};
+    DWORD result = 99;
+    std::thread target([&] {
+        self = GetCurrentThread();
+        tid = tvtest::CurrentTid();
+        result = WaitForSingleObjectEx(ev, INFINITE, TRUE);
+    });
+    while (tid.load() == 0 || self.load() == nullptr) std::this_thread::yield();
+    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid.load()));
+    apc_value = 0;
+    QueueUserAPC(RecordApc, self.load(), 9);
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(ev, 300, FALSE)) << "target still waits";
+    SetEvent(ev);
+    target.join();
+    EXPECT_EQ(WAIT_OBJECT_0, result);
+    EXPECT_EQ(0, apc_value.load());
+    CloseHandle(ev);
+}
+
+namespace {
+std::atomic<long> spins{0};
+std::atomic<bool> stop_spinning{false};
+DWORD Spin(void*) {
+    while (!stop_spinning) {
+        ++spins;
+        sched_yield();
+    }
+    return 0;
+}
+}  // namespace
+
+TEST(Thread, SuspendAndResumeCounts) {
+    DWORD id = 0;
+    Handle* t = CreateThread(nullptr, 0, Spin, nullptr, 0, &id);
+    while (spins.load() == 0) std::this_thread::yield();
+    EXPECT_EQ(0u, ResumeThread(t)) << "not suspended";
+    EXPECT_EQ(0u, SuspendThread(t));
+    EXPECT_EQ(1u, SuspendThread(t));
+    // Once the signal has been handled the counter stops moving.
+    long a = spins.load(), b = -1;
+    for (int i = 0; i < 1000 && a != b; ++i) {
+        b = a;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        a = spins.load();
+    }
+    ASSERT_EQ(a, b) << "suspended thread kept running";
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(a, spins.load());
+    EXPECT_EQ(2u, ResumeThread(t));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(a, spins.load()) << "runs again only after the last resume";
+    EXPECT_EQ(1u, ResumeThread(t));
+    while (spins.load() == a) std::this_thread::yield();
+    stop_spinning = true;
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, 20000, FALSE));
+    CloseHandle(t);
+}

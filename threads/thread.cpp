@@ -1,0 +1,278 @@
+// Thread objects: POSIX threads presented as Windows thread handles.
+//
+// A thread made by CreateThread starts in KwThreadBase, which first waits on
+// the start gate (a CriticalSection its creator holds until the handle is
+// complete), so user code never runs before CreateThread has returned a
+// usable handle. The thread's context owns one reference to its thread
+// object; when the thread ends the context marks the object exited and, if
+// anyone else holds the handle, signals its synchronisation event.
+#include <errno.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <exception>
+#include <iostream>
+
+#include "threads/thread_signals.h"
+#include "tvcommonutil/handles.h"
+#include "tvcommonutil/threads.h"
+
+TvPlatformThread::TvPlatformThread(pthread_t tid, int initialCount)
+    : Handle(initialCount),
+      tid_(tid),
+      state_(kThreadRunning),
+      wakeFlag_(0),
+      suspendCount_(0),
+      alertableWait_(nullptr) {
+    pthread_mutex_init(&mutex_, nullptr);
+    // Made now so that the end of the thread always has an event to set.
+    int ignored = 0;
+    Handle::GetSynch(ignored);
+}
+
+TvPlatformThread::~TvPlatformThread() { pthread_mutex_destroy(&mutex_); }
+
+int TvPlatformThread::What() { return kHandleThread; }
+
+pthread_t TvPlatformThread::GetTid() const { return __atomic_load_n(&tid_, __ATOMIC_ACQUIRE); }
+
+void TvPlatformThread::SetTid(pthread_t tid) { __atomic_store_n(&tid_, tid, __ATOMIC_RELEASE); }
+
+void TvPlatformThread::SetState(ThreadState_t state) {
+    pthread_mutex_lock(&mutex_);
+    state_ = state;
+    pthread_mutex_unlock(&mutex_);
+}
+
+ThreadState_t TvPlatformThread::GetState() {
+    pthread_mutex_lock(&mutex_);
+    ThreadState_t s = state_;
+    pthread_mutex_unlock(&mutex_);
+    return s;
+}
+
+unsigned long TvPlatformThread::WaitForHandle(unsigned long ms, int alertable) {
+    pthread_mutex_lock(&mutex_);
+    if (state_ == kThreadExited) {
+        pthread_mutex_unlock(&mutex_);
+        return WAIT_OBJECT_0;
+    }
+    if (ms == 0) {
+        pthread_mutex_unlock(&mutex_);
+        return WAIT_TIMEOUT;
+    }
+    int signalled = 0;
+    Event* e = Handle::GetSynch(signalled);
+    pthread_mutex_unlock(&mutex_);
+    if (e == nullptr) return WAIT_FAILED;
+    if (signalled) {
+        // Pass the end on to any other waiter of this handle.
+        Signal();
+        return WAIT_OBJECT_0;
+    }
+    unsigned long r = e->WaitForHandle(ms, alertable);
+    if (r == WAIT_OBJECT_0) {
+        // The event is auto-reset and set once at the thread's end; hand it
+        // on so that every thread waiting on this handle wakes.
+        Signal();
+    }
+    return r;
+}
+
+unsigned long TvPlatformThread::WaitForMultipleHandles(unsigned long, Handle**, int, unsigned long,
+                                                       int) {
+    std::cerr << "TvPlatformThread::WaitForMultiple: called without an event!" << std::endl;
+    return WAIT_FAILED;
+}
+
+Event* TvPlatformThread::GetSynch(int& signalled) {
+    Event* e = Handle::GetSynch(signalled);
+    if (!signalled && GetState() == kThreadExited) signalled = 1;
+    return e;
+}
+
+void TvPlatformThread::QueueAPC(void (*fn)(void*, void*, void*), void* a1, void* a2, void* a3) {
+    pthread_mutex_lock(&mutex_);
+    if (state_ == kThreadExited) {
+        pthread_mutex_unlock(&mutex_);
+        return;
+    }
+    apcs_.push_back(_threadapc{fn, a1, a2, a3});
+    if (wakeFlag_) pthread_kill(GetTid(), tv::detail::ApcSignal());
+    Event* waiting = alertableWait_;
+    if (waiting) waiting->IncRefCount();
+    pthread_mutex_unlock(&mutex_);
+    if (waiting) {
+        // The target sleeps in an alertable timed wait on this event; it
+        // checks for APCs under the event's mutex before each sleep, so a
+        // broadcast taken under that mutex cannot be missed.
+        waiting->WakeForApc();
+        waiting->DecRefCount();
+    }
+}
+
+bool TvPlatformThread::HasPendingAPC() {
+    pthread_mutex_lock(&mutex_);
+    bool pending = !apcs_.empty();
+    pthread_mutex_unlock(&mutex_);
+    return pending;
+}
+
+int TvPlatformThread::CheckAPC() {
+    pthread_mutex_lock(&mutex_);
+    wakeFlag_ = 0;
+    if (apcs_.empty()) {
+        // The thread may be about to sleep: a new APC must send the signal.
+        wakeFlag_ = 1;
+        pthread_mutex_unlock(&mutex_);
+        return 0;
+    }
+    // Each APC runs without the mutex held, so that an APC may wait
+    // alertably or queue further APCs; those queued meanwhile run in this
+    // same pass.
+    while (!apcs_.empty()) {
+        _threadapc apc = apcs_.front();
+        apcs_.pop_front();
+        pthread_mutex_unlock(&mutex_);
+        apc.fn(apc.a1, apc.a2, apc.a3);
+        pthread_mutex_lock(&mutex_);
+    }
+    pthread_mutex_unlock(&mutex_);
+    return 1;
+}
+
+void TvPlatformThread::EnterAlertableWait(Event* e) {
+    pthread_mutex_lock(&mutex_);
+    alertableWait_ = e;
+    pthread_mutex_unlock(&mutex_);
+}
+
+void TvPlatformThread::LeaveAlertableWait() {
+    pthread_mutex_lock(&mutex_);
+    alertableWait_ = nullptr;
+    pthread_mutex_unlock(&mutex_);
+}
+
+unsigned long TvPlatformThread::Suspend() {
+    long count = InterlockedIncrement(&suspendCount_);
+    if (count == 1 && pthread_kill(GetTid(), tv::detail::SuspendSignal()) != 0) {
+        InterlockedDecrement(&suspendCount_);
+        return 0xFFFFFFFFUL;
+    }
+    return static_cast<unsigned long>(count - 1);
+}
+
+unsigned long TvPlatformThread::Resume() {
+    if (__atomic_load_n(&suspendCount_, __ATOMIC_ACQUIRE) == 0) return 0;
+    long count = InterlockedDecrement(&suspendCount_);
+    if (count == 0 && pthread_kill(GetTid(), tv::detail::ResumeSignal()) != 0) {
+        InterlockedIncrement(&suspendCount_);
+        return 0xFFFFFFFFUL;
+    }
+    return static_cast<unsigned long>(count + 1);
+}
+
+// ---------------------------------------------------------------------------
+
+namespace {
+
+void TerminateThroughAbort() { kw_abort(); }
+
+}  // namespace
+
+void* KwThreadBase(void* p) {
+    ThreadArgs* args = static_cast<ThreadArgs*>(p);
+    ThreadContext* ctx = GetThreadContext();
+    std::set_terminate(TerminateThroughAbort);
+    // Wait until the creator has finished making the handle.
+    args->gate->Lock();
+    args->gate->Unlock();
+    delete args->gate;
+    TvPlatformThread* self = args->thread;
+    DWORD (*start)(void*) = args->start;
+    void* param = args->param;
+    delete args;
+    ctx->SetCurrentThread(self);
+    DWORD result = start(param);
+    return reinterpret_cast<void*>(result);
+}
+
+Handle* CreateThread(SECURITY_ATTRIBUTES*, DWORD, DWORD (*start)(void*), void* param, DWORD,
+                     DWORD* threadId) {
+    tv::detail::EnsureThreadSignals();
+    CriticalSection* gate = new CriticalSection();
+    ThreadArgs* args = new ThreadArgs{start, param, gate, nullptr};
+    gate->Lock();
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setscope(&attr, PTHREAD_SCOPE_SYSTEM);
+    pthread_t tid;
+    int rc = unixthread_create(&tid, &attr, KwThreadBase, args);
+    pthread_attr_destroy(&attr);
+    if (rc != 0) {
+        gate->Unlock();
+        delete gate;
+        delete args;
+        return nullptr;
+    }
+    // One reference for the caller, one for the new thread's context.
+    TvPlatformThread* t = new TvPlatformThread(tid, 1);
+    t->IncRefCount();
+    args->thread = t;
+    if (threadId) *threadId = static_cast<DWORD>(tid);
+    gate->Unlock();
+    return t;
+}
+
+Handle* GetCurrentThread() {
+    ThreadContext* ctx = GetThreadContext();
+    TvPlatformThread* t = ctx->GetCurrentThread();
+    if (t == nullptr) {
+        t = new TvPlatformThread(pthread_self(), 1);
+        ctx->SetCurrentThread(t);
+    }
+    return t;
+}
+
+void ExitThread(DWORD) { pthread_exit(nullptr); }
+
+BOOL TerminateThread(Handle*, DWORD) { return TRUE; }
+
+DWORD SuspendThread(Handle* h) { return static_cast<TvPlatformThread*>(h)->Suspend(); }
+
+DWORD ResumeThread(Handle* h) { return static_cast<TvPlatformThread*>(h)->Resume(); }
+
+BOOL SetThreadPriority(Handle*, int) { return FALSE; }
+
+int GetThreadPriority(Handle* h) {
+    int policy = 0;
+    sched_param param;
+    memset(&param, 0, sizeof param);
+    int rc = pthread_getschedparam(static_cast<TvPlatformThread*>(h)->GetTid(), &policy, &param);
+    return rc != 0 ? rc : param.sched_priority;
+}
+
+int unixthread_attr_init(pthread_attr_t* attr) { return pthread_attr_init(attr); }
+
+int unixthread_create(pthread_t* tid, pthread_attr_t* attr, void* (*start)(void*), void* arg) {
+    return pthread_create(tid, attr, start, arg);
+}
+
+int unixthread_create_detached(void* (*start)(void*), void* arg) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_t tid;
+    int rc = pthread_create(&tid, &attr, start, arg);
+    pthread_attr_destroy(&attr);
+    if (rc != 0) {
+        fprintf(stderr, "unixthread_create_detached: pthread_create failed, err=%s\n",
+                strerror(rc));
+        return rc;
+    }
+    return 0;
+}
