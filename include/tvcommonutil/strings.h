@@ -17,16 +17,21 @@
 
 class TV_API CKWString {
 public:
-    static const unsigned int npos;
+    // All bits set: what every search returns on a miss, and the "to the end"
+    // length. As an int argument it reads as -1.
+    static const unsigned int npos = 0xFFFFFFFFu;
 
     CKWString();
     CKWString(const char* s);  // NOLINT(google-explicit-constructor): callers rely on it
     CKWString(const CKWString& other);
+    CKWString(CKWString&& other) noexcept;
     CKWString(const std::string& s);  // NOLINT(google-explicit-constructor)
     ~CKWString();
 
+    // A null pointer empties the string.
     CKWString& operator=(const char* s);
     CKWString& operator=(const CKWString& other);
+    CKWString& operator=(CKWString&& other) noexcept;
 
     const char* c_str() const { return s_.c_str(); }
     operator const char*() const { return s_.c_str(); }  // NOLINT
@@ -44,36 +49,47 @@ public:
     CKWString& operator+=(const char* s);
     CKWString& operator+=(char c);
     CKWString& append(const char* s);
+    // At most n bytes of s from pos (n may be npos); a pos past the end of s
+    // throws std::out_of_range, as for std::string::assign.
     CKWString& assign(const char* s, int pos, int n);
-    CKWString& erase(int pos = 0, int n = static_cast<int>(npos));
-    CKWString substr(int pos = 0, int n = static_cast<int>(npos)) const;
+    CKWString& erase(int pos = 0, int n = -1);
+    CKWString substr(int pos = 0, int n = -1) const;
     // The last n bytes; n is not clamped to the length (std::out_of_range
     // is thrown when n exceeds it, as for substr).
     CKWString Right(int n) const;
 
+    // tolower / isspace of the current locale, byte by byte.
     CKWString& MakeLower();
     CKWString& TrimLeft();
     CKWString& TrimRight();
     CKWString& replace(char from, char to);
     // Replaces every non-overlapping occurrence of from, left to right.
-    // from must not be empty.
+    // Callers never pass an empty from; if one arrives the string is left
+    // unchanged rather than matching at every position.
     CKWString& replace(const CKWString& from, const CKWString& to);
     CKWString& replace(char from, const CKWString& to);
     CKWString& replace(const CKWString& from, char to);
     // Backslashes become forward slashes in place; returns a copy.
     CKWString MakeForwardSlash();
 
-    // sprintf into the string. The buffer is sized by a pre-scan estimate of
-    // strlen(fmt) + 100 plus the length of every plain %s / %.*s argument;
-    // output beyond the estimate is cut there, never written past it.
+    // sprintf into the string. The room is a pre-scan estimate: strlen(fmt)
+    // + 100, plus the length of every %s / %<width>s argument and the
+    // precision and string of every %.*s. A conversion written with a flag,
+    // a precision or a length modifier (%-20s, %.3s, %ld) is not counted, so
+    // padding and long numbers must fit in the spare 100 bytes: anything
+    // beyond the estimate is cut off, never written past it. The result
+    // stops at the first NUL produced (a %c of 0 ends it).
     void Format(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
+    // Searches return the position, or npos when nothing is found. A null
+    // set or pattern counts as the empty string.
     unsigned int find(char c, int pos = 0) const;
     unsigned int find(const char* s, int pos = 0) const;
     unsigned int find(const CKWString& s, int pos = 0) const;
-    unsigned int rfind(char c, int pos = static_cast<int>(npos)) const;
-    unsigned int find_last_of(char c, int pos = static_cast<int>(npos)) const;
-    unsigned int find_last_of(const char* set, int pos = static_cast<int>(npos)) const;
+    unsigned int rfind(char c, int pos = -1) const;
+    unsigned int find_last_of(char c, int pos = -1) const;
+    unsigned int find_last_of(const char* set, int pos = -1) const;
+    // Always searches from position 0.
     unsigned int find_first_of(const char* set) const;
 
     int compare(const CKWString& other) const;
@@ -87,10 +103,12 @@ private:
 class TV_API CKWStringPc : public CKWString {
 public:
     CKWStringPc() {}
-    CKWStringPc(const char* s) : CKWString(s) {}          // NOLINT
-    CKWStringPc(const CKWString& s) : CKWString(s) {}     // NOLINT
+    CKWStringPc(const char* s) : CKWString(s) {}       // NOLINT
+    CKWStringPc(const CKWString& s) : CKWString(s) {}  // NOLINT
 };
 
+// strcasecmp order (POSIX locale, stops at the first NUL): the only
+// ordering of CKWStringPc maps and sets, so "Run" and "RUN" are one key.
 TV_API bool operator<(const CKWStringPc& a, const CKWStringPc& b);
 
 TV_API CKWString operator+(const CKWString& a, const CKWString& b);
@@ -99,6 +117,8 @@ TV_API CKWString operator+(const char* a, const CKWString& b);
 TV_API CKWString operator+(const CKWString& a, char b);
 TV_API CKWString operator+(char a, const CKWString& b);
 
+// Byte-wise, case-sensitive comparisons; a null const char* compares as the
+// empty string.
 TV_API bool operator==(const CKWString& a, const CKWString& b);
 TV_API bool operator!=(const CKWString& a, const CKWString& b);
 TV_API bool operator<(const CKWString& a, const CKWString& b);
