@@ -141,7 +141,7 @@ unsigned long Event::WaitForHandle(unsigned long ms, int alertable) {
     TvPlatformThread* self = nullptr;
     if (alertable && ms != 0 && ms != INFINITE) {
         self = static_cast<TvPlatformThread*>(GetCurrentThread());
-        self->EnterAlertableWait(this);
+        self->EnterAlertableWait(this, [](Handle* h) { static_cast<Event*>(h)->WakeForApc(); });
     }
     struct AlertableScope {
         TvPlatformThread* t;

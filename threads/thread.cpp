@@ -26,7 +26,8 @@ TvPlatformThread::TvPlatformThread(pthread_t tid, int initialCount)
       state_(kThreadRunning),
       wakeFlag_(0),
       suspendCount_(0),
-      alertableWait_(nullptr) {
+      alertableWait_(nullptr),
+      alertableWake_(nullptr) {
     pthread_mutex_init(&mutex_, nullptr);
     // Made now so that the end of the thread always has an event to set.
     int ignored = 0;
@@ -102,14 +103,15 @@ void TvPlatformThread::QueueAPC(void (*fn)(void*, void*, void*), void* a1, void*
     }
     apcs_.push_back(_threadapc{fn, a1, a2, a3});
     if (wakeFlag_) pthread_kill(GetTid(), tv::detail::ApcSignal());
-    Event* waiting = alertableWait_;
+    Handle* waiting = alertableWait_;
+    void (*wake)(Handle*) = alertableWake_;
     if (waiting) waiting->IncRefCount();
     pthread_mutex_unlock(&mutex_);
     if (waiting) {
-        // The target sleeps in an alertable timed wait on this event; it
-        // checks for APCs under the event's mutex before each sleep, so a
-        // broadcast taken under that mutex cannot be missed.
-        waiting->WakeForApc();
+        // The target sleeps in an alertable timed wait on this object; it
+        // checks for APCs under the object's lock before each sleep, so a
+        // wake-up taken under that lock cannot be missed.
+        wake(waiting);
         waiting->DecRefCount();
     }
 }
@@ -144,15 +146,17 @@ int TvPlatformThread::CheckAPC() {
     return 1;
 }
 
-void TvPlatformThread::EnterAlertableWait(Event* e) {
+void TvPlatformThread::EnterAlertableWait(Handle* object, void (*wake)(Handle*)) {
     pthread_mutex_lock(&mutex_);
-    alertableWait_ = e;
+    alertableWait_ = object;
+    alertableWake_ = wake;
     pthread_mutex_unlock(&mutex_);
 }
 
 void TvPlatformThread::LeaveAlertableWait() {
     pthread_mutex_lock(&mutex_);
     alertableWait_ = nullptr;
+    alertableWake_ = nullptr;
     pthread_mutex_unlock(&mutex_);
 }
 

@@ -60,9 +60,10 @@ public:
     ThreadState_t GetState();
     long GetSuspendCount() const { return suspendCount_; }
 
-    // Internal: an alertable timed wait records the event it sleeps on, so
-    // that QueueAPC can wake it.
-    void EnterAlertableWait(Event* e);
+    // Internal: an alertable timed wait records the object it sleeps on and
+    // how to wake it, so that QueueAPC can end the wait. `wake` must make the
+    // waiter re-check HasPendingAPC() under the lock it checks it under.
+    void EnterAlertableWait(Handle* object, void (*wake)(Handle*));
     void LeaveAlertableWait();
 
 private:
@@ -72,7 +73,8 @@ private:
     std::deque<_threadapc> apcs_;
     int wakeFlag_;
     long suspendCount_;
-    Event* alertableWait_;
+    Handle* alertableWait_;
+    void (*alertableWake_)(Handle*);
 };
 
 // The start record handed to a new thread.
