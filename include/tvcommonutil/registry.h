@@ -91,9 +91,8 @@ private:
 
     int fd_;
     std::string path_;
-    long lockCount_;   // nested holders; only with the hold flag, else 0
-    bool fdClosed_;    // CloseFile() closed fd_ but left its value in place
+    long lockCount_;  // nested holders; only with the hold flag, else 0
+    bool fdClosed_;   // CloseFile() closed fd_ but left its value in place
 };
-
 
 #endif  // TVCOMMONUTIL_REGISTRY_H
