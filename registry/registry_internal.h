@@ -194,6 +194,7 @@ public:
     bool Purge(int flag, std::vector<RegKey*>& woken);
     // After a successful write: nothing of this subtree is pending any more.
     void CommitWritten();
+    void DropValues();
     // Deletes every child (exclusive cache lock held, or single-threaded).
     void DropChildren();
 

@@ -458,23 +458,10 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
         }
         if (!c->IsDeleted()) childAlive = true;
     }
-    bool valuesChanged = false;
     bool pendingValue = false;
-    for (auto it = values_.begin(); it != values_.end();) {
-        if (it->second.IsPending()) {
-            pendingValue = true;
-            ++it;
-        } else if (!it->second.Validate(gen)) {
-            RemoveValueName(it->second.GetName());
-            it = values_.erase(it);
-            valuesChanged = true;
-        } else {
-            ++it;
-        }
-    }
-    if (valuesChanged) BumpRevision();
+    for (auto& kv : values_) pendingValue = pendingValue || kv.second.IsPending();
     bool stays = true;
-    if (parent_ != nullptr && !deletedByMe_) {
+    if (parent_ != nullptr && !IsDeleted()) {
         const bool lineSeen = lineSequence_ == gen;
         const bool pathSeen = sequence_ == gen;
         const bool local = pending_ || pendingValue;
@@ -489,13 +476,33 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
                 stays = false;
             }
         }
-        if (!stays && (opens_ > 0 || !subkeys_.empty())) {
-            // Still open here: keep it, marked deleted, until the last close.
-            MarkDeleted(true, false);
-            stays = true;
-        }
-        if ((!stays || valuesChanged) && NeedsWakeup()) woken.push_back(this);
+    } else if (parent_ != nullptr && !deletedByMe_) {
+        // Deleted by another process earlier and still open here: the file
+        // would have brought it back to life had it held it again.
+        stays = false;
     }
+    if (!stays && (opens_ > 0 || !subkeys_.empty())) {
+        // Still open here: kept, marked deleted, with the values it had, so
+        // its handles read what they read before; gone at the last close.
+        if (!IsDeleted() && NeedsWakeup()) woken.push_back(this);
+        MarkDeleted(true, false);
+        Unlock();
+        return true;
+    }
+    bool valuesChanged = false;
+    if (stays && !IsDeleted()) {
+        for (auto it = values_.begin(); it != values_.end();) {
+            if (!it->second.IsPending() && !it->second.Validate(gen)) {
+                RemoveValueName(it->second.GetName());
+                it = values_.erase(it);
+                valuesChanged = true;
+            } else {
+                ++it;
+            }
+        }
+    }
+    if (valuesChanged) BumpRevision();
+    if ((!stays || valuesChanged) && NeedsWakeup()) woken.push_back(this);
     Unlock();
     return stays;
 }
@@ -508,6 +515,11 @@ void RegKey::CommitWritten() {
     for (auto& kv : values_) kv.second.SetPending(false);
     for (auto& kv : subkeys_) kv.second->CommitWritten();
     Unlock();
+}
+
+void RegKey::DropValues() {
+    values_.clear();
+    valueNames_.clear();
 }
 
 void RegKey::DropChildren() {
@@ -580,6 +592,7 @@ RegKey* FindKey(RegKey* start, const char* path, int create, int& created, FindM
                     index = 0;
                     return nullptr;
                 }
+                if (!fromFile && !child->IsDeletedByMe()) child->DropValues();
                 child->Revive(!fromFile);
             }
         }
@@ -611,6 +624,18 @@ RegKey* FindKey(RegKey* start, const char* path, int create, int& created, FindM
             }
             key->MarkLineSeen();
         } else {
+            if (key->IsDeleted() && !key->IsDeletedByMe()) {
+                // Deleted by another process and only still here because it
+                // is open: gone for an open, a new empty key for a create.
+                if (!create) {
+                    key->Unlock();
+                    parent->Unlock();
+                    index = 0;
+                    return nullptr;
+                }
+                key->DropValues();
+                created = 1;
+            }
             if (key->IsDeleted()) key->Revive(true);
             if (key->GetIndex() == 0) {
                 // An intermediate key opened through the API gets a number of

@@ -51,8 +51,8 @@ TEST(RegistryApi, OpenCreateAndResultCodes) {
 
     DWORD disp = 0;
     HKEY w = 0;
-    ASSERT_EQ(0, RegCreateKeyEx(0, "Software\\Vendor", 0, nullptr, 0, KEY_WRITE, nullptr, &w,
-                                &disp));
+    ASSERT_EQ(0,
+              RegCreateKeyEx(0, "Software\\Vendor", 0, nullptr, 0, KEY_WRITE, nullptr, &w, &disp));
     EXPECT_EQ(REG_CREATED_NEW_KEY, disp);
     EXPECT_NE(0, w & KEY_WRITE_HANDLE_BIT);
     EXPECT_NE(0, w & KEY_INDEX_MASK);
@@ -119,8 +119,8 @@ TEST(RegistryApi, QuerySizesAndTypes) {
     EXPECT_EQ(REG_MULTI_SZ, type);
     EXPECT_EQ(std::string("a\0b\0c\0\0", 7), std::string(buf, size));
     size = sizeof buf;
-    ASSERT_EQ(0, RegQueryValueEx(h, "EmptyMulti", nullptr, &type, reinterpret_cast<BYTE*>(buf),
-                                 &size));
+    ASSERT_EQ(
+        0, RegQueryValueEx(h, "EmptyMulti", nullptr, &type, reinterpret_cast<BYTE*>(buf), &size));
     EXPECT_EQ(1u, size);
 
     // A DWORD of 31: "0x1f" through RegSetValueEx, "31" through a batch.
@@ -192,15 +192,15 @@ TEST(RegistryApi, EnumerationAndInfo) {
     EXPECT_STREQ("alpha", name);
 
     DWORD subKeys = 0, maxSub = 0, values = 0, maxName = 0, maxData = 0;
-    ASSERT_EQ(0, RegQueryInfoKey(h, nullptr, nullptr, nullptr, &subKeys, &maxSub, nullptr,
-                                 &values, &maxName, &maxData, nullptr, nullptr));
+    ASSERT_EQ(0, RegQueryInfoKey(h, nullptr, nullptr, nullptr, &subKeys, &maxSub, nullptr, &values,
+                                 &maxName, &maxData, nullptr, nullptr));
     EXPECT_EQ(2u, subKeys);
     EXPECT_EQ(5u, maxSub);
     EXPECT_EQ(2u, values);
     EXPECT_EQ(6u, maxName);
     EXPECT_EQ(2u, maxData);
-    EXPECT_EQ(-1, RegQueryInfoKey(0x3456789, nullptr, nullptr, nullptr, &subKeys, nullptr,
-                                  nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(-1, RegQueryInfoKey(0x3456789, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr,
+                                  nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(0, RegCloseKey(h));
 }
 
@@ -248,8 +248,8 @@ TEST(RegistryApi, DeletedKeyWhileOpen) {
 
     // Opening it again revives it, values and all.
     HKEY again = 0;
-    ASSERT_EQ(0, RegCreateKeyEx(parent, "C", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &again,
-                                nullptr));
+    ASSERT_EQ(0,
+              RegCreateKeyEx(parent, "C", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &again, nullptr));
     EXPECT_EQ(child, again);
     EXPECT_EQ("1", GetSz(again, "V"));
     EXPECT_EQ(0, RegCloseKey(again));

@@ -64,8 +64,8 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     EXPECT_EQ(10223 | KEY_WRITE_HANDLE_BIT, sw);
 
     const char root[] = "/srv/app";
-    ASSERT_EQ(0, RegSetValueEx(sw, "Root", 0, REG_SZ, reinterpret_cast<const BYTE*>(root),
-                               sizeof root));
+    ASSERT_EQ(
+        0, RegSetValueEx(sw, "Root", 0, REG_SZ, reinterpret_cast<const BYTE*>(root), sizeof root));
     unsigned long clients = 64;
     ASSERT_EQ(0, RegSetValueEx(sw, "MaxClients", 0, REG_DWORD,
                                reinterpret_cast<const BYTE*>(&clients), sizeof clients));
@@ -120,8 +120,8 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     char multi[64];
     DWORD size = sizeof multi;
     DWORD type = 0;
-    ASSERT_EQ(0, RegQueryValueEx(again, "Hosts", nullptr, &type, reinterpret_cast<BYTE*>(multi),
-                                 &size));
+    ASSERT_EQ(
+        0, RegQueryValueEx(again, "Hosts", nullptr, &type, reinterpret_cast<BYTE*>(multi), &size));
     EXPECT_EQ(REG_MULTI_SZ, type);
     EXPECT_EQ(std::string("alpha\0beta\0", 11), std::string(multi, size));
     EXPECT_EQ(0, RegCloseKey(again));
@@ -164,8 +164,8 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
     EXPECT_EQ("x", QuerySz(hex, "two words"));
     EXPECT_EQ(31u, QueryDword(hex, "Num"));
     EXPECT_EQ(31u, QueryDword(hex, "Dec"));
-    for (const char* ignored : {"NoSemicolon", "NoEquals", "NoType", "BadType", "TrailingBlank",
-                                "Semi", "Orphan"}) {
+    for (const char* ignored :
+         {"NoSemicolon", "NoEquals", "NoType", "BadType", "TrailingBlank", "Semi", "Orphan"}) {
         EXPECT_EQ("<13>", QuerySz(hex, ignored)) << ignored;
     }
     DWORD subKeys = 99, values = 99;
@@ -270,9 +270,9 @@ TEST(RegistryFile, ReaderSurvivesOddBytes) {
     close(fd);
     long index = -1;
     int created = 0;
-    tv::detail::RegKey* big = tv::detail::FindKey(tv::detail::RegistryKeys(),
-                                                  "HKEY_LOCAL_MACHINE\\Big", 0, created,
-                                                  tv::detail::FindMode::kLoad, index, 0);
+    tv::detail::RegKey* big =
+        tv::detail::FindKey(tv::detail::RegistryKeys(), "HKEY_LOCAL_MACHINE\\Big", 0, created,
+                            tv::detail::FindMode::kLoad, index, 0);
     ASSERT_NE(nullptr, big);
     EXPECT_GT(big->GetIndex(), 0);  // an unusable number is replaced
     EXPECT_LE(big->GetIndex(), KEY_INDEX_MASK);
