@@ -156,7 +156,7 @@ public:
     bool GetValue(const char* name, int& value);  // 1 for non-zero, else 0
     bool GetValue(const char* name, unsigned char* data, unsigned long* size);
     bool GetValue(const char* name, unsigned char* data, unsigned long& size);
-    // Values of 1024 bytes or more fail with ERROR_MORE_DATA.
+    // A string of 1024 characters or more fails with ERROR_MORE_DATA.
     bool GetValue(const char* name, SharedBasicString<char>& value);
     // Deletes the child of this key that bears the constructor's subKey as
     // its name (deliberately not the key itself).
