@@ -501,8 +501,8 @@ void CleanSystemResources() {
         semctl(g_semId, 0, IPC_RMID);
         shmctl(g_shmId, IPC_RMID, nullptr);
     }
+    RegUnlockRegistryFile();  // on a removed set the semaphore part fails harmlessly
     __atomic_store_n(&g_shm, static_cast<SharedRegistryRecord*>(nullptr), __ATOMIC_RELEASE);
-    RegUnlockRegistryFile();  // on a removed set this fails harmlessly
     shmdt(shm);
     g_shmId = -1;
     g_semId = -1;
