@@ -254,11 +254,12 @@ void RegKey::Print(PrintSink& out, int recurse, int clearDirty) {
         out.text += '\n';
     }
     if (clearDirty) dirty_ = 0;
-    out.MaybeFlush();
-    if (recurse) {
-        for (auto& kv : subkeys_) kv.second->Print(out, recurse, clearDirty);
-    }
     Unlock();
+    out.MaybeFlush();
+    // The caller holds the exclusive cache lock: the children cannot change.
+    if (recurse) {
+        for (RegKey* c : Children()) c->Print(out, recurse, clearDirty);
+    }
 }
 
 bool RegKey::Print(int fd, int recurse, int clearDirty) {
@@ -278,10 +279,10 @@ void RegKey::Print(std::ostream& out, int recurse, int clearDirty) {
         out << '\n';
     }
     if (clearDirty) dirty_ = 0;
-    if (recurse) {
-        for (auto& kv : subkeys_) kv.second->Print(out, recurse, clearDirty);
-    }
     Unlock();
+    if (recurse) {
+        for (RegKey* c : Children()) c->Print(out, recurse, clearDirty);
+    }
 }
 
 // ---------------------------------------------------------------------------
