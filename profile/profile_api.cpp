@@ -55,14 +55,14 @@ char* LineKey(const char* line) {
 // Whether the key text of line (up to eq, the first '=' or the line's end)
 // equals key under cmp, without copying the line: the lookups walk every line
 // of a section on each read.
-bool LineKeyEquals(const char* line, const char* eq, const char* key,
+bool LineKeyEquals(const char* line, const char* eq, const char* key, size_t keyLen,
                    int (*cmp)(const char*, const char*, size_t)) {
     const char* b = line;
     const char* e = eq != nullptr ? eq : line + strlen(line);
     while (b < e && _yuIsSpace(*b)) ++b;
     while (e > b + 1 && _yuIsSpace(e[-1])) --e;
     size_t len = static_cast<size_t>(e - b);
-    return strlen(key) == len && cmp(b, key, len) == 0;
+    return keyLen == len && cmp(b, key, len) == 0;
 }
 
 // Copies src cut to size - 1 characters; returns the length copied.
@@ -143,12 +143,13 @@ yufiletable* TableForRead(const char* fileName) TV_REQUIRES(yuProfileMutex) {
 
 unsigned long ReadValue(yusection* s, const char* key, const char* defaultValue, char* buffer,
                         unsigned long size) {
+    size_t keyLen = strlen(key);
     for (int i = 0; i < s->lineCount; ++i) {
         const char* line = s->lines[i];
         if (line == nullptr) continue;
         const char* eq = strchr(line, '=');
         if (eq == nullptr) continue;
-        if (!LineKeyEquals(line, eq, key, strncasecmp)) continue;
+        if (!LineKeyEquals(line, eq, key, keyLen, strncasecmp)) continue;
         TextCopy value(eq + 1);
         strip_spaces(value.get());
         strip_quotes(value.get());
@@ -209,7 +210,9 @@ int SetValue(yufiletable* t, char* section, char* key, char* value) TV_REQUIRES(
     }
     for (int i = 0; i < s->lineCount; ++i) {
         const char* line = s->lines[i];
-        if (line == nullptr || !LineKeyEquals(line, strchr(line, '='), key, strncasecmp)) continue;
+        if (line == nullptr ||
+            !LineKeyEquals(line, strchr(line, '='), key, strlen(key), strncasecmp))
+            continue;
         // The existing spelling of the key stays; a trailing comment goes.
         char* lineKey = LineKey(line);
         char* replacement = Format2(lineKey, value);
@@ -253,7 +256,7 @@ int DeleteKey(yufiletable* t, char* section, char* key) TV_REQUIRES(yuProfileMut
             if (line == nullptr) continue;
             // Case-sensitive, unlike every other comparison of the profile
             // code: deleting "Key" leaves "KEY" alone.
-            if (!LineKeyEquals(line, strchr(line, '='), key, strncmp)) continue;
+            if (!LineKeyEquals(line, strchr(line, '='), key, strlen(key), strncmp)) continue;
             if (!yuProfileWriteCaching) {
                 s->lines[i] = nullptr;
                 int flushed = yuFlushProfileToDisk(t);

@@ -95,9 +95,11 @@ private:
     long long consumed_ = 0;
 };
 
-char* Dup(const char* s) {
-    char* d = strdup(s);
+char* Dup(const char* s, size_t len) {
+    char* d = static_cast<char*>(malloc(len + 1));
     if (d == nullptr) abort();
+    memcpy(d, s, len);
+    d[len] = '\0';
     return d;
 }
 
@@ -163,16 +165,20 @@ ParseResult ParseIniStream(FILE* f, yufiletable* t, long long* bytesRead) {
     LineReader reader(f);
     ParseResult result = ParseResult::kOk;
     while (char* line = reader.Next()) {
-        char* trimmed = strip_spaces(line);
+        // Same result as strip_spaces, without moving the text to the front.
+        char* trimmed = line;
+        while (_yuIsSpace(*trimmed)) ++trimmed;
+        size_t len = strlen(trimmed);
+        while (len > 1 && _yuIsSpace(trimmed[len - 1])) trimmed[--len] = '\0';
         bool appended;
         if (const char* close = HeaderNameEnd(trimmed)) {
             char* name = strndup(trimmed + 1, static_cast<size_t>(close - trimmed - 1));
             if (name == nullptr) abort();
-            yusection* s = NewProfileSection(name, Dup(trimmed));
+            yusection* s = NewProfileSection(name, Dup(trimmed, len));
             appended = AppendProfileSlot(&t->sections, &t->sectionCount, s);
             if (!appended) FreeProfileSection(s);
         } else {
-            char* copy = Dup(trimmed);
+            char* copy = Dup(trimmed, len);
             if (t->sectionCount == 0) {
                 appended = AppendProfileSlot(&t->headerLines, &t->headerCount, copy);
             } else {
