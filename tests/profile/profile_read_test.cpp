@@ -224,6 +224,7 @@ TEST(ProfileRead, TablesHoldTheTrimmedLinesVerbatim) {
     std::string f = dir.file("t.ini");
     tvtest::WriteFile(f, "  ; head  \n\n[A] ; c\n  x = 1 ; y  \n\n[B]\n");
     tv::detail::ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+    EXPECT_FALSE(tv::detail::ProfileMutexNeedsInit());
     ASSERT_EQ(tv::detail::ReadIniFile(f.c_str(), &tv::detail::pYUFileTable), 1);
     tv::detail::yufiletable* t = tv::detail::pYUFileTable;
     EXPECT_STREQ(t->name, f.c_str());
