@@ -96,8 +96,9 @@ bool ParseConversion(const char* begin, const char* end, char* spec, ArgKind* ki
             // wchar_t string or character the caller never supplied.
             if (wide) return false;
             narrow = "";
-            *kind = conv == 'c' ? ArgKind::kChar
-                                : conv == 's' ? ArgKind::kString : ArgKind::kPointer;
+            *kind = conv == 'c'   ? ArgKind::kChar
+                    : conv == 's' ? ArgKind::kString
+                                  : ArgKind::kPointer;
             break;
         default:
             return false;

@@ -59,22 +59,26 @@ hostent* tv_gethostbyname(const char* name, hostent* entry, char* buffer, int bu
     }
     hostent* result = nullptr;
     int herr = 0;
-    int rc = gethostbyname_r(name, entry, buffer, static_cast<size_t>(bufferLength), &result,
-                             &herr);
+    int rc =
+        gethostbyname_r(name, entry, buffer, static_cast<size_t>(bufferLength), &result, &herr);
     return rc == 0 && result == entry ? entry : nullptr;
 }
 
-bool CTvOS::isWin2K3() { return false; }
+bool CTvOS::isWin2K3() {
+    return false;
+}
 
-bool CTvOS::tv_DnsQuery(std::string, std::string&, int&) { return false; }
+bool CTvOS::tv_DnsQuery(std::string, std::string&, int&) {
+    return false;
+}
 
 bool CTvOS::tv_gethostbyaddr(std::string ipText, std::string& name) {
     in_addr_t addr = inet_addr(ipText.c_str());
     hostent entry;
     hostent_data data;
     int error = 0;
-    if (cagethostbyaddr(reinterpret_cast<const char*>(&addr), 4, AF_INET, &entry, &data,
-                        &error) == nullptr) {
+    if (cagethostbyaddr(reinterpret_cast<const char*>(&addr), 4, AF_INET, &entry, &data, &error) ==
+        nullptr) {
         return false;
     }
     name = entry.h_name ? entry.h_name : "";
@@ -86,8 +90,8 @@ bool CTvOS::tv_gethostbyaddr(std::string ipText, std::string& name, std::string&
     hostent entry;
     hostent_data data;
     int error = 0;
-    if (cagethostbyaddr(reinterpret_cast<const char*>(&addr), 4, AF_INET, &entry, &data,
-                        &error) != nullptr) {
+    if (cagethostbyaddr(reinterpret_cast<const char*>(&addr), 4, AF_INET, &entry, &data, &error) !=
+        nullptr) {
         name = entry.h_name ? entry.h_name : "";
         if (entry.h_addr_list && entry.h_addr_list[0]) {
             in_addr first;
@@ -103,8 +107,7 @@ bool CTvOS::tv_gethostbyaddr(std::string ipText, std::string& name, std::string&
     return false;
 }
 
-hostent* CTvOS::tv_gethostbyname(std::string name, hostent* entry, char* buffer,
-                                 int bufferLength) {
+hostent* CTvOS::tv_gethostbyname(std::string name, hostent* entry, char* buffer, int bufferLength) {
     return ::tv_gethostbyname(name.c_str(), entry, buffer, bufferLength);
 }
 
@@ -124,8 +127,8 @@ bool CTvOS::tv_resolveIP(const char* host, int port, char* numericHost, bool ski
     bool found = false;
     for (addrinfo* ai = list; ai != nullptr && !found; ai = ai->ai_next) {
         if (skipIPv6 && ai->ai_family == AF_INET6) continue;
-        found = getnameinfo(ai->ai_addr, ai->ai_addrlen, numericHost, kNumericHostSize, nullptr,
-                            0, NI_NUMERICHOST) == 0;
+        found = getnameinfo(ai->ai_addr, ai->ai_addrlen, numericHost, kNumericHostSize, nullptr, 0,
+                            NI_NUMERICHOST) == 0;
     }
     freeaddrinfo(list);
     return found;

@@ -67,7 +67,9 @@ bool UnixLibraryName(const char* name, char* out, size_t outSize) {
 
 }  // namespace
 
-HMODULE LoadLibrary(const char* name) { return LoadLibraryEx(name, nullptr, 0); }
+HMODULE LoadLibrary(const char* name) {
+    return LoadLibraryEx(name, nullptr, 0);
+}
 
 HMODULE LoadLibraryEx(const char* name, Handle* /*file: not used*/, unsigned long flags) {
     if (name == nullptr) {

@@ -132,7 +132,9 @@ long UuidCreate(_GUID* uuid) {
     return 0;
 }
 
-long CoCreateGuid(_GUID* uuid) { return UuidCreate(uuid) == 0 ? 0 : 1; }
+long CoCreateGuid(_GUID* uuid) {
+    return UuidCreate(uuid) == 0 ? 0 : 1;
+}
 
 long UuidToString(_GUID* uuid, unsigned char** string) {
     if (string == nullptr || uuid == nullptr) return 1;
