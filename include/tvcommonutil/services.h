@@ -84,8 +84,7 @@ public:
     // The same look-up, also setting addressText to the entry's first address.
     // Deliberately returns false even after a successful look-up: callers of
     // this form judge success by the strings it filled.
-    static bool tv_gethostbyaddr(std::string ipText, std::string& name,
-                                 std::string& addressText);
+    static bool tv_gethostbyaddr(std::string ipText, std::string& name, std::string& addressText);
     static hostent* tv_gethostbyname(std::string name, hostent* entry, char* buffer,
                                      int bufferLength);
     // Resolves host (at most 1025 characters) for a datagram socket on port
