@@ -10,6 +10,11 @@
 #include <string.h>
 #include <uuid/uuid.h>
 
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include <tvcommonutil.h>
 
 namespace {
@@ -108,6 +113,53 @@ void BM_Snprintf3Inserts(benchmark::State& state) {
 }
 BENCHMARK(BM_Snprintf3Inserts);
 
+// Console output as usual, then one line per library/floor pair giving the
+// ratio of their times (the median when repetitions are asked for).
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& r : runs) {
+            bool plain = r.run_type == Run::RT_Iteration;
+            if (!plain && r.aggregate_name != "median") continue;
+            std::string name = r.benchmark_name();
+            std::string suffix = "_" + r.aggregate_name;
+            if (!plain && name.size() > suffix.size() &&
+                name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+                name.resize(name.size() - suffix.size());
+            }
+            times_[name] = {r.GetAdjustedRealTime(), r.GetAdjustedCPUTime()};
+        }
+    }
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        const std::pair<const char*, const char*> pairs[] = {
+            {"BM_UuidCreateToString", "BM_LibuuidGenerateTimeUnparse"},
+            {"BM_UuidToString", "BM_LibuuidUnparse"},
+            {"BM_UuidFromString", "BM_LibuuidParse"},
+            {"BM_FormatMessage3Inserts", "BM_Snprintf3Inserts"},
+        };
+        printf("\nlibrary / floor (real time, CPU time):\n");
+        for (const auto& p : pairs) {
+            auto a = times_.find(p.first);
+            auto b = times_.find(p.second);
+            if (a == times_.end() || b == times_.end()) continue;
+            printf("  %-26s / %-30s %8.2fx %8.2fx\n", p.first, p.second,
+                   a->second.first / b->second.first, a->second.second / b->second.second);
+        }
+    }
+
+private:
+    std::map<std::string, std::pair<double, double>> times_;
+};
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

@@ -114,6 +114,7 @@ bool TakeDistinctTime(uuid_time_t* now, unsigned short* clockSeq) {
 
 long UuidCreate(_GUID* uuid) {
     using namespace tv::detail;
+    if (uuid == nullptr) return 1;
     uuid_address_t node;
     unsigned long error = 0;
     if (uuid_get_address(&node, &error) != 0) return 1;
@@ -144,10 +145,25 @@ long UuidToString(_GUID* uuid, unsigned char** string) {
         *string = nullptr;
         return 2;
     }
-    snprintf(text, kTextArea, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
-             static_cast<unsigned>(uuid->Data1 & 0xFFFFFFFFUL), uuid->Data2, uuid->Data3,
-             uuid->Data4[0], uuid->Data4[1], uuid->Data4[2], uuid->Data4[3], uuid->Data4[4],
-             uuid->Data4[5], uuid->Data4[6], uuid->Data4[7]);
+    // The text of "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x" over
+    // Data1's low 32 bits, Data2, Data3 and Data4[0..7], written directly.
+    static const char kHex[] = "0123456789abcdef";
+    char* p = text;
+    auto put = [&p](unsigned long value, int digits) {
+        for (int shift = (digits - 1) * 4; shift >= 0; shift -= 4)
+            *p++ = kHex[(value >> shift) & 0xF];
+    };
+    put(uuid->Data1 & 0xFFFFFFFFUL, 8);
+    *p++ = '-';
+    put(uuid->Data2, 4);
+    *p++ = '-';
+    put(uuid->Data3, 4);
+    *p++ = '-';
+    put(uuid->Data4[0], 2);
+    put(uuid->Data4[1], 2);
+    *p++ = '-';
+    for (int i = 2; i < 8; ++i) put(uuid->Data4[i], 2);
+    *p = '\0';
     *string = reinterpret_cast<unsigned char*>(text);
     return 0;
 }
