@@ -31,27 +31,27 @@ constexpr size_t kMaxConversion = 40;
 
 enum class ArgKind { kInt, kLong, kUnsigned, kUnsignedLong, kChar, kString, kPointer };
 
-// Turns the text between the '!'s into a printf conversion in spec and says
+// Turns the text between the '!'s into a printf conversion in pattern and says
 // how the 64-bit argument must be passed. False when the text is not one
 // conversion that consumes exactly one argument.
-bool ParseConversion(const char* begin, const char* end, char* spec, ArgKind* kind) {
+bool ParseConversion(const char* begin, const char* end, char* pattern, ArgKind* kind) {
     constexpr size_t kMaxFlags = 8;
     size_t n = 0;
-    spec[n++] = '%';
+    pattern[n++] = '%';
     const char* p = begin;
     while (p < end && strchr("-+ #0", *p) != nullptr) {
         if (n > kMaxFlags) return false;
-        spec[n++] = *p++;
+        pattern[n++] = *p++;
     }
     for (int pass = 0; pass < 2; ++pass) {
         if (pass == 1) {
             if (p == end || *p != '.') break;
-            spec[n++] = *p++;
+            pattern[n++] = *p++;
         }
         int digits = 0;
         while (p < end && isdigit(static_cast<unsigned char>(*p))) {
             if (++digits > kMaxConversionDigits) return false;
-            spec[n++] = *p++;
+            pattern[n++] = *p++;
         }
     }
     // Length modifiers. Every wide one (l, ll, I64, z, j, t) becomes "l",
@@ -103,42 +103,42 @@ bool ParseConversion(const char* begin, const char* end, char* spec, ArgKind* ki
         default:
             return false;
     }
-    if (wide) spec[n++] = 'l';
-    for (const char* m = narrow; *m != '\0'; ++m) spec[n++] = *m;
-    spec[n++] = conv;
-    spec[n] = '\0';
+    if (wide) pattern[n++] = 'l';
+    for (const char* m = narrow; *m != '\0'; ++m) pattern[n++] = *m;
+    pattern[n++] = conv;
+    pattern[n] = '\0';
     return true;
 }
 
-// Formats one argument with spec into out, which holds `cap` bytes, and
+// Formats one argument with pattern into out, which holds `cap` bytes, and
 // returns min(formatted length, cap): the count the insert occupies when
 // copied while room remains. When the insert is cut, snprintf has put a NUL
 // in the last of those bytes instead of a character; the caller's buffer is
 // then full, and that last slot is the one given up for the terminator.
-int FormatOne(char* out, int cap, const char* spec, ArgKind kind, unsigned long value) {
+int FormatOne(char* out, int cap, const char* pattern, ArgKind kind, unsigned long value) {
     int n = -1;
     size_t bytes = static_cast<size_t>(cap);
     switch (kind) {
         case ArgKind::kInt:
-            n = snprintf(out, bytes, spec, static_cast<int>(value));
+            n = snprintf(out, bytes, pattern, static_cast<int>(value));
             break;
         case ArgKind::kLong:
-            n = snprintf(out, bytes, spec, static_cast<long>(value));
+            n = snprintf(out, bytes, pattern, static_cast<long>(value));
             break;
         case ArgKind::kUnsigned:
-            n = snprintf(out, bytes, spec, static_cast<unsigned>(value));
+            n = snprintf(out, bytes, pattern, static_cast<unsigned>(value));
             break;
         case ArgKind::kUnsignedLong:
-            n = snprintf(out, bytes, spec, value);
+            n = snprintf(out, bytes, pattern, value);
             break;
         case ArgKind::kChar:
-            n = snprintf(out, bytes, spec, static_cast<int>(value));
+            n = snprintf(out, bytes, pattern, static_cast<int>(value));
             break;
         case ArgKind::kString:
-            n = snprintf(out, bytes, spec, reinterpret_cast<const char*>(value));
+            n = snprintf(out, bytes, pattern, reinterpret_cast<const char*>(value));
             break;
         case ArgKind::kPointer:
-            n = snprintf(out, bytes, spec, reinterpret_cast<void*>(value));
+            n = snprintf(out, bytes, pattern, reinterpret_cast<void*>(value));
             break;
     }
     if (n < 0) return 0;
@@ -213,10 +213,10 @@ int DoFormatMsg(const char* text, char* out, int size, unsigned long* arguments)
             if (s == nullptr) s = "(null)";
             while (*s != '\0' && written < size) out[written++] = *s++;
         } else {
-            char spec[kMaxConversion];
+            char pattern[kMaxConversion];
             ArgKind kind;
-            if (ParseConversion(fmtBegin, fmtEnd, spec, &kind)) {
-                written += FormatOne(out + written, size - written, spec, kind, value);
+            if (ParseConversion(fmtBegin, fmtEnd, pattern, &kind)) {
+                written += FormatOne(out + written, size - written, pattern, kind, value);
             }
         }
     }
