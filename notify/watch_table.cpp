@@ -162,7 +162,7 @@ void Purge_Dir_Entry(DirDataMap::iterator it) {
     // Write locks are recursive for their owner, so the recursion below takes
     // Dir_Data_lock again without harm. Lookups here must not take it for
     // reading: a read lock is refused to the thread holding the write lock.
-    WriteHolder table(Dir_Data_lock());
+    WriteHolder tableLock(Dir_Data_lock());
     DIR_ENTRY& e = it->second;
     WriteHolder entry(e.lock);
     std::string sub;

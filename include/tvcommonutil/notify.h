@@ -172,7 +172,9 @@ TV_API Handle* FindFirstChangeNotification(const char* path, int watchSubtree,
 // Takes the first registration of h off the watch list; keepHandle non-zero
 // only clears its flags, zero also drops the caller's reference (the handle
 // goes when no completion port holds it any more). Returns 0 in every case,
-// also for a handle that was not registered: callers do not test it.
+// also for a handle that was not registered: callers do not test it. A handle
+// found nowhere is left alone, so a handle collected and not armed again is
+// released with CloseHandle (which also unregisters a registered one).
 TV_API int FindCloseChangeNotification(Handle* h, int keepHandle = 0);
 
 // ---------------------------------------------------------------------------

@@ -28,8 +28,8 @@ struct Port {
     }
     void Add(int i) {
         if (static_cast<size_t>(i) >= buffers.size()) buffers.resize(static_cast<size_t>(i) + 1);
-        auto* h = new ChangeNotificationHandle((tmp.path() + "/m" + std::to_string(i)).c_str(), 0,
-                                               0);
+        auto* h =
+            new ChangeNotificationHandle((tmp.path() + "/m" + std::to_string(i)).c_str(), 0, 0);
         ReadDirectoryChanges(h, &buffers[static_cast<size_t>(i)], 0, 0, 0x1f, nullptr, nullptr,
                              nullptr);
         Handle* p = CreateIoCompletionPort(h, port, static_cast<unsigned long>(i), 0);
@@ -38,7 +38,7 @@ struct Port {
     }
     ~Port() {
         // The port's references keep the members alive until it goes.
-        for (auto* h : members) FindCloseChangeNotification(h, 0);
+        for (auto* h : members) CloseHandle(h);
         CloseHandle(port);
         for (void* b : buffers) delete[] static_cast<char*>(b);
     }

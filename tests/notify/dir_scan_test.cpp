@@ -43,7 +43,7 @@ struct Watched {
         a.Arm(0x1f);
     }
     ~Watched() {
-        if (a.h) FindCloseChangeNotification(a.h, 0);
+        if (a.h) CloseHandle(a.h);
     }
     std::string P(const std::string& name) const { return dir + "/" + name; }
 };

@@ -154,11 +154,11 @@ TEST(WatchTable, DumpFormats) {
     const size_t at = out.find(entry);
     ASSERT_NE(std::string::npos, at) << out;
     ASSERT_EQ(0, lstat((d + "/file").c_str(), &st));
-    const std::string fileLine = "   " + Padded("file", 40) + "   mod: " +
-                                 CTimeTrimmed(st.st_mtime) + " attr: Normal\n";
+    const std::string fileLine =
+        "   " + Padded("file", 40) + "   mod: " + CTimeTrimmed(st.st_mtime) + " attr: Normal\n";
     ASSERT_EQ(0, lstat((d + "/sub").c_str(), &st));
-    const std::string subLine = "   " + Padded("sub", 40) + "/  mod: " + CTimeTrimmed(st.st_mtime) +
-                                " attr: Directory\n";
+    const std::string subLine =
+        "   " + Padded("sub", 40) + "/  mod: " + CTimeTrimmed(st.st_mtime) + " attr: Directory\n";
     // Records follow their entry in name order.
     EXPECT_EQ(at + entry.size(), out.find(fileLine, at)) << out;
     EXPECT_EQ(at + entry.size() + fileLine.size(), out.find(subLine, at)) << out;
