@@ -46,15 +46,18 @@
 #include "tvcommonutil/foundation.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/notify.h"
+#include "tvcommonutil/services.h"
 
 namespace tv {
 namespace detail {
 namespace {
 
-// FILETIME count of a time_t: (t + 11644473600) * 10^7 (the whole value is
-// the low field of the library's 64-bit FILETIME).
+// FILETIME count of a time_t: the whole value lies in the low field of the
+// library's 64-bit FILETIME.
 unsigned long long FileTimeCount(time_t t) {
-    return (static_cast<unsigned long long>(t) + 11644473600ULL) * 10000000ULL;
+    _FILETIME ft;
+    time_tToFileTime(static_cast<long>(t), &ft, 0);
+    return ft.dwLowDateTime;
 }
 
 unsigned long AttributesOf(unsigned long mode) {
