@@ -120,23 +120,36 @@ TEST(Semaphore, ReleaseOfOneWakesExactlyOneOfTwoWaiters) {
     CloseHandle(s);
 }
 
-TEST(Semaphore, ReleaseOfTwoWakesBothWaiters) {
+TEST(Semaphore, ReleaseOfTwoWakesExactlyTwoOfThreeWaiters) {
     Handle* s = CreateSemaphore(nullptr, 0, 10, nullptr);
     Waiter a(s, INFINITE, FALSE);
     Waiter b(s, 20000, TRUE);
     Waiter c(s, 20000, FALSE);
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(a.tid));
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(b.tid));
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(c.tid));
+    Waiter* all[] = {&a, &b, &c};
+    for (Waiter* w : all) ASSERT_TRUE(tvtest::WaitUntilSleeping(w->tid));
     long prev = -1;
-    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 3, &prev));
+    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 2, &prev));
     EXPECT_EQ(0, prev);
-    a.thread.join();
-    b.thread.join();
-    c.thread.join();
-    EXPECT_EQ(WAIT_OBJECT_0, a.result.load());
-    EXPECT_EQ(WAIT_OBJECT_0, b.result.load());
-    EXPECT_EQ(WAIT_OBJECT_0, c.result.load());
+    auto done = [&] {
+        int n = 0;
+        for (Waiter* w : all) n += w->Done() ? 1 : 0;
+        return n;
+    };
+    ASSERT_TRUE(Eventually([&] { return done() == 2; }));
+    Waiter* rest = nullptr;
+    for (Waiter* w : all) {
+        if (w->Done())
+            EXPECT_EQ(WAIT_OBJECT_0, w->result.load());
+        else
+            rest = w;
+    }
+    ASSERT_NE(nullptr, rest);
+    ASSERT_TRUE(tvtest::WaitUntilSleeping(rest->tid));
+    EXPECT_EQ(2, done());
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(s, 0, FALSE));
+    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 1, nullptr));
+    for (Waiter* w : all) w->thread.join();
+    EXPECT_EQ(WAIT_OBJECT_0, rest->result.load());
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(s, 0, FALSE));
     CloseHandle(s);
 }
