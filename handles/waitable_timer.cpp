@@ -23,20 +23,21 @@
 // Lock order: request lock, then a thread object's mutex (QueueAPC from the
 // timer thread), then the mutex of the object that thread sleeps on in an
 // alertable wait (the wake routine QueueAPC calls). The request lock is never
-// taken while one of those is held, and no reference is dropped under it:
-// the last reference to a timer runs its destructor, which takes the lock.
+// taken while one of those is held.
 //
 // Lifetime
 // --------
-// The queue does not own its timers; a timer's destructor unlinks it, so
-// closing the last handle of an armed timer cancels it. The timer thread
-// takes a reference on the head before sleeping on it, but only while the
-// count is still above 0 (TryAddRef): a count of 0 means the destructor has
-// started and waits for the request lock to unlink the timer, so the timer
-// thread unlinks it itself and never touches it again. A timer holds a
-// reference on the thread that armed it, so the APC target stays valid until
-// the timer is re-armed or destroyed; an APC for a thread that has ended is
-// dropped by QueueAPC.
+// The queue does not own its timers: closing the last handle of an armed
+// timer cancels it, since the destructor unlinks it. The timer thread holds
+// no reference either, so a closed timer can never fire; instead the thread
+// records the timer it sleeps on (g_sleepingOn), and a destructor that finds
+// its timer recorded there wakes the thread and waits (on g_sleepAck, with
+// the request lock released) until the thread has woken and cleared the
+// record. After that the thread finds the timer gone from the queue and never
+// touches it again. A timer holds a reference on the thread that armed it, so
+// the APC target stays valid until the timer is re-armed or destroyed; an APC
+// for a thread that has ended is dropped by QueueAPC. References are dropped
+// outside the request lock.
 #include <errno.h>
 #include <pthread.h>
 #include <sched.h>
@@ -53,7 +54,9 @@ namespace {
 // finds them ready.
 pthread_mutex_t g_requestLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_requestQueue = PTHREAD_COND_INITIALIZER;  // CLOCK_REALTIME
-Timer* g_callout = nullptr;                                // guarded by g_requestLock
+pthread_cond_t g_sleepAck = PTHREAD_COND_INITIALIZER;
+Timer* g_callout = nullptr;       // guarded by g_requestLock
+Timer* g_sleepingOn = nullptr;    // guarded by g_requestLock
 Handle* g_timerThread = nullptr;  // written under g_requestLock; atomic loads
 
 class RequestHolder {
@@ -88,8 +91,15 @@ Timer::Timer(int manualReset, const char* name)
 }
 
 Timer::~Timer() {
-    Cancel(this);
-    // Unlinked now, and with a count of 0 no other thread can reach us.
+    {
+        RequestHolder hold;
+        CancelLocked(this);
+        if (g_sleepingOn == this) {
+            pthread_cond_signal(&g_requestQueue);
+            while (g_sleepingOn == this) pthread_cond_wait(&g_sleepAck, &g_requestLock);
+        }
+    }
+    // Out of the queue and out of the timer thread's hands.
     if (owner_) owner_->DecRefCount();
 }
 
@@ -104,19 +114,6 @@ int Timer::GetState() const {
 
 bool Timer::InsertHere(const timespec& due) const {
     return due.tv_sec < due_.tv_sec;
-}
-
-bool Timer::TryAddRef() {
-    // Reference counts use native atomics on this platform (the interlocked
-    // probe succeeds), so a compare-and-swap on the count is coherent with
-    // IncRefCount/DecRefCount.
-    long n = __atomic_load_n(&refCount_, __ATOMIC_ACQUIRE);
-    while (n > 0) {
-        if (__atomic_compare_exchange_n(&refCount_, &n, n + 1, false, __ATOMIC_ACQ_REL,
-                                        __ATOMIC_ACQUIRE))
-            return true;
-    }
-    return false;
 }
 
 int Timer::Queue(Timer* t) {
@@ -204,16 +201,15 @@ DWORD Timer::TimerThreadBootstrap(void*) {
             pthread_cond_wait(&g_requestQueue, &g_requestLock);
             continue;
         }
-        if (!t->TryAddRef()) {
-            // Its destructor is waiting for the lock to unlink it.
-            Unlink(t);
-            t->state_ = kIdle;
-            continue;
-        }
+        g_sleepingOn = t;
         t->inWait_ = 1;
         const timespec due = t->due_;
         pthread_cond_timedwait(&g_requestQueue, &g_requestLock, &due);
         t->inWait_ = 0;
+        g_sleepingOn = nullptr;
+        // A destructor may be waiting for this; t stays valid until the lock
+        // is released, and after that it is not touched again.
+        pthread_cond_broadcast(&g_sleepAck);
         // Fire only when the timer is still armed, still first, and its due
         // time (which a re-arm during the sleep may have moved) has come. A
         // cancellation or a new head simply leads to a fresh look.
@@ -234,9 +230,6 @@ DWORD Timer::TimerThreadBootstrap(void*) {
                 Queue(t);
             }
         }
-        pthread_mutex_unlock(&g_requestLock);
-        t->DecRefCount();
-        pthread_mutex_lock(&g_requestLock);
     }
 }
 

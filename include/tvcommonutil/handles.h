@@ -475,7 +475,6 @@ public:
 private:
     static int CancelLocked(Timer* t);
     static void Unlink(Timer* t);
-    bool TryAddRef();
 
     int state_;
     int manualReset_;

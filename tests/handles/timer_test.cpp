@@ -59,7 +59,9 @@ TEST(Timer, RoutinesRunOnArmingThreadInQueueOrderAndNeverWhenCancelled) {
 
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    const time_t S = now.tv_sec + 1;
+    // Second S starts at least half a second from now, so everything below
+    // is armed (and cancelled) well before anything is due.
+    const time_t S = now.tv_sec + (now.tv_nsec < 500000000 ? 1 : 2);
     const timespec at0 = {S, 0}, at100 = {S, 100000000}, at500 = {S, 500000000},
                    at900 = {S, 900000000}, at950 = {S, 950000000}, far = {S + 100, 0};
 
