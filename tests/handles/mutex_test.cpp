@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 
 #include <tvcommonutil.h>
-
-#include "thread_probe.h"
 
 namespace {
 
@@ -43,32 +40,6 @@ TEST(Mutex, RecursionNeedsAsManyReleasesAndInnerReleasesReportFalse) {
     EXPECT_EQ(WAIT_OBJECT_0, OnOtherThread([&] { return WaitForSingleObjectEx(m, 0, FALSE); }));
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(m, 0, FALSE));
     EXPECT_EQ(FALSE, ReleaseMutex(m));
-    CloseHandle(m);
-}
-
-TEST(Mutex, WaiterBlocksUntilOwnerReleasesLastLevel) {
-    Handle* m = CreateMutex(nullptr, FALSE, nullptr);
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(m, INFINITE, FALSE));
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(m, INFINITE, FALSE));
-    std::atomic<pid_t> tid{0};
-    std::atomic<DWORD> got{0xDEAD};
-    std::atomic<BOOL> released{-1};
-    std::thread t([&] {
-        tid = tvtest::CurrentTid();
-        got = WaitForSingleObjectEx(m, INFINITE, FALSE);
-        released = ReleaseMutex(m);
-    });
-    while (tid.load() == 0) std::this_thread::yield();
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
-    EXPECT_EQ(FALSE, ReleaseMutex(m));
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
-    EXPECT_EQ(0xDEADu, got.load());
-    EXPECT_EQ(TRUE, ReleaseMutex(m));
-    t.join();
-    EXPECT_EQ(WAIT_OBJECT_0, got.load());
-    EXPECT_EQ(TRUE, released.load());
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(m, 0, FALSE));
-    EXPECT_EQ(TRUE, ReleaseMutex(m));
     CloseHandle(m);
 }
 

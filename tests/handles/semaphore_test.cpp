@@ -94,62 +94,40 @@ TEST(Semaphore, CountsLimitsAndOverRelease) {
     EXPECT_EQ(TRUE, CloseHandle(s));
 }
 
-TEST(Semaphore, ReleaseOfOneWakesExactlyOneOfTwoWaiters) {
-    Handle* s = CreateSemaphore(nullptr, 0, 10, nullptr);
-    // One untimed and one timed waiter: both wait paths take part.
-    Waiter a(s, INFINITE, FALSE);
-    Waiter b(s, 20000, FALSE);
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(a.tid));
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(b.tid));
-
-    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 1, nullptr));
-    ASSERT_TRUE(Eventually([&] { return a.Done() || b.Done(); }));
-    Waiter& rest = a.Done() ? b : a;
-    Waiter& first = a.Done() ? a : b;
-    EXPECT_EQ(WAIT_OBJECT_0, first.result.load());
-    // The other one went back to sleep without a unit.
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(rest.tid));
-    EXPECT_FALSE(rest.Done());
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(s, 0, FALSE));
-
-    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 1, nullptr));
-    rest.thread.join();
-    first.thread.join();
-    EXPECT_EQ(WAIT_OBJECT_0, rest.result.load());
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(s, 0, FALSE));
-    CloseHandle(s);
-}
-
-TEST(Semaphore, ReleaseOfTwoWakesExactlyTwoOfThreeWaiters) {
+// A release of n wakes exactly n of the sleepers, whatever kind of wait they
+// are in: first one of three, then the remaining two.
+TEST(Semaphore, ReleaseOfNWakesExactlyNWaiters) {
     Handle* s = CreateSemaphore(nullptr, 0, 10, nullptr);
     Waiter a(s, INFINITE, FALSE);
     Waiter b(s, 20000, TRUE);
     Waiter c(s, 20000, FALSE);
     Waiter* all[] = {&a, &b, &c};
     for (Waiter* w : all) ASSERT_TRUE(tvtest::WaitUntilSleeping(w->tid));
-    long prev = -1;
-    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 2, &prev));
-    EXPECT_EQ(0, prev);
     auto done = [&] {
         int n = 0;
         for (Waiter* w : all) n += w->Done() ? 1 : 0;
         return n;
     };
-    ASSERT_TRUE(Eventually([&] { return done() == 2; }));
-    Waiter* rest = nullptr;
+
+    long prev = -1;
+    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 1, &prev));
+    EXPECT_EQ(0, prev);
+    ASSERT_TRUE(Eventually([&] { return done() == 1; }));
+    // The other two are back asleep without a unit.
     for (Waiter* w : all) {
-        if (w->Done())
-            EXPECT_EQ(WAIT_OBJECT_0, w->result.load());
-        else
-            rest = w;
+        if (!w->Done()) {
+            ASSERT_TRUE(tvtest::WaitUntilSleeping(w->tid));
+        }
     }
-    ASSERT_NE(nullptr, rest);
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(rest->tid));
-    EXPECT_EQ(2, done());
+    EXPECT_EQ(1, done());
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(s, 0, FALSE));
-    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 1, nullptr));
-    for (Waiter* w : all) w->thread.join();
-    EXPECT_EQ(WAIT_OBJECT_0, rest->result.load());
+
+    EXPECT_EQ(TRUE, ReleaseSemaphore(s, 2, &prev));
+    EXPECT_EQ(0, prev);
+    for (Waiter* w : all) {
+        w->thread.join();
+        EXPECT_EQ(WAIT_OBJECT_0, w->result.load());
+    }
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(s, 0, FALSE));
     CloseHandle(s);
 }
