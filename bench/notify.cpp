@@ -6,6 +6,8 @@
 //     armed handle, vs the same floor.
 // The tree is made under /tmp at start and removed at the end.
 #include <benchmark/benchmark.h>
+
+#include "bench/bench_support.h"
 #include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
@@ -149,36 +151,16 @@ void BM_ScanOnePercentChanged(benchmark::State& state) {
 }
 BENCHMARK(BM_ScanOnePercentChanged)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& r : runs) times_[r.benchmark_name()] = r.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Ratio(const char* label, const std::string& lib, const std::string& floor) {
-        auto a = times_.find(lib), b = times_.find(floor);
-        if (a == times_.end() || b == times_.end() || b->second <= 0) return;
-        std::printf("%-44s %8.2f ms vs %8.2f ms  ratio %.2fx\n", label, a->second, b->second,
-                    a->second / b->second);
-    }
-
-private:
-    std::map<std::string, double> times_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
     MakeTree();
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nlibrary vs POSIX floor (50,000 files in 500 directories)\n");
-    reporter.Ratio("unchanged pass / readdir+lstat walk", "BM_ScanUnchanged/real_time",
-                   "BM_FloorReaddirLstat/real_time");
-    reporter.Ratio("pass after 1% changed / readdir+lstat walk",
-                   "BM_ScanOnePercentChanged/real_time", "BM_FloorReaddirLstat/real_time");
+    int rc = tvbench::Main(argc, argv,
+                           {{"scan pass, unchanged tree / readdir+lstat walk",
+                             "BM_ScanUnchanged/real_time", "BM_FloorReaddirLstat/real_time"},
+                            {"scan pass after 1% changed / readdir+lstat walk",
+                             "BM_ScanOnePercentChanged/real_time",
+                             "BM_FloorReaddirLstat/real_time"}});
     RemoveTree();
-    benchmark::Shutdown();
-    return 0;
+    return rc;
 }

@@ -20,6 +20,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/bench_support.h"
+
 #include "profile/profile_cache.h"
 #include "tvcommonutil/profile.h"
 
@@ -136,51 +138,21 @@ void BM_FloorGetline(benchmark::State& state) {
 }
 BENCHMARK(BM_FloorGetline);
 
-// Keeps each benchmark's time per iteration for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        // With --benchmark_repetitions the median wins over single runs.
-        for (const Run& r : runs) {
-            const std::string& name = r.run_name.function_name;
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median") {
-                ns_[name] = r.GetAdjustedRealTime();
-                medians_.insert(name);
-            } else if (r.run_type == Run::RT_Iteration && r.iterations > 0 &&
-                       medians_.count(name) == 0) {
-                ns_[name] = r.GetAdjustedRealTime();
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    double ns(const std::string& name) const {
-        auto it = ns_.find(name);
-        return it == ns_.end() ? 0 : it->second;
-    }
-
-private:
-    std::map<std::string, double> ns_;
-    std::set<std::string> medians_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    double get = reporter.ns("BM_GetCached"), st = reporter.ns("BM_FloorStat");
-    double map = reporter.ns("BM_FloorUnorderedMap");
-    double first = reporter.ns("BM_FirstRead"), gl = reporter.ns("BM_FloorGetline");
-    double mb = static_cast<double>(F().bytes) / 1e6;
-    if (get > 0 && st > 0) {
-        printf("\ncached read %.0f ns vs stat %.0f ns: ratio %.2f (map lookup %.1f ns)\n", get, st,
-               get / st, map);
-    }
-    if (first > 0 && gl > 0) {
-        printf("first read %.1f MB/s vs getline %.1f MB/s: ratio %.2f (file %.0f KB, 2000 lines)\n",
-               mb / (first * 1e-9), mb / (gl * 1e-9), first / gl, mb * 1000);
-    }
-    benchmark::Shutdown();
-    return 0;
+    return tvbench::Main(
+        argc, argv,
+        {{"cached GetPrivateProfileString / stat() of the file", "BM_GetCached", "BM_FloorStat"},
+         {"first read (parse) of the file / getline over it", "BM_FirstRead", "BM_FloorGetline"}},
+        [](const tvbench::RatioReporter& r) {
+            double mb = static_cast<double>(F().bytes) / 1e6;
+            double first = r.ns("BM_FirstRead"), gl = r.ns("BM_FloorGetline");
+            if (first > 0 && gl > 0) {
+                std::printf("first read %.1f MB/s vs getline %.1f MB/s (file %.0f KB); "
+                            "unordered_map lookup %.1f ns\n",
+                            mb / (first * 1e-9), mb / (gl * 1e-9), mb * 1000,
+                            r.ns("BM_FloorUnorderedMap"));
+            }
+        });
 }

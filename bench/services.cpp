@@ -6,6 +6,8 @@
 // creation is bounded by that wait by design. libuuid's time-based
 // generator instead advances a counter within the tick.
 #include <benchmark/benchmark.h>
+
+#include "bench/bench_support.h"
 #include <stdio.h>
 #include <string.h>
 #include <uuid/uuid.h>
@@ -113,53 +115,15 @@ void BM_Snprintf3Inserts(benchmark::State& state) {
 }
 BENCHMARK(BM_Snprintf3Inserts);
 
-// Console output as usual, then one line per library/floor pair giving the
-// ratio of their times (the median when repetitions are asked for).
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& r : runs) {
-            bool plain = r.run_type == Run::RT_Iteration;
-            if (!plain && r.aggregate_name != "median") continue;
-            std::string name = r.benchmark_name();
-            std::string suffix = "_" + r.aggregate_name;
-            if (!plain && name.size() > suffix.size() &&
-                name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
-                name.resize(name.size() - suffix.size());
-            }
-            times_[name] = {r.GetAdjustedRealTime(), r.GetAdjustedCPUTime()};
-        }
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        const std::pair<const char*, const char*> pairs[] = {
-            {"BM_UuidCreateToString", "BM_LibuuidGenerateTimeUnparse"},
-            {"BM_UuidToString", "BM_LibuuidUnparse"},
-            {"BM_UuidFromString", "BM_LibuuidParse"},
-            {"BM_FormatMessage3Inserts", "BM_Snprintf3Inserts"},
-        };
-        printf("\nlibrary / floor (real time, CPU time):\n");
-        for (const auto& p : pairs) {
-            auto a = times_.find(p.first);
-            auto b = times_.find(p.second);
-            if (a == times_.end() || b == times_.end()) continue;
-            printf("  %-26s / %-30s %8.2fx %8.2fx\n", p.first, p.second,
-                   a->second.first / b->second.first, a->second.second / b->second.second);
-        }
-    }
-
-private:
-    std::map<std::string, std::pair<double, double>> times_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return tvbench::Main(
+        argc, argv,
+        {{"UuidCreate+UuidToString / uuid_generate_time+unparse", "BM_UuidCreateToString",
+          "BM_LibuuidGenerateTimeUnparse"},
+         {"UuidToString / uuid_unparse", "BM_UuidToString", "BM_LibuuidUnparse"},
+         {"UuidFromString / uuid_parse", "BM_UuidFromString", "BM_LibuuidParse"},
+         {"FormatMessage, 3 inserts / snprintf", "BM_FormatMessage3Inserts",
+          "BM_Snprintf3Inserts"}});
 }

@@ -7,6 +7,8 @@
 //  3. thread-pool throughput of empty work items vs a minimal mutex +
 //     condition variable work queue with the same number of threads.
 #include <benchmark/benchmark.h>
+
+#include "bench/bench_support.h"
 #include <pthread.h>
 
 #include <atomic>
@@ -200,50 +202,18 @@ void BM_RawQueueEmptyItems(benchmark::State& state) {
 }
 BENCHMARK(BM_RawQueueEmptyItems)->Arg(2)->Arg(4)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-// Collects per-benchmark times so the ratios can be printed after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& r : runs) {
-            times_[r.benchmark_name()] = r.GetAdjustedRealTime();
-            auto it = r.counters.find("items_per_second");
-            if (it != r.counters.end()) rates_[r.benchmark_name()] = it->second.value;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Ratio(const char* label, const std::string& lib, const std::string& floor) {
-        auto a = times_.find(lib), b = times_.find(floor);
-        if (a == times_.end() || b == times_.end() || b->second <= 0) return;
-        std::printf("%-52s %10.1f ns vs %10.1f ns  ratio %.2fx\n", label, a->second, b->second,
-                    a->second / b->second);
-    }
-    void Throughput(const char* label, const std::string& lib, const std::string& floor) {
-        auto a = rates_.find(lib), b = rates_.find(floor);
-        if (a == rates_.end() || b == rates_.end() || a->second <= 0) return;
-        std::printf("%-52s %8.2f M/s vs %8.2f M/s  ratio %.2fx (time per item)\n", label,
-                    a->second / 1e6, b->second / 1e6, b->second / a->second);
-    }
-
-private:
-    std::map<std::string, double> times_;
-    std::map<std::string, double> rates_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nlibrary vs POSIX floor\n");
-    reporter.Ratio("mutex wait+release / pthread lock+unlock", "BM_MutexWaitRelease",
-                   "BM_RawMutexLockUnlock");
-    reporter.Ratio("semaphore ping-pong / condvar counter ping-pong",
-                   "BM_SemaphorePingPong/real_time", "BM_RawCounterPingPong/real_time");
-    reporter.Throughput("pool, 2 threads: items/s / condvar queue items/s",
-                        "BM_ThreadPoolEmptyItems/2/real_time", "BM_RawQueueEmptyItems/2/real_time");
-    reporter.Throughput("pool, 4 threads: items/s / condvar queue items/s",
-                        "BM_ThreadPoolEmptyItems/4/real_time", "BM_RawQueueEmptyItems/4/real_time");
-    benchmark::Shutdown();
-    return 0;
+    // The pool rows compare time per batch of the same size, i.e. per item.
+    return tvbench::Main(
+        argc, argv,
+        {{"mutex wait+release / pthread lock+unlock", "BM_MutexWaitRelease",
+          "BM_RawMutexLockUnlock"},
+         {"semaphore ping-pong / condvar counter ping-pong", "BM_SemaphorePingPong/real_time",
+          "BM_RawCounterPingPong/real_time"},
+         {"pool, 2 threads, per item / condvar queue", "BM_ThreadPoolEmptyItems/2/real_time",
+          "BM_RawQueueEmptyItems/2/real_time"},
+         {"pool, 4 threads, per item / condvar queue", "BM_ThreadPoolEmptyItems/4/real_time",
+          "BM_RawQueueEmptyItems/4/real_time"}});
 }
