@@ -315,7 +315,7 @@ unsigned long WaitForProcesses(unsigned long count, Handle** handles, int waitAl
 
     ChildSignalWait signals(alertable != 0);
     const ProcessWaitMethod configured = GetProcessWaitMethod();
-    Method method = (ms == 0 || configured == kWaitPidFd) ? kDescriptors : kTrace;
+    Method method = (ms == 0 || configured != kWaitAuto) ? kDescriptors : kTrace;
     TvPlatformThread* self =
         alertable ? static_cast<TvPlatformThread*>(GetCurrentThread()) : nullptr;
 
@@ -356,9 +356,9 @@ unsigned long WaitForProcesses(unsigned long count, Handle** handles, int waitAl
         for (unsigned long i = 0; i < count; ++i) {
             Entry& e = entries[i];
             if (e.p == nullptr || e.ended) continue;
-            if (configured != kWaitNoPidFd) e.pidfd = OpenPidFd(e.p->GetPid());
+            if (configured != kWaitPoll) e.pidfd = OpenPidFd(e.p->GetPid());
             if (e.pidfd < 0) {
-                if (errno == ESRCH && configured != kWaitNoPidFd) {
+                if (errno == ESRCH && configured != kWaitPoll) {
                     e.p->MarkEnded();
                     e.ended = true;
                     ++ended;

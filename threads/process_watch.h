@@ -24,7 +24,9 @@
 //    with EPERM (a hardened kernel, a process already traced by another
 //    thread of ours, a zombie), for zero time-outs (a poll must not stop
 //    anybody), and when forced by SetProcessWaitMethod. It sees the end of
-//    any process; the status is known only for our own children.
+//    any process; the status is known only for our own children. Where
+//    pidfd_open is missing, processes are polled every 20 ms instead. Where
+//    pidfd_open is missing, processes are polled every 20 ms instead.
 //
 // SIGCHLD is a single, non-queued, process-wide signal, so one waiting
 // thread can take the SIGCHLD meant for another. Waiting threads are
@@ -46,9 +48,9 @@ namespace detail {
 constexpr unsigned long kRepollMs = 1000;
 
 enum ProcessWaitMethod {
-    kWaitAuto = 0,     // tracing, descriptors where tracing is refused
-    kWaitPidFd = 1,    // descriptors only (as if tracing were always refused)
-    kWaitNoPidFd = 2,  // tracing, and polling where tracing is refused (old kernels)
+    kWaitAuto = 0,   // tracing, descriptors where tracing is refused
+    kWaitPidFd = 1,  // descriptors only, as where tracing is always refused
+    kWaitPoll = 2,   // neither: waitpid/kill polling, as without pidfd_open
 };
 // Process-wide switch, for tests and for hosts where tracing is unwanted.
 void SetProcessWaitMethod(ProcessWaitMethod m);
