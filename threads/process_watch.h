@@ -20,6 +20,9 @@
 //    signal-delivery stop on to the tracee, and detaches from the processes
 //    still running when it returns. This sees the end of processes that are
 //    not our children (a detached spawn's grandchild), with their status.
+//    While traced, the process cannot itself be traced by anybody else (a
+//    debugger, strace, a leak checker that stops its own threads), and each
+//    signal it receives passes through the tracer.
 //  - process descriptors: pidfd_open + ppoll. Used when attaching is refused
 //    with EPERM (a hardened kernel, a process already traced by another
 //    thread of ours, a zombie), for zero time-outs (a poll must not stop

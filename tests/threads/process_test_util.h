@@ -97,7 +97,10 @@ public:
     }
     ~HeldChild() {
         Release();
-        if (process_) CloseHandle(process_);
+        if (process_) {
+            WaitForSingleObjectEx(process_, 10000, FALSE);  // reaps it: no zombie left
+            CloseHandle(process_);
+        }
     }
     HeldChild(const HeldChild&) = delete;
     HeldChild& operator=(const HeldChild&) = delete;
