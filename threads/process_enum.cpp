@@ -75,7 +75,7 @@ CKWString NameRun(const char* from) {
 }  // namespace
 
 BOOL EnumProcesses(DWORD* ids, DWORD bytes, DWORD* bytesReturned) {
-    const unsigned long capacity = bytes / sizeof(DWORD);
+    const unsigned long capacity = ids ? bytes / sizeof(DWORD) : 0;
     ProcDir dir;
     if (!dir.IsOpen()) return FALSE;
     unsigned long entries = 0, stored = 0;
@@ -106,7 +106,7 @@ BOOL EnumProcesses(DWORD* ids, DWORD bytes, DWORD* bytesReturned) {
 }
 
 BOOL DumbEnumProcesses(DWORD* ids, DWORD bytes, DWORD* bytesReturned) {
-    const unsigned long capacity = bytes / sizeof(DWORD);
+    const unsigned long capacity = ids ? bytes / sizeof(DWORD) : 0;
     ProcDir dir;
     if (!dir.IsOpen()) return FALSE;
     std::map<int, EnumProcState> seen;
