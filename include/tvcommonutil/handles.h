@@ -99,7 +99,8 @@ TV_API extern long lArchHasAtomicOps;
 // ---------------------------------------------------------------------------
 // Reader/writer lock
 // ---------------------------------------------------------------------------
-// A plain reference count, starting at 1.
+// A plain reference count, starting at 1 (a copy starts again at 1). The
+// count is changed and read atomically; thread-safe.
 class TV_API RCObject {
 public:
     RCObject() : refs_(1) {}
@@ -108,56 +109,93 @@ public:
     long AddRef() { return InterlockedIncrement(&refs_); }
     // Deletes the object when the count reaches 0; returns the new count.
     long Release();
-    long GetRefCount() const { return refs_; }
+    long GetRefCount() const { return __atomic_load_n(&refs_, __ATOMIC_RELAXED); }
 
 private:
     long refs_;
 };
 
 // Reader/writer lock with writer preference by default (a new reader waits
-// while a writer waits), recursive write locks, upgrade and downgrade.
-// Results: 0 acquired, 128 (WAIT_ABANDONED) refused without waiting,
-// 258 (WAIT_TIMEOUT) timed out. Time-outs below one second expire at once
-// (see FixTimeout). Thread-safe; all fields are guarded by its mutex.
+// while a writer waits, except readers let in by a downgrade), or reader
+// preference (readers enter whenever no writer holds the lock). Write locks
+// are recursive for their owner; read locks are counted, not owned.
+// Results of the lock calls: 0 acquired, 128 (WAIT_ABANDONED) refused without
+// waiting, 258 (WAIT_TIMEOUT) timed out. Time-outs below one second expire at
+// once (see FixTimeout), deliberately; callers that need short waits poll.
+//
+// Thread-safe. mutex_ guards the counters and the hand-off state; it is a
+// leaf lock (nothing else is taken while it is held). The lock itself sits in
+// each caller's lock order wherever the caller puts it.
 class TV_API RWLock : public RCObject {
 public:
+    // name null gives "UNNAMED LOCK". option is stored and never consulted.
     explicit RWLock(bool readersPreferred = false, const char* name = nullptr, bool option = false);
+    // Copies the counters, the holder, the flags and the name; the copy gets
+    // a fresh mutex and conditions, and no waiters (nobody waits on them).
     RWLock(const RWLock& other);
     ~RWLock() override;
     RWLock& operator=(const RWLock&) = delete;
 
     unsigned long ReadLock(unsigned long ms = INFINITE);
     unsigned long WriteLock(unsigned long ms = INFINITE);
+    // 128 while anyone holds the lock; never waits.
     unsigned long TryWriteLock();
+    // 1; a read unlock does not check that the caller held a read lock.
     int ReadUnlock();
+    // 0 when the caller is not the writer, else 1.
     int WriteUnlock();
     // Caller holds a read lock. 128 (read lock kept) when a writer holds or
-    // waits; on time-out (258) the read lock has already been given up.
+    // waits; on time-out (258) the read lock has already been given up, so
+    // the caller holds nothing and must re-acquire.
     unsigned long UpgradeLock(unsigned long ms = INFINITE);
+    // Writer without nested write locks: becomes a reader and lets the
+    // readers waiting at that moment in, even past waiting writers. 1 when
+    // done; 0 for a caller that is not the writer or holds nested locks.
     int DowngradeLock();
+    // The thread holding the write lock, 0 if none.
     pthread_t GetWriter() const;
+    // Set the name before the lock is shared: GetLockName is not synchronised.
     void SetLockName(const char* name);
     const char* GetLockName() const { return name_.c_str(); }
 
+    // The pointer argument is passed through and unused.
     unsigned long ReadLockPrim(bool tryOnly, unsigned long ms, void* unused);
     unsigned long WriteLockPrim(bool tryOnly, unsigned long ms, void* unused);
 
-private:
-    bool WaitReader(unsigned long ms);
-    bool WaitWriter(unsigned long ms);
-    void UnwaitReader(bool handOff);
-    void UnwaitWriter();
+    // Diagnostics: snapshots taken under the lock's mutex.
+    long GetReaderCount() const;
+    long GetWaitingReaders() const;
+    long GetWaitingWriters() const;
 
-    long readers_;
+private:
+    // The pthread mutex as a named capability for the thread-safety analysis.
+    struct TV_CAPABILITY("mutex") Mutex {
+        pthread_mutex_t raw;
+    };
+    class Holder;  // scoped holder of mutex_ (rwlock.cpp)
+
+    bool ReaderAdmissible() const TV_REQUIRES(mutex_);
+    bool WaitReader(unsigned long ms) TV_REQUIRES(mutex_);
+    bool WaitWriter(unsigned long ms) TV_REQUIRES(mutex_);
+    void UnwaitReader(bool handOff) TV_REQUIRES(mutex_);
+    void UnwaitWriter() TV_REQUIRES(mutex_);
+    void PassOnAfterWriterTimeout() TV_REQUIRES(mutex_);
+
+    long readers_ TV_GUARDED_BY(mutex_);
+    // Touched only by the writer thread (atomically: the recursive path does
+    // not take mutex_).
     long writeRecursion_;
-    long waitingReaders_;
-    long waitingWriters_;
+    long waitingReaders_ TV_GUARDED_BY(mutex_);
+    long waitingWriters_ TV_GUARDED_BY(mutex_);
+    // Stored under mutex_, loaded without it (atomically) by the recursion
+    // test and GetWriter: a thread only ever sees its own id there while it
+    // really is the writer.
     pthread_t writer_;
-    bool readersPreferred_;
+    bool readersPreferred_;  // fixed at construction
     bool option_;
-    bool handOff_;
-    long handOffCount_;
-    pthread_mutex_t mutex_;
+    bool handOff_ TV_GUARDED_BY(mutex_);
+    long handOffCount_ TV_GUARDED_BY(mutex_);
+    mutable Mutex mutex_;
     pthread_cond_t readerCond_;
     pthread_cond_t writerCond_;
     std::string name_;
