@@ -196,7 +196,8 @@ BOOL SetEndOfFile(Handle* h) {
 }
 
 BOOL MoveFileEx(const char* from, const char* to, unsigned long flags) {
-    if (flags & TV_MOVEFILE_UNSUPPORTED) fprintf(stderr, "MoveFileEx: called with unsupported dwflags\n");
+    if (flags & TV_MOVEFILE_UNSUPPORTED)
+        fprintf(stderr, "MoveFileEx: called with unsupported dwflags\n");
     if (flags & TV_MOVEFILE_COPY_ALLOWED) {
         fprintf(stderr,
                 "MoveFileEx: MOVEFILE_COPY_ALLOWED not yet implemented, guess we need it!!!\n");

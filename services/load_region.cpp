@@ -15,8 +15,8 @@ namespace {
 constexpr unsigned long kRegionSize = sizeof(KwLoadRegion);
 constexpr unsigned long kMaxLoad = 100;
 constexpr long kNoLoad = -1;
-constexpr unsigned long kOpenReadWrite = 2;   // O_RDWR, as the mapping's open flags
-constexpr unsigned long kViewReadWrite = 3;   // PROT_READ | PROT_WRITE
+constexpr unsigned long kOpenReadWrite = 2;  // O_RDWR, as the mapping's open flags
+constexpr unsigned long kViewReadWrite = 3;  // PROT_READ | PROT_WRITE
 
 void StoreLoad(long* word, long value) {
     __atomic_store_n(word, value, __ATOMIC_RELEASE);

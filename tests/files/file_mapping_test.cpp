@@ -28,8 +28,8 @@ public:
         static std::atomic<int> counter{0};
         timespec ts;
         clock_gettime(CLOCK_REALTIME, &ts);
-        name_ = "tvtest-map-" + std::to_string(getpid()) + "-" + std::to_string(ts.tv_nsec) +
-                "-" + std::to_string(counter++);
+        name_ = "tvtest-map-" + std::to_string(getpid()) + "-" + std::to_string(ts.tv_nsec) + "-" +
+                std::to_string(counter++);
         path_ = "/tmp/." + name_;
     }
     ~MappingName() { unlink(path_.c_str()); }
