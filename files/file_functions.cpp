@@ -16,8 +16,8 @@
 #include <unistd.h>
 
 #include "files/backup_directory.h"
-#include "files/file_time.h"
 #include "tvcommonutil/files.h"
+#include "tvcommonutil/services.h"
 
 namespace {
 
@@ -172,9 +172,9 @@ BOOL GetFileTime(Handle* h, _FILETIME* creation, _FILETIME* access, _FILETIME* w
         memset(&st, 0, sizeof st);
     }
     // Unix keeps no creation time; the modification time stands in.
-    if (creation != nullptr) tv::detail::UnixToFileTime(st.st_mtime, creation);
-    if (access != nullptr) tv::detail::UnixToFileTime(st.st_atime, access);
-    if (write != nullptr) tv::detail::UnixToFileTime(st.st_mtime, write);
+    if (creation != nullptr) time_tToFileTime(st.st_mtime, creation, 0);
+    if (access != nullptr) time_tToFileTime(st.st_atime, access, 0);
+    if (write != nullptr) time_tToFileTime(st.st_mtime, write, 0);
     return TRUE;
 }
 

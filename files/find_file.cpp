@@ -9,9 +9,9 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include "files/file_time.h"
 #include "files/find_split.h"
 #include "tvcommonutil/files.h"
+#include "tvcommonutil/services.h"
 
 namespace tv {
 namespace detail {
@@ -64,9 +64,9 @@ Handle* FindFileHandle::CopyOutFile(_WIN32_FIND_DATA* data, unsigned char /*next
     memset(data, 0, sizeof *data);
     data->dwFileAttributes =
         (st.st_mode & S_IFMT) == S_IFDIR ? TV_FILE_ATTRIBUTE_DIRECTORY : TV_FILE_ATTRIBUTE_NORMAL;
-    tv::detail::UnixToFileTime(st.st_mtime, &data->ftCreationTime);
-    tv::detail::UnixToFileTime(st.st_atime, &data->ftLastAccessTime);
-    tv::detail::UnixToFileTime(st.st_mtime, &data->ftLastWriteTime);
+    time_tToFileTime(st.st_mtime, &data->ftCreationTime, 0);
+    time_tToFileTime(st.st_atime, &data->ftLastAccessTime, 0);
+    time_tToFileTime(st.st_mtime, &data->ftLastWriteTime, 0);
     data->nFileSizeHigh = 0;
     data->nFileSizeLow = static_cast<DWORD>(st.st_size);
     // Entry names are at most 255 bytes; the bound only guards the record.
