@@ -157,13 +157,18 @@ public:
     }
     void Ratio(const char* label, const std::string& lib, const std::string& floor,
                const char* unit) {
-        auto a = times_.find(lib), b = times_.find(floor);
+        // With --benchmark_report_aggregates_only the means stand in.
+        auto a = Find(lib), b = Find(floor);
         if (a == times_.end() || b == times_.end() || b->second <= 0) return;
         std::printf("%-46s %10.2f %s vs %10.2f %s  ratio %.2fx\n", label, a->second, unit,
                     b->second, unit, a->second / b->second);
     }
 
 private:
+    std::map<std::string, double>::const_iterator Find(const std::string& name) const {
+        auto it = times_.find(name);
+        return it != times_.end() ? it : times_.find(name + "_mean");
+    }
     std::map<std::string, double> times_;
 };
 
