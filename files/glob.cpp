@@ -1,7 +1,7 @@
 // KWSuperGlob: pattern conversion, brace expansion, compilation, matching
 // and the result set. The directory walk is in glob_walk.cpp.
 //
-// Patterns go through three stages, after the classic BSD glob:
+// Patterns go through three stages, in the classic glob(3) manner:
 //  1. conversion of the bytes into 16-bit characters, where a backslash
 //     (under KWGLOB_QUOTE) marks the next character with kQuoted so that
 //     compilation takes it literally;
