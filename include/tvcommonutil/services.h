@@ -233,6 +233,35 @@ TV_API DWORD GetTimeZoneInformation(_TIME_ZONE_INFORMATION* tz);
 // ---------------------------------------------------------------------------
 // Server load region
 // ---------------------------------------------------------------------------
+// A 272-byte shared record, "KWLoadValue" + an optional suffix, through
+// which a server publishes its load (0-100) for other processes of the host.
+// It is a named file mapping (see files.h); a reader attaches by mapping the
+// same name. The load word is read and written atomically.
+struct KwLoadRegion {
+    long load;  // -1: nothing published (also written on detach)
+    unsigned char reserved[240];
+    long reserved248;  // set to 0
+    long reserved256;  // set to -1
+    long reserved264;  // set to 0
+};
+static_assert(sizeof(KwLoadRegion) == 272, "the load region is 272 bytes");
+
+// Creates or opens the region and (re)initialises it: deliberately also an
+// existing one, so a newly started publisher resets what an earlier one
+// left. The mapping handle goes to *mapping when given, else it is closed
+// (the view stays valid). 1 on success, 0 on failure.
+TV_API int InitLoadBalancingRegion(HANDLE* mapping, KwLoadRegion** view, const char* suffix);
+// Writes -1 into the load word and unmaps the view. Always 1.
+TV_API int DetachLoadBalancingRegion(KwLoadRegion* view);
+// The load word as it stands; -1 for a null view.
+TV_API long KwGetServerLoad(KwLoadRegion* view);
+// 0 when target is null or load is above 100 (unsigned, so no negative
+// loads); otherwise stores load and returns 1.
+TV_API int KwSetServerLoad(unsigned long load, long* target);
+// Always 1; they change nothing.
+TV_API int KwSetServerRestricted();
+TV_API int KwSetServerUnrestricted();
+
 
 // ---------------------------------------------------------------------------
 // Small conversions: CTvAsciiEncode, integer/text, case, KwRandom
