@@ -15,7 +15,6 @@
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/notify.h"
 
-bool bRunningInServer = false;
 bool bFileShutdownRequested = false;
 
 namespace tv {

@@ -12,7 +12,6 @@
 #include "threads/process_internal.h"
 #include "tvcommonutil/processes.h"
 
-int bRunningInServer = 0;
 sigset_t SigChildMask;
 
 void ProcInit() {

@@ -19,10 +19,9 @@
 // ---------------------------------------------------------------------------
 // Scanner switches
 // ---------------------------------------------------------------------------
-// Set by the embedding server before it starts WatchDirsThread: a busy
-// directory is then skipped for a pass instead of waited for, and names
-// beginning with ".KW" are never reported.
-TV_API extern bool bRunningInServer;
+// bRunningInServer (foundation.h), set by the embedding server before it
+// starts WatchDirsThread: a busy directory is then skipped for a pass instead
+// of waited for, and names beginning with ".KW" are never reported.
 // Set by WatchDirsThread when it is asked to stop; ends every directory read
 // in progress (and every later one: a process that restarts the watcher
 // clears it first).

@@ -102,9 +102,8 @@ private:
 // no two spawns fork at once. SigChildMask holds SIGCHLD alone.
 TV_API extern pthread_mutex_t SpawnMutex;
 TV_API extern sigset_t SigChildMask;
-// Set by an embedding server that manages signal masks itself: ProcInit then
-// leaves the mask alone (the server must keep SIGCHLD blocked in its threads).
-TV_API extern int bRunningInServer;
+// bRunningInServer (foundation.h): when set, ProcInit leaves the signal mask
+// alone (the server must keep SIGCHLD blocked in its threads).
 
 // Blocks SIGCHLD in the calling thread (unless bRunningInServer is set), so
 // that threads created afterwards inherit the block and SIGCHLD is taken
