@@ -6,6 +6,8 @@
 //  2. Match of a compiled pattern vs fnmatch over the same names, for a
 //     simple suffix pattern and for one with several wildcards and a set.
 #include <benchmark/benchmark.h>
+
+#include "bench/bench_support.h"
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
@@ -149,45 +151,19 @@ void BM_Fnmatch(benchmark::State& state) {
 BENCHMARK(BM_Fnmatch)->Arg(0)->Arg(1);
 
 // Collects per-benchmark times so the ratios can be printed after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& r : runs) times_[r.benchmark_name()] = r.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Ratio(const char* label, const std::string& lib, const std::string& floor,
-               const char* unit) {
-        // With --benchmark_report_aggregates_only the means stand in.
-        auto a = Find(lib), b = Find(floor);
-        if (a == times_.end() || b == times_.end() || b->second <= 0) return;
-        std::printf("%-46s %10.2f %s vs %10.2f %s  ratio %.2fx\n", label, a->second, unit,
-                    b->second, unit, a->second / b->second);
-    }
-
-private:
-    std::map<std::string, double>::const_iterator Find(const std::string& name) const {
-        auto it = times_.find(name);
-        return it != times_.end() ? it : times_.find(name + "_mean");
-    }
-    std::map<std::string, double> times_;
-};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
     Dir();
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nlibrary vs POSIX floor\n");
-    reporter.Ratio("FindFirst/NextFile 20k / readdir+stat 20k", "BM_FindFirstNextFile",
-                   "BM_ReaddirStat", "ms");
-    reporter.Ratio("FindFirst/NextFile 20k / glibc glob 20k", "BM_FindFirstNextFile",
-                   "BM_GlibcGlob", "ms");
-    reporter.Ratio("Match x1000 \"*.log\" / fnmatch", "BM_GlobMatch/0", "BM_Fnmatch/0", "ns");
-    reporter.Ratio("Match x1000 \"entry_*_a[0-3]b*.?og\" / fnmatch", "BM_GlobMatch/1",
-                   "BM_Fnmatch/1", "ns");
+    int rc = tvbench::Main(
+        argc, argv,
+        {{"FindFirstFile/FindNextFile, 20k files / readdir+stat", "BM_FindFirstNextFile",
+          "BM_ReaddirStat"},
+         {"FindFirstFile/FindNextFile, 20k files / glibc glob", "BM_FindFirstNextFile",
+          "BM_GlibcGlob"},
+         {"Match x1000 \"*.log\" / fnmatch", "BM_GlobMatch/0", "BM_Fnmatch/0"},
+         {"Match x1000 \"entry_*_a[0-3]b*.?og\" / fnmatch", "BM_GlobMatch/1", "BM_Fnmatch/1"}});
     delete &Dir();
-    benchmark::Shutdown();
-    return 0;
+    return rc;
 }

@@ -5,6 +5,8 @@
 //  - library: CreateProcess + GetExitCodeProcess alone (no tracing);
 //  - floor: posix_spawn + waitpid.
 #include <benchmark/benchmark.h>
+
+#include "bench/bench_support.h"
 #include <spawn.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -77,37 +79,17 @@ void BM_RawPosixSpawnWaitpid(benchmark::State& state) {
 BENCHMARK(BM_RawPosixSpawnWaitpid)->UseRealTime();
 
 // Collects per-benchmark times so the ratios can be printed after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& r : runs) times_[r.benchmark_name()] = r.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Ratio(const char* label, const std::string& lib, const std::string& floor) {
-        auto a = times_.find(lib), b = times_.find(floor);
-        if (a == times_.end() || b == times_.end() || b->second <= 0) return;
-        std::printf("%-48s %9.1f us vs %9.1f us  ratio %.2fx  (%.0f vs %.0f per second)\n", label,
-                    a->second / 1000.0, b->second / 1000.0, a->second / b->second, 1e9 / a->second,
-                    1e9 / b->second);
-    }
-
-private:
-    std::map<std::string, double> times_;
-};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nlibrary vs POSIX floor (spawn + wait + exit code of /bin/true)\n");
-    const std::string floor = "BM_RawPosixSpawnWaitpid/real_time";
-    reporter.Ratio("CreateProcess+Wait (tracing) / posix_spawn", "BM_LibWaitTracing/real_time",
-                   floor);
-    reporter.Ratio("CreateProcess+Wait (pidfd) / posix_spawn", "BM_LibWaitPidFd/real_time", floor);
-    reporter.Ratio("CreateProcess+GetExitCode / posix_spawn", "BM_LibExitCodeOnly/real_time",
-                   floor);
-    benchmark::Shutdown();
-    return 0;
+    const char* floor = "BM_RawPosixSpawnWaitpid/real_time";
+    return tvbench::Main(
+        argc, argv,
+        {{"spawn+wait+exit code of /bin/true (tracing) / posix_spawn+waitpid",
+          "BM_LibWaitTracing/real_time", floor},
+         {"spawn+wait+exit code (pidfd) / posix_spawn+waitpid", "BM_LibWaitPidFd/real_time",
+          floor},
+         {"spawn+GetExitCodeProcess / posix_spawn+waitpid", "BM_LibExitCodeOnly/real_time",
+          floor}});
 }
