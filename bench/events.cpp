@@ -6,6 +6,8 @@
 //  3. the fast paths: SetEvent on a signalled event and a zero-time wait on a
 //     signalled auto-reset event, vs an uncontended mutex lock/unlock.
 #include <benchmark/benchmark.h>
+
+#include "bench/bench_support.h"
 #include <pthread.h>
 
 #include <atomic>
@@ -145,39 +147,17 @@ void BM_RawSetThenWait(benchmark::State& state) {
 }
 BENCHMARK(BM_RawSetThenWait);
 
-// Collects per-benchmark times so the ratios can be printed after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& r : runs) times_[r.benchmark_name()] = r.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Ratio(const char* label, const std::string& lib, const std::string& floor) {
-        auto a = times_.find(lib), b = times_.find(floor);
-        if (a == times_.end() || b == times_.end() || b->second <= 0) return;
-        std::printf("%-44s %10.1f ns vs %10.1f ns  ratio %.2fx\n", label, a->second, b->second,
-                    a->second / b->second);
-    }
-
-private:
-    std::map<std::string, double> times_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nlibrary vs POSIX floor\n");
-    reporter.Ratio("event ping-pong / condvar ping-pong", "BM_EventPingPong/real_time",
-                   "BM_RawCondPingPong/real_time");
-    reporter.Ratio("wait-any(64) round trip / condvar ping-pong",
-                   "BM_WaitAny64RoundTrip/real_time", "BM_RawCondPingPong/real_time");
-    reporter.Ratio("SetEvent on signalled / mutex lock+unlock", "BM_SetSignalledEvent",
-                   "BM_RawMutexLockUnlock");
-    reporter.Ratio("set + zero wait (auto) / raw set + wait", "BM_SetThenPollAutoEvent",
-                   "BM_RawSetThenWait");
-    benchmark::Shutdown();
-    return 0;
+    return tvbench::Main(
+        argc, argv,
+        {{"event ping-pong / condvar ping-pong", "BM_EventPingPong/real_time",
+          "BM_RawCondPingPong/real_time"},
+         {"wait-any(64) round trip / condvar ping-pong", "BM_WaitAny64RoundTrip/real_time",
+          "BM_RawCondPingPong/real_time"},
+         {"SetEvent on signalled / mutex lock+unlock", "BM_SetSignalledEvent",
+          "BM_RawMutexLockUnlock"},
+         {"set + zero-time wait (auto) / raw set + wait", "BM_SetThenPollAutoEvent",
+          "BM_RawSetThenWait"}});
 }

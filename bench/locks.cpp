@@ -11,6 +11,8 @@
 // thread, which would make the floor one no threaded server ever sees (and
 // the library's locks exist for threaded servers).
 #include <benchmark/benchmark.h>
+
+#include "bench/bench_support.h"
 #include <pthread.h>
 
 #include <atomic>
@@ -98,70 +100,17 @@ void BM_AtomicFetchAdd(benchmark::State& state) {
 }
 BENCHMARK(BM_AtomicFetchAdd);
 
-// Keeps the CPU time per iteration of every benchmark for the summary: the
-// median when repetitions are asked for, else the single run.
-class RecordingReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs) {
-            const std::string& name = r.run_name.function_name;
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median") {
-                ns_[name] = r.GetAdjustedCPUTime();
-                fromMedian_[name] = true;
-            } else if (r.run_type == Run::RT_Iteration && !fromMedian_[name]) {
-                ns_[name] = r.GetAdjustedCPUTime();
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    // In the default time unit, nanoseconds.
-    const std::map<std::string, double>& ns() const { return ns_; }
-
-private:
-    std::map<std::string, double> ns_;
-    std::map<std::string, bool> fromMedian_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    std::mutex parkMutex;
-    std::condition_variable parkCv;
-    bool finished = false;
-    std::thread parked([&] {
-        std::unique_lock<std::mutex> l(parkMutex);
-        parkCv.wait(l, [&] { return finished; });
-    });
-    RecordingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    {
-        std::lock_guard<std::mutex> g(parkMutex);
-        finished = true;
-    }
-    parkCv.notify_all();
-    parked.join();
-
-    const struct {
-        const char* what;
-        const char* library;
-        const char* floor;
-    } pairs[] = {
-        {"critical section enter+leave", "BM_CriticalSection", "BM_PthreadMutex"},
-        {"RWLock read lock+unlock", "BM_RWLockRead", "BM_PthreadRwlockRead"},
-        {"RWLock write lock+unlock", "BM_RWLockWrite", "BM_PthreadRwlockWrite"},
-        {"InterlockedIncrement", "BM_InterlockedIncrement", "BM_AtomicFetchAdd"},
-    };
-    const auto& ns = reporter.ns();
-    std::printf("\n%-30s %12s %12s %8s\n", "operation", "library ns", "floor ns", "ratio");
-    for (const auto& p : pairs) {
-        auto lib = ns.find(p.library);
-        auto flo = ns.find(p.floor);
-        if (lib == ns.end() || flo == ns.end() || flo->second <= 0) continue;
-        std::printf("%-30s %12.2f %12.2f %7.2fx\n", p.what, lib->second, flo->second,
-                    lib->second / flo->second);
-    }
-    return 0;
+    return tvbench::Main(
+        argc, argv,
+        {{"EnterCriticalSection+Leave / pthread_mutex lock+unlock", "BM_CriticalSection",
+          "BM_PthreadMutex"},
+         {"RWLock read lock+unlock / pthread_rwlock rdlock+unlock", "BM_RWLockRead",
+          "BM_PthreadRwlockRead"},
+         {"RWLock write lock+unlock / pthread_rwlock wrlock+unlock", "BM_RWLockWrite",
+          "BM_PthreadRwlockWrite"},
+         {"InterlockedIncrement / std::atomic<long>::fetch_add", "BM_InterlockedIncrement",
+          "BM_AtomicFetchAdd"}});
 }

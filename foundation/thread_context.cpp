@@ -9,6 +9,8 @@
 
 pthread_key_t ThreadContextKey;
 
+bool bRunningInServer = false;
+
 namespace {
 
 pthread_once_t key_once = PTHREAD_ONCE_INIT;

@@ -13,9 +13,9 @@ namespace {
 
 pthread_t Owner(const _critsection* cs) { return __atomic_load_n(&cs->owner, __ATOMIC_RELAXED); }
 
-void SetOwner(_critsection* cs, pthread_t t) {
-    __atomic_exchange_n(&cs->owner, t, __ATOMIC_RELAXED);
-}
+// A plain atomic store: ordering comes from the mutex itself, so the
+// owner word needs no locked instruction of its own.
+void SetOwner(_critsection* cs, pthread_t t) { __atomic_store_n(&cs->owner, t, __ATOMIC_RELAXED); }
 
 }  // namespace
 
@@ -42,7 +42,7 @@ int TryEnterCriticalSection(_critsection* cs) {
     }
     if (pthread_mutex_trylock(&cs->mutex) != 0) return 0;
     SetOwner(cs, self);
-    __atomic_exchange_n(&cs->count, 1, __ATOMIC_RELAXED);
+    cs->count = 1;
     return 1;
 }
 

@@ -53,6 +53,12 @@ TV_API extern pthread_key_t ThreadContextKey;
 // The thread identifier that means "no thread".
 constexpr pthread_t NULL_PTHREAD = 0;
 
+// Set by an embedding server at start-up, before it starts any library
+// thread. Changes behaviour that only a server wants: the process code
+// leaves the signal mask alone, the directory scanner skips busy directories
+// and never reports ".KW" names, CopyFile keeps the copy's own owner and mode.
+TV_API extern bool bRunningInServer;
+
 // ---------------------------------------------------------------------------
 // Last error: errno is the one and only last-error store.
 // ---------------------------------------------------------------------------

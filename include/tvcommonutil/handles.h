@@ -398,4 +398,139 @@ TV_API DWORD WaitForMultipleObjectsEx(DWORD count, Handle** handles, BOOL waitAl
                                       BOOL alertable);
 TV_API DWORD WaitForMultipleObjects(DWORD count, Handle** handles, BOOL waitAll, DWORD ms);
 
+// ---------------------------------------------------------------------------
+// Mutexes and semaphores
+// ---------------------------------------------------------------------------
+// A counting semaphore. Thread-safe: its own mutex guards every field below
+// it and is a leaf lock (nothing else is taken while it is held). A homogeneous
+// multi-object wait on semaphores or mutexes returns 0 at once (base class);
+// only single-object waits block.
+class TV_API Semaphore : public Handle {
+public:
+    Semaphore(long initial, long maximum, const char* name);
+    ~Semaphore() override;
+
+    int What() override;
+    // WAIT_OBJECT_0, WAIT_TIMEOUT or WAIT_IO_COMPLETION. Sub-second time-outs
+    // are honoured. An alertable finite wait ends with WAIT_IO_COMPLETION when
+    // an APC is queued to the waiting thread; an INFINITE wait ignores APCs.
+    unsigned long WaitForHandle(unsigned long ms, int alertable) override;
+    // Adds n to the count. 0 (and nothing changed, *previous not written)
+    // when the count would pass the maximum; otherwise 1, with the count
+    // before the release in *previous when previous is given.
+    int Release(long n, long* previous);
+
+    // Internal: wakes the waiters so that an alertable one notices an APC.
+    void WakeForApc();
+    const char* GetName() const { return name_.c_str(); }
+
+private:
+    pthread_mutex_t mutex_;
+    pthread_cond_t cond_;
+    long count_;
+    long maximum_;
+    long waiters_;
+    int released_;
+    long wakeTokens_;
+    std::string name_;
+};
+
+// A recursive mutex: a semaphore of one unit plus an owner and a recursion
+// count. The owner and the recursion count are written only by the owning
+// thread (or by the thread that has just taken the unit); other threads only
+// compare the owner with themselves.
+class TV_API Mutex : public Semaphore {
+public:
+    // With initialOwner the creator is recorded as owner (recursion 1) but
+    // the unit is not taken: the creator owns the mutex in name only and the
+    // first other thread to wait on it also succeeds. Existing callers
+    // depend on this, so it is kept.
+    Mutex(int initialOwner, const char* name);
+
+    int What() override;
+    unsigned long WaitForHandle(unsigned long ms, int alertable) override;
+    // 1 when the last level was released. 0 for a caller that is not the
+    // owner, and also for an inner release of a recursively held mutex
+    // (which did succeed): callers rely on that FALSE.
+    int Release();
+    using Semaphore::Release;
+
+private:
+    pthread_t owner_;  // NULL_PTHREAD when free; atomic loads and stores
+    long recursion_;
+};
+
+// Null (setting no error) unless 0 <= initial <= maximum.
+TV_API Handle* CreateSemaphore(SECURITY_ATTRIBUTES* sa, long initial, long maximum,
+                               const char* name);
+// FALSE for a null handle or n < 1; otherwise Semaphore::Release.
+TV_API BOOL ReleaseSemaphore(Handle* h, long n, long* previous);
+TV_API Handle* CreateMutex(SECURITY_ATTRIBUTES* sa, BOOL initialOwner, const char* name);
+// FALSE for a null handle; otherwise Mutex::Release (no type check).
+TV_API BOOL ReleaseMutex(Handle* h);
+
+// ---------------------------------------------------------------------------
+// Waitable timers
+// ---------------------------------------------------------------------------
+// Completion routine: called as an APC on the thread that armed the timer
+// with (argument, due seconds, due nanoseconds).
+typedef void (*PTIMERAPCROUTINE)(void* arg, void* dueSeconds, void* dueNanoseconds);
+
+// A timer whose expiry is delivered only as an APC to the thread that armed
+// it, at that thread's next alertable wait; waiting on the handle itself
+// returns WAIT_OBJECT_0 at once. All timers share one process-wide queue and
+// one timer thread (started by the first timer, never stopped); one lock, the
+// queue's request lock, guards the queue and every field of every timer.
+// Thread-safe.
+class TV_API Timer : public Handle {
+public:
+    // state_ values.
+    enum { kIdle = 0, kFired = 1, kQueued = 2, kCancelledInWait = 3 };
+
+    Timer(int manualReset, const char* name);
+    ~Timer() override;
+
+    int What() override;
+    // Arms (or re-arms) the timer for the absolute CLOCK_REALTIME time `due`,
+    // then every periodMs milliseconds when periodMs is not 0. Returns 1.
+    int SetTimer(const timespec* due, long periodMs, PTIMERAPCROUTINE routine, void* arg);
+    // 1 when the timer was queued (its routine will not be called for that
+    // expiry), 0 otherwise or for a null timer.
+    static int Cancel(Timer* t);
+
+    // Internal; the caller holds the request lock.
+    // Queues t by due second; 1 when t became the head of the queue.
+    static int Queue(Timer* t);
+    // True when `due` falls in an earlier whole second than this timer's due
+    // time. Nanoseconds never decide: timers due within the same second fire
+    // in the order they were queued, deliberately.
+    bool InsertHere(const timespec& due) const;
+    // Starts the timer thread if it has not been started yet.
+    static void StartThread();
+    static DWORD TimerThreadBootstrap(void* unused);
+    int GetState() const;
+
+private:
+    static int CancelLocked(Timer* t);
+    static void Unlink(Timer* t);
+
+    int state_;
+    int manualReset_;
+    timespec due_;
+    long period_;
+    TvPlatformThread* owner_;  // holds a reference while set
+    std::string name_;
+    PTIMERAPCROUTINE routine_;
+    void* arg_;
+    int inWait_;
+    Timer* next_;  // link in the queue while queued
+};
+
+TV_API Handle* CreateWaitableTimer(SECURITY_ATTRIBUTES* sa, BOOL manualReset, const char* name);
+// `due` is an absolute CLOCK_REALTIME time (not a relative or 100 ns count);
+// `resume` is ignored. TRUE, or FALSE for a null timer or due time.
+TV_API BOOL SetWaitableTimer(Handle* timer, const timespec* due, long periodMs,
+                             PTIMERAPCROUTINE routine, void* arg, BOOL resume);
+TV_API BOOL CancelWaitableTimer(Handle* timer);
+
 #endif  // TVCOMMONUTIL_HANDLES_H

@@ -1,8 +1,67 @@
 // Profile (INI) files: reading, writing and cache control.
+//
+// Every profile file a process touches is cached whole, comments and blank
+// lines included, and written back with them. All functions are thread-safe:
+// one process-wide lock serialises them. Between processes, a flush takes the
+// lock file "/tmp/<path with each '/' turned into '-'>-lock"; a lock file left
+// behind by a crashed process makes every flush of that file fail until it is
+// removed by hand. File paths must be shorter than 256 characters; longer ones
+// are refused (default answer on read, 0 on write, errno ENAMETOOLONG).
+//
+// Section names, keys and file names compare without regard to case (the same
+// file reached through two spellings of its path is cached twice). The one
+// exception: deleting a key matches the key case-sensitively.
 #ifndef TVCOMMONUTIL_PROFILE_H
 #define TVCOMMONUTIL_PROFILE_H
 
 #include "export.h"
 #include "types.h"
+
+// Reads from a profile file; returns the number of characters placed in buffer.
+//
+// - section and key given: the value of the first matching key in the first
+//   matching section, trimmed, with one pair of quotes removed ("text" or
+//   `text'). Comments are not removed from values: "k = v ; note" reads as
+//   "v ; note". Cut to size - 1 characters and NUL-terminated.
+// - section given, key null: the section's keys, each NUL-terminated, followed
+//   by one more NUL. A bare line without '=' is listed as a key too.
+// - section null: the file's section names in the same form.
+// - a missing section or key, or an unreadable file: defaultValue (cut to
+//   size - 1), or an empty string when defaultValue is null.
+//
+// Spare-byte contract of the two list forms: a list that fills the buffer
+// exactly gets its closing NUL at buffer[size], one byte past the given size;
+// callers must provide size + 1 bytes. A list that does not fit ends in two
+// NULs at buffer[size - 2] and buffer[size - 1], with the last entry cut, and
+// the result is size - 2 (0 for a size below 2).
+//
+// The cached copy is replaced by the disk copy when the file's status-change
+// time (in whole seconds) is newer than when it was loaded or last flushed;
+// cached changes not yet written are then lost — the disk copy wins.
+TV_API unsigned long GetPrivateProfileString(const char* section, const char* key,
+                                             const char* defaultValue, char* buffer,
+                                             unsigned long size, const char* fileName);
+
+// Changes a profile file (creating it when missing):
+// - section, key, value: set the key (an existing line keeps its key's spelling;
+//   a new key goes before the section's trailing comment and blank lines; a new
+//   section is appended);
+// - section, key, null value: delete the key (case-sensitive match);
+// - section, null key: delete the section;
+// - all three null: flush cached writes of the file to disk; returns 0.
+// A file whose owner-write permission bit is clear is never written (0).
+// With write caching on (the default) changes stay in memory and the result
+// is 1; with it off each change is flushed at once and the result is that of
+// the flush, which is 0 for a flush that completed normally.
+TV_API int WritePrivateProfileString(const char* section, const char* key, const char* value,
+                                     const char* fileName);
+
+// Turns write caching on or off. Turning it off first flushes every file that
+// holds cached changes.
+TV_API void yuSetProfileWriteCaching(bool on);
+
+// Flushes every cached file that holds changes (failures ignored) and empties
+// the cache.
+TV_API void yuWriteAndFreeAllProfiles();
 
 #endif  // TVCOMMONUTIL_PROFILE_H

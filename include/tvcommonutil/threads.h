@@ -122,4 +122,94 @@ TV_API int unixthread_create(pthread_t* tid, pthread_attr_t* attr, void* (*start
                              void* arg);
 TV_API int unixthread_create_detached(void* (*start)(void*), void* arg);
 
+// ---------------------------------------------------------------------------
+// Thread pool
+// ---------------------------------------------------------------------------
+// One pthread key holding a per-thread pointer. An invalid key (creation
+// failed, or after destruction) is 0xFFFFFFFF: GetData then returns null and
+// SetData false.
+class TV_API ThreadData {
+public:
+    ThreadData();
+    ~ThreadData();
+    ThreadData(const ThreadData&) = delete;
+    ThreadData& operator=(const ThreadData&) = delete;
+
+    void* GetData() const;
+    bool SetData(void* value);
+
+private:
+    pthread_key_t key_;
+};
+
+class TvThreadPool;
+// The body of every pool thread.
+TV_API DWORD ThreadPoolConsume(TvThreadPool* pool);
+
+// A producer/consumer pool: Produce queues opaque work items, which pool
+// threads take first in, first out and pass to the consume callback.
+// Threads are started on demand (by the creator) up to the maximum; an idle
+// thread above the minimum ends after the idle time-out. A consume callback
+// may take its thread out of the pool (ExitPool) to go on with long work.
+//
+// Thread-safe. One mutex guards every counter, the queue and the shutting
+// down flag; callbacks run without it. One condition serves both idle
+// workers and a caller inside Shutdown, so every waiter re-checks its
+// condition after each wake-up. Shutdown (and so the destructor) must not be
+// called from a pool thread.
+class TV_API TvThreadPool {
+public:
+    typedef DWORD (*Routine)(void*);
+    typedef bool (*Creator)(Routine routine, void* arg);
+
+    // No thread is started here, not even the minimum. A null creator means
+    // DefaultCreator; a null exit function means pthread_exit. An idle
+    // time-out of INFINITE keeps idle threads forever; time-outs under one
+    // second expire at once (FixTimeout), so idle threads above the minimum
+    // then end as soon as they find nothing to do.
+    TvThreadPool(unsigned long minThreads, unsigned long maxThreads, void (*consume)(void*),
+                 Creator creator = nullptr, void (*exitFn)(unsigned int) = nullptr,
+                 void (*dispose)(void*) = nullptr, unsigned long idleMs = INFINITE);
+    // Shutdown, then every item still queued goes to dispose in order (or is
+    // dropped when there is no dispose callback).
+    ~TvThreadPool();
+    TvThreadPool(const TvThreadPool&) = delete;
+    TvThreadPool& operator=(const TvThreadPool&) = delete;
+
+    void Produce(void* item);
+    // Returns once no thread is counted in the pool any more (each thread
+    // finishes the item it runs, and takes at most one more) and no pool
+    // thread will touch the pool again. The exit function of the last
+    // threads may still be running.
+    void Shutdown();
+    // From inside a consume callback: the calling thread stops counting as a
+    // pool thread (the pool may start another) and ends when the callback
+    // returns. 1, or 0 when it had already left.
+    int ExitPool();
+    bool Exited();
+    void (*GetExit())(unsigned int) { return exitFn_; }
+
+    // Starts the routine with CreateThread and closes the handle at once.
+    static bool DefaultCreator(Routine routine, void* arg);
+
+private:
+    friend DWORD ThreadPoolConsume(TvThreadPool* pool);
+
+    bool shuttingDown_;
+    unsigned long maxThreads_;
+    unsigned long minThreads_;
+    unsigned long threads_;
+    unsigned long exitedThreads_;
+    unsigned long idleThreads_;
+    unsigned long idleMs_;
+    pthread_mutex_t mutex_;
+    pthread_cond_t cond_;
+    std::deque<void*> work_;
+    Creator creator_;
+    void (*consume_)(void*);
+    void (*exitFn_)(unsigned int);
+    void (*dispose_)(void*);
+    ThreadData exitedMark_;
+};
+
 #endif  // TVCOMMONUTIL_THREADS_H

@@ -1,0 +1,363 @@
+// GetPrivateProfileString, WritePrivateProfileString and the write worker.
+//
+// Both entry points hold yuProfileMutex for their whole run. Values are split
+// out of the cached lines at lookup time; see profile_cache.h for the model.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include "profile/profile_cache.h"
+#include "tvcommonutil/profile.h"
+#include "tvcommonutil/types.h"
+
+namespace tv {
+namespace detail {
+namespace {
+
+// An owned, mutable copy of a caller's string (null stays null).
+class TextCopy {
+public:
+    explicit TextCopy(const char* s) : p_(s != nullptr ? strdup(s) : nullptr) {
+        if (s != nullptr && p_ == nullptr) abort();
+    }
+    ~TextCopy() { free(p_); }
+    TextCopy(const TextCopy&) = delete;
+    TextCopy& operator=(const TextCopy&) = delete;
+    char* get() const { return p_; }
+    char* release() {
+        char* p = p_;
+        p_ = nullptr;
+        return p;
+    }
+
+private:
+    char* p_;
+};
+
+char* Format2(const char* a, const char* b) {
+    char* out = nullptr;
+    if (asprintf(&out, "%s=%s", a, b) < 0) abort();
+    return out;
+}
+
+// The key text of a line: what precedes its first '=' (the whole line when it
+// has none), trimmed. Returned in an owned copy.
+char* LineKey(const char* line) {
+    const char* eq = strchr(line, '=');
+    char* k = eq != nullptr ? strndup(line, static_cast<size_t>(eq - line)) : strdup(line);
+    if (k == nullptr) abort();
+    return strip_spaces(k);
+}
+
+// Whether the key text of line (up to eq, the first '=' or the line's end)
+// equals key under cmp, without copying the line: the lookups walk every line
+// of a section on each read.
+bool LineKeyEquals(const char* line, const char* eq, const char* key, size_t keyLen,
+                   int (*cmp)(const char*, const char*, size_t)) {
+    const char* b = line;
+    const char* e = eq != nullptr ? eq : line + strlen(line);
+    while (b < e && _yuIsSpace(*b)) ++b;
+    while (e > b + 1 && _yuIsSpace(e[-1])) --e;
+    size_t len = static_cast<size_t>(e - b);
+    return keyLen == len && cmp(b, key, len) == 0;
+}
+
+// Copies src cut to size - 1 characters; returns the length copied.
+unsigned long CopyCut(const char* src, char* buffer, unsigned long size) {
+    if (size == 0) return 0;
+    size_t len = strlen(src);
+    if (len > size - 1) len = size - 1;
+    memcpy(buffer, src, len);
+    buffer[len] = '\0';
+    return len;
+}
+
+unsigned long DefaultAnswer(const char* defaultValue, char* buffer, unsigned long size) {
+    if (defaultValue == nullptr) {
+        if (size != 0) buffer[0] = '\0';
+        return 0;
+    }
+    return CopyCut(defaultValue, buffer, size);
+}
+
+// Builds a NUL-separated list closed by one more NUL, with the spare-byte
+// contract documented in profile.h: an exactly full list puts its closing NUL
+// at buffer[size].
+class ListWriter {
+public:
+    ListWriter(char* buffer, unsigned long size) : buf_(buffer), size_(size) {}
+
+    void Add(const char* item) {
+        if (full_) return;
+        size_t len = strlen(item);
+        if (pos_ + len + 1 <= size_) {
+            memcpy(buf_ + pos_, item, len + 1);
+            pos_ += len + 1;
+            return;
+        }
+        full_ = true;
+        unsigned long remaining = size_ - pos_;
+        if (remaining > 2) yuStrncpy(buf_ + pos_, item, remaining - 2);
+        if (size_ >= 2) {
+            buf_[size_ - 2] = '\0';
+            buf_[size_ - 1] = '\0';
+            result_ = size_ - 2;
+        } else {
+            if (size_ == 1) buf_[0] = '\0';
+            result_ = 0;
+        }
+    }
+
+    unsigned long Finish() {
+        if (full_) return result_;
+        buf_[pos_] = '\0';  // may be buf_[size_]: the caller's spare byte
+        return pos_;
+    }
+
+private:
+    char* buf_;
+    unsigned long size_;
+    unsigned long pos_ = 0;
+    bool full_ = false;
+    unsigned long result_ = 0;
+};
+
+// The table for a read: cached, reloaded when the file's status-change time
+// moved past cachedTime, or loaded. Null when the file cannot be read.
+yufiletable* TableForRead(const char* fileName) TV_REQUIRES(yuProfileMutex) {
+    if (!ProfileNameUsable(fileName)) return nullptr;
+    yufiletable* t = FindProfileTable(fileName);
+    if (t != nullptr) {
+        struct stat st;
+        if (stat(fileName, &st) != 0) return nullptr;
+        if (static_cast<int64_t>(st.st_ctime) <= t->cachedTime) return t;
+        // Newer on disk: the disk copy wins, cached changes included.
+        yuFreeProfileStructures(fileName);
+    }
+    if (!ReadIniFile(fileName, &pYUFileTable)) return nullptr;
+    return pYUFileTable;
+}
+
+unsigned long ReadValue(yusection* s, const char* key, const char* defaultValue, char* buffer,
+                        unsigned long size) {
+    size_t keyLen = strlen(key);
+    for (int i = 0; i < s->lineCount; ++i) {
+        const char* line = s->lines[i];
+        if (line == nullptr) continue;
+        const char* eq = strchr(line, '=');
+        if (eq == nullptr) continue;
+        if (!LineKeyEquals(line, eq, key, keyLen, strncasecmp)) continue;
+        TextCopy value(eq + 1);
+        strip_spaces(value.get());
+        strip_quotes(value.get());
+        return CopyCut(value.get(), buffer, size);
+    }
+    return DefaultAnswer(defaultValue, buffer, size);
+}
+
+unsigned long ListKeys(const yusection* s, char* buffer, unsigned long size) {
+    ListWriter list(buffer, size);
+    for (int i = 0; i < s->lineCount; ++i) {
+        if (s->lines[i] == nullptr) continue;
+        TextCopy k(s->lines[i]);
+        strip_comments(k.get());
+        if (char* eq = strchr(k.get(), '=')) *eq = '\0';
+        strip_spaces(k.get());
+        strip_quotes(k.get());
+        if (k.get()[0] != '\0') list.Add(k.get());
+    }
+    return list.Finish();
+}
+
+unsigned long ListSections(const yufiletable* t, char* buffer, unsigned long size) {
+    ListWriter list(buffer, size);
+    for (int i = 0; i < t->sectionCount; ++i) {
+        // An empty name would read as the end of the list.
+        if (t->sections[i] != nullptr && t->sections[i]->name[0] != '\0') {
+            list.Add(t->sections[i]->name);
+        }
+    }
+    return list.Finish();
+}
+
+// Ends a change: with write caching the table is only marked dirty.
+int CommitChange(yufiletable* t) TV_REQUIRES(yuProfileMutex) {
+    if (yuProfileWriteCaching) {
+        t->dirty = 1;
+        return 1;
+    }
+    return yuFlushProfileToDisk(t);
+}
+
+int SetValue(yufiletable* t, char* section, char* key, char* value) TV_REQUIRES(yuProfileMutex) {
+    strip_spaces(section);
+    strip_spaces(key);
+    strip_spaces(value);
+    yusection* s = FindProfileSection(t, section);
+    if (s == nullptr) {
+        char* header = nullptr;
+        if (asprintf(&header, "[%s]", section) < 0) abort();
+        TextCopy name(section);
+        s = NewProfileSection(name.release(), header);
+        if (!AppendProfileSlot(&t->sections, &t->sectionCount, s)) {
+            FreeProfileSection(s);
+            errno = ERROR_INVALID_DATA;
+            return 0;
+        }
+    }
+    for (int i = 0; i < s->lineCount; ++i) {
+        const char* line = s->lines[i];
+        if (line == nullptr ||
+            !LineKeyEquals(line, strchr(line, '='), key, strlen(key), strncasecmp))
+            continue;
+        // The existing spelling of the key stays; a trailing comment goes.
+        char* lineKey = LineKey(line);
+        char* replacement = Format2(lineKey, value);
+        free(lineKey);
+        free(s->lines[i]);
+        s->lines[i] = replacement;
+        return CommitChange(t);
+    }
+    char* added = Format2(key, value);
+    if (!AppendProfileSlot(&s->lines, &s->lineCount, added)) {
+        free(added);
+        errno = ERROR_INVALID_DATA;
+        return 0;
+    }
+    // Move the new line in front of the section's trailing run of blank and
+    // comment lines, so it lands with the keys and not after a comment that
+    // introduces the next section. A deleted (null) slot ends the run.
+    int last = s->lineCount - 1;
+    int first = last;
+    while (first > 0) {
+        const char* prev = s->lines[first - 1];
+        if (prev == nullptr || !(prev[0] == '\0' || prev[0] == ';' || prev[0] == '#')) break;
+        --first;
+    }
+    if (first != last) {
+        memmove(&s->lines[first + 1], &s->lines[first],
+                sizeof(char*) * static_cast<size_t>(last - first));
+        s->lines[first] = added;
+    }
+    return CommitChange(t);
+}
+
+int DeleteKey(yufiletable* t, char* section, char* key) TV_REQUIRES(yuProfileMutex) {
+    strip_spaces(section);
+    strip_spaces(key);
+    for (int si = 0; si < t->sectionCount; ++si) {
+        yusection* s = t->sections[si];
+        if (s == nullptr || strcasecmp(s->name, section) != 0) continue;
+        for (int i = 0; i < s->lineCount; ++i) {
+            char* line = s->lines[i];
+            if (line == nullptr) continue;
+            // Case-sensitive, unlike every other comparison of the profile
+            // code: deleting "Key" leaves "KEY" alone.
+            if (!LineKeyEquals(line, strchr(line, '='), key, strlen(key), strncmp)) continue;
+            if (!yuProfileWriteCaching) {
+                s->lines[i] = nullptr;
+                int flushed = yuFlushProfileToDisk(t);
+                s->lines[i] = line;
+                if (flushed == 0) return 0;
+            } else {
+                t->dirty = 1;
+            }
+            free(line);
+            s->lines[i] = nullptr;
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int DeleteSection(yufiletable* t, char* section) TV_REQUIRES(yuProfileMutex) {
+    strip_spaces(section);
+    for (int si = 0; si < t->sectionCount; ++si) {
+        yusection* s = t->sections[si];
+        if (s == nullptr || strcasecmp(s->name, section) != 0) continue;
+        if (!yuProfileWriteCaching) {
+            t->sections[si] = nullptr;
+            int flushed = yuFlushProfileToDisk(t);
+            t->sections[si] = s;
+            if (flushed == 0) return 0;
+        } else {
+            t->dirty = 1;
+        }
+        FreeProfileSection(s);
+        t->sections[si] = nullptr;
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int yuWritePrivateProfileString(const char* section, const char* key, const char* value,
+                                const char* fileName, bool /*flag*/) {
+    if (!ProfileNameUsable(fileName)) return 0;
+    struct stat st;
+    if (stat(fileName, &st) == 0) {
+        // Only the owner-write bit counts, whoever the caller is: a file made
+        // read-only is left alone even by the superuser.
+        if ((st.st_mode & S_IWUSR) == 0) return 0;
+    } else if (errno == ENOENT) {
+        FILE* f = TvFopen(fileName, "w", 0);
+        if (f == nullptr) return 0;
+        fclose(f);
+    }
+    yufiletable* t = FindProfileTable(fileName);
+    if (t == nullptr) {
+        if (!ReadIniFile(fileName, &pYUFileTable)) return 0;
+        t = pYUFileTable;
+    }
+    TextCopy sec(section), k(key), v(value);
+    if (section == nullptr && key == nullptr && value == nullptr) {
+        if (t->dirty) yuFlushProfileToDisk(t);
+        return 0;
+    }
+    if (section == nullptr) {
+        errno = ERROR_INVALID_PARAMETER;
+        return 0;
+    }
+    if (key != nullptr && value != nullptr) return SetValue(t, sec.get(), k.get(), v.get());
+    if (key != nullptr) return DeleteKey(t, sec.get(), k.get());
+    return DeleteSection(t, sec.get());
+}
+
+}  // namespace detail
+}  // namespace tv
+
+using tv::detail::ProfileMutexHolder;
+
+unsigned long GetPrivateProfileString(const char* section, const char* key,
+                                      const char* defaultValue, char* buffer, unsigned long size,
+                                      const char* fileName) {
+    if (buffer == nullptr) return 0;
+    tv::detail::TextCopy sec(section), k(key);
+    tv::detail::strip_spaces(sec.get());
+    tv::detail::strip_spaces(k.get());
+
+    ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+    tv::detail::yufiletable* t = tv::detail::TableForRead(fileName);
+    if (t == nullptr) return tv::detail::DefaultAnswer(defaultValue, buffer, size);
+    if (sec.get() == nullptr) return tv::detail::ListSections(t, buffer, size);
+    tv::detail::yusection* s = tv::detail::FindProfileSection(t, sec.get());
+    if (k.get() != nullptr) {
+        if (s == nullptr) return tv::detail::DefaultAnswer(defaultValue, buffer, size);
+        return tv::detail::ReadValue(s, k.get(), defaultValue, buffer, size);
+    }
+    if (s == nullptr) {
+        if (size != 0) buffer[0] = '\0';
+        return 0;
+    }
+    return tv::detail::ListKeys(s, buffer, size);
+}
+
+int WritePrivateProfileString(const char* section, const char* key, const char* value,
+                              const char* fileName) {
+    ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+    return tv::detail::yuWritePrivateProfileString(section, key, value, fileName, true);
+}

@@ -1,0 +1,490 @@
+// KWSuperGlob: pattern semantics (against glibc fnmatch where the two must
+// agree), brace expansion, quoting, inversion, the walk and its mode bits,
+// and result iteration.
+#include <dirent.h>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "test_support.h"
+#include "tvcommonutil/files.h"
+
+namespace {
+
+bool Matches(const char* pattern, const char* name, unsigned long flags = 0) {
+    KWSuperGlob g;
+    g.AddPattern(pattern, flags);
+    return g.Match(name);
+}
+
+std::vector<std::string> Results(KWSuperGlob& g) {
+    std::vector<std::string> out;
+    for (bool ok = g.begin(); ok; ok = g++) out.push_back((*g).path.c_str());
+    return out;
+}
+
+void Touch(const std::string& path) {
+    tvtest::WriteFile(path, "x");
+}
+
+TEST(GlobMatch, WildcardsSetsAndLiterals) {
+    EXPECT_TRUE(Matches("*.log", "a.log"));
+    EXPECT_TRUE(Matches("*.log", ".log"));  // no special leading '.'
+    EXPECT_TRUE(Matches("*", "a/b"));       // '*' crosses '/'
+    EXPECT_FALSE(Matches("*.log", "a.logx"));
+    EXPECT_TRUE(Matches("?", "x"));
+    EXPECT_FALSE(Matches("?", ""));
+    EXPECT_FALSE(Matches("?", "xy"));
+    EXPECT_TRUE(Matches("[!a-c]x", "dx"));
+    EXPECT_FALSE(Matches("[!a-c]x", "bx"));
+    EXPECT_TRUE(Matches("[a-c]x", "cx"));
+    EXPECT_TRUE(Matches("[", "["));  // no closing bracket: ordinary
+    EXPECT_TRUE(Matches("[!", "[!"));
+    EXPECT_TRUE(Matches("[]]", "]"));     // first member taken whatever it is
+    EXPECT_TRUE(Matches("[]", "[]"));     // no ']' after the first member
+    EXPECT_TRUE(Matches("[a-]", "-"));    // '-' before ']' is a member
+    EXPECT_FALSE(Matches("[z-a]", "m"));  // reversed range holds nothing
+    EXPECT_TRUE(Matches("Abc", "Abc"));
+    EXPECT_FALSE(Matches("Abc", "abc"));  // case-sensitive
+    EXPECT_TRUE(Matches("\xe9*", "\xe9t\xe9"));
+    EXPECT_TRUE(Matches("[\xe0-\xef]", "\xe9"));  // ranges by unsigned byte value
+    EXPECT_TRUE(Matches("", ""));
+    EXPECT_FALSE(Matches("", "a"));
+
+    KWSuperGlob none;
+    EXPECT_FALSE(none.Match("anything"));  // no pattern, nothing matches
+}
+
+TEST(GlobMatch, DefaultPatternAndInversion) {
+    KWSuperGlob g;
+    ASSERT_TRUE(g.SetPatterns(nullptr, 0));
+    EXPECT_TRUE(g.GetMode() & KWGLOB_MATCH_ALL);
+    EXPECT_EQ(1u, g.PatternCount());
+    EXPECT_TRUE(g.Match("anything"));
+    EXPECT_TRUE(g.Match(""));
+
+    KWSuperGlob inv;
+    const char* pats[] = {"*.tmp", nullptr};
+    ASSERT_TRUE(inv.SetPatterns(pats, KWGLOB_INVERT));
+    EXPECT_FALSE(inv.Match("x.tmp"));
+    EXPECT_TRUE(inv.Match("x.txt"));
+
+    KWSuperGlob invAll;
+    invAll.SetPatterns(nullptr, KWGLOB_INVERT);
+    EXPECT_FALSE(invAll.Match("x"));
+
+    // Several patterns: any one matching is enough.
+    KWSuperGlob many;
+    const char* two[] = {"*.c", "*.h", nullptr};
+    many.SetPatterns(two, 0);
+    EXPECT_TRUE(many.Match("a.c"));
+    EXPECT_TRUE(many.Match("a.h"));
+    EXPECT_FALSE(many.Match("a.o"));
+}
+
+TEST(GlobMatch, BraceExpansion) {
+    KWSuperGlob g;
+    ASSERT_TRUE(g.AddPattern("a{b,c}d", 0));
+    EXPECT_EQ(3u, g.PatternCount());  // the text itself, "abd" and "acd"
+    EXPECT_TRUE(g.Match("abd"));
+    EXPECT_TRUE(g.Match("acd"));
+    EXPECT_TRUE(g.Match("a{b,c}d"));
+    EXPECT_FALSE(g.Match("ad"));
+    EXPECT_TRUE(g.GetMode() & KWGLOB_HAS_BRACE);
+
+    KWSuperGlob empty;
+    empty.AddPattern("{}", 0);
+    EXPECT_EQ(1u, empty.PatternCount());
+    EXPECT_TRUE(empty.Match("{}"));
+    EXPECT_FALSE(empty.Match(""));
+
+    // Nested braces, empty alternatives, sets holding commas and braces.
+    KWSuperGlob nested;
+    nested.AddPattern("x{a,{b,c}d,}y", 0);
+    for (const char* n : {"xay", "xbdy", "xcdy", "xy"}) EXPECT_TRUE(nested.Match(n)) << n;
+    EXPECT_FALSE(nested.Match("xby"));
+
+    KWSuperGlob sets;
+    sets.AddPattern("{[,}],q}z", 0);
+    EXPECT_TRUE(sets.Match(",z"));
+    EXPECT_TRUE(sets.Match("}z"));
+    EXPECT_TRUE(sets.Match("qz"));
+
+    KWSuperGlob product;
+    product.AddPattern("{a,b}{c,d}", 0);
+    EXPECT_EQ(5u, product.PatternCount());
+    for (const char* n : {"ac", "ad", "bc", "bd"}) EXPECT_TRUE(product.Match(n)) << n;
+
+    // Alternatives with wildcards are compiled like any pattern.
+    KWSuperGlob wild;
+    wild.AddPattern("*.{log,tmp}", 0);
+    EXPECT_TRUE(wild.Match("a.log"));
+    EXPECT_TRUE(wild.Match("b.tmp"));
+    EXPECT_FALSE(wild.Match("c.txt"));
+}
+
+TEST(GlobMatch, UnbalancedBracesStayLiteralAndTerminate) {
+    KWSuperGlob g;
+    ASSERT_TRUE(g.AddPattern("a{b", 0));
+    EXPECT_EQ(1u, g.PatternCount());
+    EXPECT_TRUE(g.Match("a{b"));
+    EXPECT_FALSE(g.Match("ab"));
+
+    KWSuperGlob close;
+    close.AddPattern("a}b", 0);
+    EXPECT_EQ(1u, close.PatternCount());
+    EXPECT_TRUE(close.Match("a}b"));
+
+    // The first group expands; each alternative keeps its unbalanced rest.
+    KWSuperGlob partial;
+    partial.AddPattern("{x,y}{z", 0);
+    EXPECT_TRUE(partial.Match("x{z"));
+    EXPECT_TRUE(partial.Match("y{z"));
+    EXPECT_TRUE(partial.Match("{x,y}{z"));
+    EXPECT_EQ(3u, partial.PatternCount());
+
+    KWSuperGlob deep;
+    deep.AddPattern(std::string(3000, '{').c_str(), 0);
+    EXPECT_EQ(1u, deep.PatternCount());
+
+    // A nest thousands deep expands level by level without recursion.
+    std::string nest = std::string(2000, '{') + "a" + std::string(2000, '}');
+    KWSuperGlob n2;
+    EXPECT_TRUE(n2.AddPattern(nest.c_str(), 0));
+    EXPECT_TRUE(n2.Match("a"));
+}
+
+TEST(GlobMatch, ExpansionIsBounded) {
+    std::string p;
+    for (int i = 0; i < 40; ++i) p += "{a,b}";  // 2^40 alternatives
+    KWSuperGlob g;
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_FALSE(g.AddPattern(p.c_str(), 0));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(20));
+    EXPECT_LE(g.PatternCount(), static_cast<size_t>(KWGLOB_MAX_EXPANSIONS) + 1);
+    EXPECT_TRUE(g.Match(std::string(40, 'a').c_str()));  // the first ones are in
+
+    // The limit is per call: the engine keeps accepting patterns.
+    EXPECT_TRUE(g.AddPattern("{x,y}", 0));
+    EXPECT_TRUE(g.Match("y"));
+
+    // SetPatterns stops at the pattern that failed.
+    KWSuperGlob s;
+    const char* list[] = {"one", p.c_str(), "three", nullptr};
+    EXPECT_FALSE(s.SetPatterns(list, 0));
+    EXPECT_TRUE(s.Match("one"));
+    EXPECT_FALSE(s.Match("three"));
+}
+
+TEST(GlobMatch, Quoting) {
+    EXPECT_TRUE(Matches("\\*", "*", KWGLOB_QUOTE));
+    EXPECT_FALSE(Matches("\\*", "x", KWGLOB_QUOTE));
+    EXPECT_TRUE(Matches("a\\?", "a?", KWGLOB_QUOTE));
+    EXPECT_FALSE(Matches("a\\?", "ab", KWGLOB_QUOTE));
+    EXPECT_TRUE(Matches("\\[a]", "[a]", KWGLOB_QUOTE));
+    EXPECT_TRUE(Matches("[\\]]", "]", KWGLOB_QUOTE));    // quoted ']' is a member
+    EXPECT_TRUE(Matches("[a\\-c]", "-", KWGLOB_QUOTE));  // quoted '-' is no range
+    EXPECT_FALSE(Matches("[a\\-c]", "b", KWGLOB_QUOTE));
+    EXPECT_TRUE(Matches("x\\", "x\\", KWGLOB_QUOTE));  // trailing backslash
+    EXPECT_TRUE(Matches("\\\\", "\\", KWGLOB_QUOTE));
+    // Without the flag a backslash is an ordinary character.
+    EXPECT_TRUE(Matches("\\*", "\\abc"));
+    // Braces are not expanded in a quoted pattern.
+    KWSuperGlob g;
+    g.AddPattern("{a,b}", KWGLOB_QUOTE);
+    EXPECT_EQ(1u, g.PatternCount());
+    EXPECT_TRUE(g.Match("{a,b}"));
+    EXPECT_FALSE(g.Match("a"));
+}
+
+TEST(GlobMatch, LongPatternsAreCutAndMatchingIsBounded) {
+    std::string longName(5000, 'a');
+    std::string pat(5000, 'a');
+    KWSuperGlob g;
+    g.AddPattern(pat.c_str(), 0);
+    // The pattern keeps 4095 characters.
+    EXPECT_TRUE(g.Match(std::string(KWGLOB_MAX_PATTERN - 1, 'a').c_str()));
+    EXPECT_FALSE(g.Match(longName.c_str()));
+
+    // "*?*?..." against a long name that fails only at the end would take
+    // exponential time with naive recursion.
+    std::string evil;
+    for (int i = 0; i < 1000; ++i) evil += "*?";
+    evil += "b";
+    KWSuperGlob e;
+    e.AddPattern(evil.c_str(), 0);
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_FALSE(e.Match(std::string(4000, 'a').c_str()));
+    EXPECT_TRUE(e.Match((std::string(3999, 'a') + "b").c_str()));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(20));
+}
+
+// Where both are defined the same way (no backslashes, no '^', no POSIX
+// "[." collating elements, no FNM_PATHNAME or FNM_PERIOD), the engine and
+// fnmatch must agree.
+TEST(GlobMatch, AgreesWithFnmatch) {
+    std::mt19937 rng(12345);
+    const std::string patAlphabet = "ab.-*?[]!";
+    const std::string nameAlphabet = "ab.-[]!*?";
+    auto gen = [&](const std::string& alphabet, int maxLen) {
+        std::string s;
+        int len = static_cast<int>(rng() % static_cast<unsigned>(maxLen + 1));
+        for (int i = 0; i < len; ++i) s += alphabet[rng() % alphabet.size()];
+        return s;
+    };
+    int disagreements = 0;
+    int matched = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::string p = gen(patAlphabet, 8);
+        if (p.find("[.") != std::string::npos) continue;
+        KWSuperGlob g;
+        g.AddPattern(p.c_str(), 0);
+        for (int j = 0; j < 10; ++j) {
+            std::string n = gen(nameAlphabet, 6);
+            if (j == 0) {
+                // A name built from the pattern, so that matches are common.
+                n.clear();
+                for (char c : p) n += (c == '*' || c == '?' || c == '[' || c == ']') ? 'a' : c;
+            }
+            bool ours = g.Match(n.c_str());
+            bool theirs = fnmatch(p.c_str(), n.c_str(), FNM_NOESCAPE) == 0;
+            matched += ours;
+            if (ours != theirs && ++disagreements < 10) {
+                ADD_FAILURE() << "pattern \"" << p << "\" name \"" << n << "\": ours " << ours
+                              << " fnmatch " << theirs;
+            }
+        }
+    }
+    EXPECT_EQ(0, disagreements);
+    EXPECT_GT(matched, 5000);
+}
+
+// --- the walk --------------------------------------------------------------
+
+class GlobWalk : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Touch(dir_.file("a.log"));
+        Touch(dir_.file("b.tmp"));
+        Touch(dir_.file("c.txt"));
+        ASSERT_EQ(0, mkdir(dir_.file("sub").c_str(), 0755));
+        Touch(dir_.file("sub/d.log"));
+        Touch(dir_.file("sub/e.tmp"));
+        ASSERT_EQ(0, mkdir(dir_.file("sub/deep").c_str(), 0755));
+        Touch(dir_.file("sub/deep/f.log"));
+    }
+    std::set<std::string> Set(KWSuperGlob& g) {
+        auto v = Results(g);
+        return std::set<std::string>(v.begin(), v.end());
+    }
+    tvtest::TempDir dir_;
+};
+
+TEST_F(GlobWalk, DirectoriesAreReportedUnlessExcluded) {
+    KWSuperGlob g;
+    const char* logs[] = {"*.log", nullptr};
+    ASSERT_TRUE(g.Glob(dir_.path(), logs, 0));
+    EXPECT_EQ((std::vector<std::string>{"a.log", "sub"}), Results(g));
+
+    g.Glob(dir_.path(), logs, KWGLOB_NO_DIRS);
+    EXPECT_EQ((std::vector<std::string>{"a.log"}), Results(g));
+}
+
+TEST_F(GlobWalk, RecursionOrderMarksAndFullPaths) {
+    KWSuperGlob g;
+    const char* logs[] = {"*.log", nullptr};
+    g.Glob(dir_.path(), logs, KWGLOB_RECURSE | KWGLOB_MARK);
+    // Files of a directory, then each subdirectory followed by its own results.
+    EXPECT_EQ(
+        (std::vector<std::string>{"a.log", "sub/", "sub/d.log", "sub/deep/", "sub/deep/f.log"}),
+        Results(g));
+
+    KWSuperGlob full;
+    full.Glob(dir_.path() + "/sub/..", logs, KWGLOB_RECURSE | KWGLOB_NO_DIRS | KWGLOB_FULL_PATH);
+    char real[4096];
+    ASSERT_NE(nullptr, realpath(dir_.path().c_str(), real));
+    std::string base = real;
+    EXPECT_EQ(
+        (std::vector<std::string>{base + "/a.log", base + "/sub/d.log", base + "/sub/deep/f.log"}),
+        Results(full));
+    // The reported stat data is the entry's own.
+    ASSERT_TRUE(full.begin());
+    struct stat st;
+    ASSERT_EQ(0, stat(dir_.file("a.log").c_str(), &st));
+    EXPECT_EQ(st.st_ino, (*full).statData.st_ino);
+}
+
+TEST_F(GlobWalk, InversionOnlyDirsAndDefaultPattern) {
+    KWSuperGlob inv;
+    const char* tmp[] = {"*.tmp", nullptr};
+    inv.Glob(dir_.path(), tmp, KWGLOB_INVERT | KWGLOB_NO_DIRS | KWGLOB_RECURSE);
+    EXPECT_EQ((std::set<std::string>{"a.log", "c.txt", "sub/d.log", "sub/deep/f.log"}), Set(inv));
+
+    KWSuperGlob dirs;
+    dirs.Glob(dir_.path(), nullptr, KWGLOB_ONLY_DIRS | KWGLOB_RECURSE);
+    EXPECT_EQ((std::vector<std::string>{"sub", "sub/deep"}), Results(dirs));
+
+    KWSuperGlob all;
+    all.Glob(dir_.path(), nullptr, 0);
+    EXPECT_EQ((std::set<std::string>{"a.log", "b.tmp", "c.txt", "sub"}), Set(all));
+
+    // A directory that cannot be opened gives nothing, not a failure.
+    KWSuperGlob missing;
+    EXPECT_TRUE(missing.Glob(dir_.file("nope"), nullptr, 0));
+    EXPECT_EQ(0u, missing.size());
+}
+
+TEST_F(GlobWalk, AppendGlobMoreAndIteration) {
+    KWSuperGlob g;
+    const char* logs[] = {"*.log", nullptr};
+    g.Glob(dir_.path(), logs, KWGLOB_NO_DIRS);
+    EXPECT_EQ(1u, g.size());
+    g.Glob(dir_.path(), logs, KWGLOB_NO_DIRS);  // earlier results dropped
+    EXPECT_EQ(1u, g.size());
+    g.SetMode(g.GetMode() | KWGLOB_APPEND);
+    g.Glob(dir_.file("sub"), logs, KWGLOB_NO_DIRS);
+    EXPECT_EQ((std::vector<std::string>{"a.log", "d.log"}), Results(g));
+
+    // GlobMore keeps the patterns and adds to the results.
+    g.GlobMore(dir_.file("sub/deep"));
+    EXPECT_EQ((std::vector<std::string>{"a.log", "d.log", "f.log"}), Results(g));
+
+    // Without patterns GlobMore takes "*".
+    KWSuperGlob more;
+    more.GlobMore(dir_.file("sub/deep"));
+    EXPECT_TRUE(more.GetMode() & KWGLOB_MATCH_ALL);
+    EXPECT_EQ((std::vector<std::string>{"f.log"}), Results(more));
+
+    // Cursor: backwards, erase, end.
+    ASSERT_TRUE(g.rbegin());
+    EXPECT_STREQ("f.log", (*g).path.c_str());
+    EXPECT_TRUE(g--);
+    EXPECT_STREQ("d.log", (*g).path.c_str());
+    EXPECT_TRUE(g.erase());  // cursor moves to the next result
+    EXPECT_STREQ("f.log", (*g).path.c_str());
+    EXPECT_FALSE(g++);
+    EXPECT_TRUE(g.end());
+    EXPECT_FALSE(g++);  // already at the end: stays
+    EXPECT_FALSE(g.erase());
+    EXPECT_STREQ("", (*g).path.c_str());
+    EXPECT_EQ((std::vector<std::string>{"a.log", "f.log"}), Results(g));
+    ASSERT_TRUE(g.begin());
+    EXPECT_FALSE(g--);  // before the first: the end
+    EXPECT_TRUE(g.end());
+    g.FoundFree();
+    EXPECT_FALSE(g.begin());
+    EXPECT_FALSE(g.rbegin());
+    EXPECT_EQ(0, KWSuperGlob::compare("a", "a"));
+    EXPECT_LT(KWSuperGlob::compare("a", "b"), 0);
+}
+
+TEST_F(GlobWalk, LinkCyclesAreReportedButNotReentered) {
+    ASSERT_EQ(0, symlink("..", dir_.file("sub/up").c_str()));
+    ASSERT_EQ(0, symlink("..", dir_.file("sub/up2").c_str()));
+    ASSERT_EQ(0, symlink("missing", dir_.file("dangling").c_str()));
+    KWSuperGlob g;
+    g.Glob(dir_.path(), nullptr, KWGLOB_RECURSE);
+    auto s = Set(g);
+    EXPECT_TRUE(s.count("sub/up"));
+    EXPECT_TRUE(s.count("sub/up2"));
+    EXPECT_TRUE(s.count("dangling"));
+    EXPECT_FALSE(s.count("sub/up/a.log"));
+    EXPECT_EQ(11u, g.size());
+}
+
+// A walk of a real tree reports exactly what readdir finds, with the same
+// stat data, in the walk order.
+void CopyTree(const std::string& from, const std::string& to, int* files) {
+    DIR* d = opendir(from.c_str());
+    ASSERT_NE(nullptr, d);
+    while (struct dirent* e = readdir(d)) {
+        std::string n = e->d_name;
+        if (n == "." || n == "..") continue;
+        struct stat st;
+        if (lstat((from + "/" + n).c_str(), &st) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            ASSERT_EQ(0, mkdir((to + "/" + n).c_str(), 0755));
+            CopyTree(from + "/" + n, to + "/" + n, files);
+        } else if (S_ISREG(st.st_mode)) {
+            tvtest::WriteFile(to + "/" + n, tvtest::ReadFile(from + "/" + n));
+            ++*files;
+        }
+    }
+    closedir(d);
+}
+
+void ListTree(const std::string& base, const std::string& rel, std::map<std::string, ino_t>* out) {
+    std::string dir = rel.empty() ? base : base + "/" + rel;
+    DIR* d = opendir(dir.c_str());
+    ASSERT_NE(nullptr, d);
+    std::vector<std::string> subdirs;
+    while (struct dirent* e = readdir(d)) {
+        std::string n = e->d_name;
+        if (n == "." || n == "..") continue;
+        std::string r = rel.empty() ? n : rel + "/" + n;
+        struct stat st;
+        ASSERT_EQ(0, stat((base + "/" + r).c_str(), &st));
+        (*out)[r] = st.st_ino;
+        if (S_ISDIR(st.st_mode)) subdirs.push_back(r);
+    }
+    closedir(d);
+    for (const auto& s : subdirs) ListTree(base, s, out);
+}
+
+TEST(GlobTree, WalkOfIncludeTreeEqualsReaddir) {
+    struct stat probe;
+    if (stat("/usr/include/linux", &probe) != 0) GTEST_SKIP() << "no /usr/include/linux";
+    tvtest::TempDir dir;
+    std::string root = dir.file("linux");
+    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
+    int files = 0;
+    CopyTree("/usr/include/linux", root, &files);
+    ASSERT_GT(files, 50);
+
+    std::map<std::string, ino_t> expected;
+    ListTree(root, "", &expected);
+
+    KWSuperGlob g;
+    g.Glob(root, nullptr, KWGLOB_RECURSE);
+    std::map<std::string, ino_t> got;
+    std::map<std::string, size_t> position;
+    size_t i = 0;
+    for (bool ok = g.begin(); ok; ok = g++, ++i) {
+        std::string p = (*g).path.c_str();
+        EXPECT_TRUE(got.emplace(p, (*g).statData.st_ino).second) << "reported twice: " << p;
+        position[p] = i;
+    }
+    EXPECT_EQ(expected, got);
+
+    // Every directory's results follow it, and within a directory the files
+    // come before the subdirectories.
+    for (const auto& e : position) {
+        auto slash = e.first.rfind('/');
+        if (slash == std::string::npos) continue;
+        std::string parent = e.first.substr(0, slash);
+        EXPECT_LT(position[parent], e.second) << e.first;
+    }
+
+    // The header files alone, matched by pattern.
+    KWSuperGlob h;
+    const char* hdr[] = {"*.h", nullptr};
+    h.Glob(root, hdr, KWGLOB_RECURSE | KWGLOB_NO_DIRS);
+    size_t headers = 0;
+    for (const auto& e : expected) {
+        if (e.first.size() > 2 && e.first.compare(e.first.size() - 2, 2, ".h") == 0) ++headers;
+    }
+    EXPECT_EQ(headers, h.size());
+}
+
+}  // namespace

@@ -1,0 +1,226 @@
+// Change notification handles: the collected byte layout, the caller's
+// buffer, arming, waiting and signalling.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "notify_test_util.h"
+#include "test_support.h"
+#include "thread_probe.h"
+#include "tvcommonutil/notify.h"
+
+using notifytest::Parse;
+using notifytest::Record;
+
+namespace {
+
+_NOTIFY_INFO Info(unsigned long action, const char* name, unsigned long attributes,
+                  unsigned long long time, unsigned long size) {
+    _NOTIFY_INFO n;
+    n.action = action;
+    n.name = name;
+    n.attributes = attributes;
+    n.time[0] = time;
+    n.time[1] = 0;
+    n.size = size;
+    return n;
+}
+
+std::vector<unsigned char> Hex(const char* text) {
+    std::vector<unsigned char> out;
+    for (const char* p = text; *p;) {
+        if (*p == ' ' || *p == '\n') {
+            ++p;
+            continue;
+        }
+        unsigned v = 0;
+        sscanf(p, "%2x", &v);
+        out.push_back(static_cast<unsigned char>(v));
+        p += 2;
+    }
+    return out;
+}
+
+// A handle on a directory that does not exist: arming it scans nothing.
+struct Loose {
+    tvtest::TempDir tmp;
+    ChangeNotificationHandle* h;
+    Loose() : h(new ChangeNotificationHandle((tmp.path() + "/none/").c_str(), 0, 0)) {}
+    // Collected handles are off the watch list: CloseHandle, not
+    // FindCloseChangeNotification, releases them.
+    ~Loose() { CloseHandle(h); }
+};
+
+}  // namespace
+
+TEST(ChangeNotification, TwoRecordsInPlaceByteForByte) {
+    Loose l;
+    // Exactly the total: written in place; the gaps keep the caller's bytes.
+    unsigned char* mine = new unsigned char[216];
+    memset(mine, 0xEE, 216);
+    void* buffer = mine;
+    ASSERT_EQ(1, ReadDirectoryChanges(l.h, &buffer, 216, 0, 0x1f, nullptr, nullptr, nullptr));
+    l.h->QueueNotify(Info(1, "a", 0x80, 0x0102030405060708ULL, 0x1234));
+    l.h->QueueNotify(Info(2, "dir/x.txt", 0x100, 0, 0));
+    unsigned long bytes = 0;
+    ASSERT_EQ(1, GetOverlappedResult(l.h, nullptr, &bytes, 1));
+    EXPECT_EQ(216u, bytes);
+    ASSERT_EQ(static_cast<void*>(mine), buffer);
+    const std::vector<unsigned char> want = Hex(
+        // record 1: next 104, action 1, name length 1, attributes 0x80
+        "6800000000000000 0100000000000000 01000000 EEEEEEEE 8000000000000000"
+        "EEEEEEEEEEEEEEEE EEEEEEEEEEEEEEEE EEEEEEEEEEEEEEEE EEEEEEEEEEEEEEEE"
+        // time, its zero second half, size 0x1234, "a" and 15 bytes of slack
+        "0807060504030201 0000000000000000 3412000000000000"
+        "61 EEEEEEEEEEEEEEEEEEEEEEEEEEEEEE"
+        // record 2: last, action 2, name length 9, attributes 0x100
+        "0000000000000000 0200000000000000 09000000 EEEEEEEE 0001000000000000"
+        "EEEEEEEEEEEEEEEE EEEEEEEEEEEEEEEE EEEEEEEEEEEEEEEE EEEEEEEEEEEEEEEE"
+        "0000000000000000 0000000000000000 0000000000000000"
+        "6469722f782e747874 EEEEEEEEEEEEEEEEEEEEEEEEEEEEEE");
+    ASSERT_EQ(216u, want.size());
+    EXPECT_EQ(want, std::vector<unsigned char>(mine, mine + 216));
+    delete[] static_cast<unsigned char*>(buffer);
+}
+
+TEST(ChangeNotification, ShortBufferIsReplacedThroughTheCallersPointer) {
+    Loose l;
+    void* buffer = new char[16];
+    void* original = buffer;
+    ASSERT_EQ(1, ReadDirectoryChanges(l.h, &buffer, 16, 0, 0x1f, nullptr, nullptr, nullptr));
+    l.h->QueueNotify(Info(1, "a", 0x80, 1, 1));
+    l.h->QueueNotify(Info(3, "bb", 0x80, 2, 2));
+    unsigned long bytes = 0, key = 99;
+    l.h->SetKey(5);
+    ASSERT_EQ(1, l.h->GetChangeData(&bytes, &key));
+    EXPECT_EQ(5u, key);
+    EXPECT_EQ(208u, bytes);
+    EXPECT_NE(original, buffer);  // the old block went through delete[] (ASan would tell)
+    std::vector<Record> rs = Parse(buffer, bytes);
+    ASSERT_EQ(2u, rs.size());
+    EXPECT_EQ(104u, rs[0].next);
+    EXPECT_EQ("bb", rs[1].name);
+
+    // The usable size counts as 0 after a collection: without re-arming, even
+    // a small record gets a new block of exactly its length.
+    void* second = buffer;
+    l.h->QueueNotify(Info(2, "c", 0x80, 0, 0));
+    ASSERT_EQ(1, l.h->GetChangeData(&bytes, nullptr));
+    EXPECT_EQ(104u, bytes);
+    EXPECT_NE(second, buffer);
+    EXPECT_EQ("c", Parse(buffer, bytes).at(0).name);
+
+    // Nothing queued: total 0, the buffer is not touched.
+    void* third = buffer;
+    bytes = 7;
+    ASSERT_EQ(1, l.h->GetChangeData(&bytes, nullptr));
+    EXPECT_EQ(0u, bytes);
+    EXPECT_EQ(third, buffer);
+    delete[] static_cast<char*>(buffer);
+}
+
+TEST(ChangeNotification, CollectingWithoutABuffer) {
+    Loose l;
+    unsigned long bytes = 1;
+    // Never armed: no queue, nothing to collect.
+    EXPECT_EQ(0, GetOverlappedResult(l.h, nullptr, &bytes, 0));
+    // Armed without a buffer variable: an empty collection is fine...
+    ASSERT_EQ(1, ReadDirectoryChanges(l.h, nullptr, 0, 0, 0x1f, nullptr, nullptr, nullptr));
+    EXPECT_EQ(1, GetOverlappedResult(l.h, nullptr, &bytes, 0));
+    EXPECT_EQ(0u, bytes);
+    EXPECT_EQ(0, l.h->GetChangeData(nullptr, nullptr));
+    // ...but records have nowhere to go and stay queued.
+    l.h->QueueNotify(Info(1, "a", 0x80, 0, 0));
+    EXPECT_EQ(0, GetOverlappedResult(l.h, nullptr, &bytes, 0));
+    EXPECT_EQ(1u, l.h->GetNotifyData()->size());
+    // A null buffer pointer held in the variable is replaced.
+    void* buffer = nullptr;
+    ASSERT_EQ(1, ReadDirectoryChanges(l.h, &buffer, 0, 0, 0x1f, nullptr, nullptr, nullptr));
+    l.h->QueueNotify(Info(1, "b", 0x80, 0, 0));
+    ASSERT_EQ(1, GetOverlappedResult(l.h, nullptr, &bytes, 0));
+    EXPECT_EQ(104u, bytes);
+    ASSERT_NE(nullptr, buffer);
+    delete[] static_cast<char*>(buffer);
+}
+
+TEST(ChangeNotification, ArmingChecksTheKindAndRegisters) {
+    Handle* e = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    void* buffer = nullptr;
+    EXPECT_EQ(0, ReadDirectoryChanges(e, &buffer, 0, 0, 0x1f, nullptr, nullptr, nullptr));
+    EXPECT_EQ(0, ReadDirectoryChanges(nullptr, &buffer, 0, 0, 0x1f, nullptr, nullptr, nullptr));
+    CloseHandle(e);
+
+    tvtest::TempDir tmp;
+    const std::string dir = tmp.path() + "/w/";
+    mkdir(dir.c_str(), 0755);
+    tvtest::WriteFile(dir + "old", "");
+    Handle* h = FindFirstChangeNotification(dir.c_str(), 1, 0x1f);
+    ASSERT_NE(INVALID_HANDLE_VALUE, h);
+    EXPECT_EQ(11, h->What());
+    auto* c = static_cast<ChangeNotificationHandle*>(h);
+    EXPECT_EQ(nullptr, c->GetNotifyData());
+    ASSERT_EQ(1, ReadDirectoryChanges(h, &buffer, 0, 1, 0x3, nullptr, nullptr, nullptr));
+    EXPECT_EQ(0x3u, c->GetFilter());
+    // FindFirstChangeNotification made the (empty) entry, so arming did not
+    // take a baseline: the first scan reports what is already there.
+    UnixDirScan(dir, c, nullptr);
+    unsigned long bytes = 0;
+    ASSERT_EQ(1, GetOverlappedResult(h, nullptr, &bytes, 0));
+    std::vector<Record> rs = Parse(buffer, bytes);
+    ASSERT_EQ(1u, rs.size());
+    EXPECT_EQ("old", rs[0].name);
+    // Re-arming empties anything queued meanwhile.
+    c->QueueNotify(Info(1, "stale", 0x80, 0, 0));
+    ASSERT_EQ(1, ReadDirectoryChanges(h, &buffer, 0, 1, 0x3, nullptr, nullptr, nullptr));
+    EXPECT_TRUE(c->GetNotifyData()->empty());
+    FindCloseChangeNotification(h, 0);
+    delete[] static_cast<char*>(buffer);
+}
+
+TEST(ChangeNotification, WaitAndSignalThroughTheOverlappedEvent) {
+    Loose l;
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(l.h, 0));
+    // Without an overlapped event the handle's own event carries the signal.
+    EXPECT_EQ(1, l.h->Signal());
+    EXPECT_EQ(1, l.h->State());
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(l.h, 1000));
+    l.h->Clear();
+    EXPECT_EQ(0, l.h->State());
+
+    Handle* ev = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    OVERLAPPED ov;
+    memset(&ov, 0, sizeof ov);
+    ov.hEvent = ev;
+    void* buffer = nullptr;
+    ASSERT_EQ(1, ReadDirectoryChanges(l.h, &buffer, 0, 0, 0x1f, nullptr, &ov, nullptr));
+    // The handle holds its own reference on the event.
+    CloseHandle(ev);
+
+    // A waiter on the handle is released by Signal (which sets the event).
+    std::atomic<pid_t> tid{0};
+    std::atomic<unsigned long> result{12345};
+    std::thread waiter([&] {
+        tid = tvtest::CurrentTid();
+        result = WaitForSingleObject(l.h, 20000);
+    });
+    while (tid == 0) std::this_thread::yield();
+    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
+    l.h->Signal();
+    waiter.join();
+    EXPECT_EQ(WAIT_OBJECT_0, result.load());
+    // The successful wait reset the manual-reset event.
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(l.h, 200));
+    // A handle the scanner marked changed answers at once.
+    l.h->SetChanged(1);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(l.h, 0));
+    unsigned long bytes = 0;
+    EXPECT_EQ(1, GetOverlappedResult(l.h, nullptr, &bytes, 0));
+    EXPECT_EQ(0, l.h->GetChanged());
+    delete[] static_cast<char*>(buffer);
+}

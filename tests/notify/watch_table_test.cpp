@@ -1,0 +1,180 @@
+// The watch table: registration order, entry keys, purging, the dump.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <string>
+#include <vector>
+
+#include "notify/watch_table.h"
+#include "notify_test_util.h"
+#include "test_support.h"
+#include "tvcommonutil/notify.h"
+
+using tv::detail::Dir_Data;
+using tv::detail::FindDirEntry;
+
+namespace {
+
+std::string Padded(const std::string& s, size_t width) {
+    return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
+}
+
+std::string CTimeTrimmed(time_t t) {
+    char buf[64];
+    ctime_r(&t, buf);
+    std::string s(buf);
+    s.pop_back();
+    return s;
+}
+
+}  // namespace
+
+TEST(WatchTable, AttributeTextIsDirectoryOrNormalOnly) {
+    EXPECT_STREQ("Directory", FileAttribs2String(0x41ED).c_str());
+    EXPECT_STREQ("Normal", FileAttribs2String(0x81A4).c_str());
+    EXPECT_STREQ("Normal", FileAttribs2String(0).c_str());
+    // Every bit outside the type is ignored, even the ones the names pair with.
+    EXPECT_STREQ("Normal", FileAttribs2String(0xA1FF).c_str());
+    EXPECT_STREQ("Directory", FileAttribs2String(0x4000 | 0x1 | 0x10 | 0x100).c_str());
+}
+
+TEST(WatchTable, HandlesOnOneDirectoryAreNeighbours) {
+    tvtest::TempDir tmp;
+    const std::string d = tmp.path() + "/d", e = tmp.path() + "/e";
+    auto* h1 = new ChangeNotificationHandle(d.c_str(), 0, 0);
+    auto* h2 = new ChangeNotificationHandle(d.c_str(), 0, 0);
+    auto* h3 = new ChangeNotificationHandle(e.c_str(), 0, 0);
+    auto* h4 = new ChangeNotificationHandle(d.c_str(), 0, 0);
+    for (auto* h : {h1, h2, h3, h4}) WatchDir(h->GetWatchDir(), h);
+
+    std::vector<ChangeNotificationHandle*> order;
+    for (auto* h : tv::detail::CNH_list()) {
+        if (h == h1 || h == h2 || h == h3 || h == h4) order.push_back(h);
+    }
+    EXPECT_EQ((std::vector<ChangeNotificationHandle*>{h3, h1, h4, h2}), order);
+
+    // Unregistering takes the handle off the list; its table entry stays.
+    for (auto* h : {h1, h2, h3, h4}) EXPECT_EQ(0, FindCloseChangeNotification(h, 0));
+    for (auto* h : tv::detail::CNH_list()) {
+        EXPECT_TRUE(h != h1 && h != h2 && h != h3 && h != h4);
+    }
+    EXPECT_NE(FindDirEntry(d), Dir_Data().end());
+    // Closing a handle that is not registered is not an error.
+    auto* loose = new ChangeNotificationHandle(d.c_str(), 0, 0);
+    EXPECT_EQ(0, FindCloseChangeNotification(loose, 1));
+    EXPECT_EQ(0, FindCloseChangeNotification(nullptr, 0));
+    CloseHandle(loose);
+}
+
+TEST(WatchTable, WatchedPathAndScannedPathAreTwoEntries) {
+    tvtest::TempDir tmp;
+    const std::string d = tmp.path() + "/d";
+    mkdir(d.c_str(), 0755);
+    tvtest::WriteFile(d + "/f", "");
+    WatchDir(d, nullptr);
+    UnixDirScan(d, nullptr, nullptr);
+    auto bare = FindDirEntry(d), slashed = FindDirEntry(d + "/");
+    ASSERT_NE(bare, Dir_Data().end());
+    ASSERT_NE(slashed, Dir_Data().end());
+    EXPECT_TRUE(bare->second.files.empty());
+    EXPECT_EQ(0, bare->second.dirModTime);
+    EXPECT_EQ(1u, slashed->second.files.size());
+    EXPECT_STREQ((d + "/").c_str(), slashed->second.lock.GetLockName());
+    EXPECT_STREQ(d.c_str(), bare->second.lock.GetLockName());
+    EXPECT_FALSE(InUnixDirScan());
+}
+
+TEST(WatchTable, PurgeFollowsOnlyOwnerReadableNames) {
+    tvtest::TempDir tmp;
+    const std::string d = tmp.path() + "/d";
+    mkdir(d.c_str(), 0755);
+    mkdir((d + "/open").c_str(), 0700);
+    tvtest::WriteFile(d + "/open/f", "");
+    mkdir((d + "/shut").c_str(), 0300);
+    // The unreadable directory's entry exists whether or not the scan can
+    // open it (it cannot unless we are root).
+    WatchDir(d + "/shut/", nullptr);
+    UnixDirScan(d, nullptr, nullptr);
+    ASSERT_NE(FindDirEntry(d + "/open/"), Dir_Data().end());
+    {
+        CriticalSectionHolder serial(tv::detail::DirScan_lock());
+        tv::detail::Purge_Dir_Entry(FindDirEntry(d + "/"));
+        tv::detail::Purge_Dir_Entry(Dir_Data().end());  // nothing to do
+    }
+    EXPECT_EQ(FindDirEntry(d + "/"), Dir_Data().end());
+    EXPECT_EQ(FindDirEntry(d + "/open/"), Dir_Data().end());
+    EXPECT_NE(FindDirEntry(d + "/shut/"), Dir_Data().end());
+    chmod((d + "/shut").c_str(), 0700);
+}
+
+TEST(WatchTable, InvalidationClearsSeenBitsDownTheTree) {
+    tvtest::TempDir tmp;
+    const std::string d = tmp.path() + "/d";
+    mkdir(d.c_str(), 0755);
+    mkdir((d + "/s").c_str(), 0755);
+    tvtest::WriteFile(d + "/s/f", "");
+    UnixDirScan(d, nullptr, nullptr);
+    auto top = FindDirEntry(d + "/"), sub = FindDirEntry(d + "/s/");
+    ASSERT_NE(sub, Dir_Data().end());
+    EXPECT_EQ(1u, sub->second.valid);
+    {
+        CriticalSectionHolder serial(tv::detail::DirScan_lock());
+        tv::detail::Invalidate_Dir_Entry(top);
+    }
+    EXPECT_EQ(0u, top->second.valid);
+    EXPECT_EQ(0u, sub->second.valid);
+    EXPECT_EQ(0, sub->second.files.begin()->second.flags & tv::detail::kFileSeen);
+}
+
+TEST(WatchTable, DumpFormats) {
+    tvtest::TempDir tmp;
+    const std::string d = tmp.path() + "/d";
+    mkdir(d.c_str(), 0755);
+    tvtest::WriteFile(d + "/file", "");
+    mkdir((d + "/sub").c_str(), 0755);
+    auto* h = new ChangeNotificationHandle((d + "/").c_str(), 0, 0);
+    WatchDir(h->GetWatchDir(), h);
+    UnixDirScan(d + "/", nullptr, nullptr);
+    CKWString changed = "/changed/";
+    cnf_update(h, changed);
+    cnf_update(nullptr, changed);
+
+    testing::internal::CaptureStderr();
+    DumpDirData();
+    const std::string out = testing::internal::GetCapturedStderr();
+
+    EXPECT_EQ(0u, out.find("\nDir_Data:\n"));
+    struct stat st;
+    ASSERT_EQ(0, lstat(d.c_str(), &st));
+    const std::string entry = " " + Padded(d + "/", 40) + "  mod: " + CTimeTrimmed(st.st_mtime) +
+                              ", DskMsg: 0, OOS: 0, Repl to/frm: 0/0, Flgs: 0\n";
+    const size_t at = out.find(entry);
+    ASSERT_NE(std::string::npos, at) << out;
+    ASSERT_EQ(0, lstat((d + "/file").c_str(), &st));
+    const std::string fileLine =
+        "   " + Padded("file", 40) + "   mod: " + CTimeTrimmed(st.st_mtime) + " attr: Normal\n";
+    ASSERT_EQ(0, lstat((d + "/sub").c_str(), &st));
+    const std::string subLine =
+        "   " + Padded("sub", 40) + "/  mod: " + CTimeTrimmed(st.st_mtime) + " attr: Directory\n";
+    // Records follow their entry in name order.
+    EXPECT_EQ(at + entry.size(), out.find(fileLine, at)) << out;
+    EXPECT_EQ(at + entry.size() + fileLine.size(), out.find(subLine, at)) << out;
+    const size_t cnh = out.find("--CNH:\n");
+    ASSERT_NE(std::string::npos, cnh);
+    EXPECT_NE(std::string::npos, out.find("st: 0 watch: " + d + "/ change: /changed/\n", cnh));
+
+    // An invalidated entry and unseen records are starred.
+    {
+        CriticalSectionHolder serial(tv::detail::DirScan_lock());
+        tv::detail::Invalidate_Dir_Entry(FindDirEntry(d + "/"));
+    }
+    testing::internal::CaptureStderr();
+    DumpDirData();
+    const std::string again = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, again.find("*" + Padded(d + "/", 40) + "  mod: "));
+    EXPECT_NE(std::string::npos, again.find("*  " + Padded("file", 40) + "   mod: "));
+    FindCloseChangeNotification(h, 0);
+}

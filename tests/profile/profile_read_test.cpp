@@ -1,0 +1,266 @@
+// Reading profile files: parsing, lookups, lists and their buffer limits.
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "profile_test_util.h"
+
+using profiletest::Get;
+using profiletest::Keys;
+using profiletest::ProfileDir;
+using profiletest::Sections;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+TEST(ProfileRead, ValuesKeepCommentsAndLoseOnePairOfQuotes) {
+    ProfileDir dir;
+    std::string f = dir.file("v.ini");
+    tvtest::WriteFile(f,
+                      "[Main]\n"
+                      "  k = v ; note  \n"
+                      "quoted = \"  spaced out  \"\n"
+                      "ticked = `  inner '  \n"
+                      "apos = 'kept'\n"
+                      "Mixed Case Key=mk\n"
+                      "eq = a=b=c\n"
+                      "flag\n"
+                      "empty =\n"
+                      "dup = first\n"
+                      "dup = second\n"
+                      "; commented = no\n");
+    EXPECT_EQ(Get("Main", "k", f), "v ; note");
+    EXPECT_EQ(Get(" main ", "  K ", f), "v ; note");  // arguments trimmed, case ignored
+    EXPECT_EQ(Get("Main", "quoted", f), "spaced out");
+    EXPECT_EQ(Get("Main", "ticked", f), "inner");
+    EXPECT_EQ(Get("Main", "apos", f), "'kept'");
+    EXPECT_EQ(Get("Main", "mixed case key", f), "mk");
+    EXPECT_EQ(Get("Main", "eq", f), "a=b=c");
+    EXPECT_EQ(Get("Main", "flag", f), "<default>");  // a bare line has no value
+    EXPECT_EQ(Get("Main", "empty", f), "");
+    EXPECT_EQ(Get("Main", "dup", f), "first");
+    EXPECT_EQ(Get("Main", "commented", f), "<default>");
+    EXPECT_EQ(Get("Main", "missing", f), "<default>");
+    EXPECT_EQ(Get("Other", "k", f), "<default>");
+    EXPECT_EQ(Get("Main", "missing", f, nullptr), "");
+    // The default is used as given, untrimmed.
+    EXPECT_EQ(Get("Main", "missing", f, "  padded "), "  padded ");
+
+    // The key list holds bare lines and keys of commented values, not comments.
+    EXPECT_EQ(Keys("Main", f), (Strings{"k", "quoted", "ticked", "apos", "Mixed Case Key", "eq",
+                                        "flag", "empty", "dup", "dup"}));
+}
+
+TEST(ProfileRead, HeadersFollowTheCommentCutAndKeepTheirBlanks) {
+    ProfileDir dir;
+    std::string f = dir.file("h.ini");
+    tvtest::WriteFile(f,
+                      "; file comment\n"
+                      "\n"
+                      "top=level\n"
+                      "[Sec] ; note\n"
+                      "a=1\n"
+                      "[Se;c]\n"
+                      "b=2\n"
+                      "[ Spaced ]\n"
+                      "c=3\n"
+                      "[sec]\n"
+                      "a=shadowed\n"
+                      "[]\n"
+                      "d=4\n"
+                      "[Last]\n"
+                      "no-newline=1");
+    // "[Se;c]" is no header: it and b=2 belong to Sec.
+    EXPECT_EQ(Sections(f), (Strings{"Sec", " Spaced ", "sec", "Last"}));
+    EXPECT_EQ(Get("Sec", "b", f), "2");
+    EXPECT_EQ(Get("Sec", "a", f), "1");  // the first of two same-named sections
+    EXPECT_EQ(Keys("Sec", f), (Strings{"a", "[Se", "b"}));
+    EXPECT_EQ(Get("Spaced", "c", f), "<default>");
+    EXPECT_EQ(Get(" Spaced ", "c", f), "<default>");  // the argument is trimmed
+    EXPECT_EQ(Get("", "d", f), "4");                  // empty section name
+    // Lines before the first header belong to no section.
+    EXPECT_EQ(Get("", "top", f), "<default>");
+    // The last line had no line feed and is not part of the file.
+    EXPECT_EQ(Keys("Last", f), Strings{});
+    EXPECT_EQ(Keys("Missing", f), Strings{});
+}
+
+TEST(ProfileRead, LongLinesAndOddBytes) {
+    ProfileDir dir;
+    std::string f = dir.file("long.ini");
+    std::string big(2000, 'x');
+    std::string huge(100000, 'y');
+    tvtest::WriteFile(f, "[S]\nbig=" + big + "\r\nhuge=" + huge + "\nvt=\va\v\n" +
+                             std::string("nul=ab\0cd\n", 10) + "after=ok\n");
+    EXPECT_EQ(Get("S", "big", f), big);  // CR of a CRLF line is whitespace
+    char buf[200000];
+    unsigned long n = GetPrivateProfileString("S", "huge", "", buf, sizeof buf, f.c_str());
+    EXPECT_EQ(n, huge.size());
+    EXPECT_EQ(std::string(buf, n), huge);
+    EXPECT_EQ(Get("S", "vt", f), "\va\v");
+    EXPECT_EQ(Get("S", "nul", f), "ab");  // text ends at a NUL byte; the line still ends at LF
+    EXPECT_EQ(Get("S", "after", f), "ok");
+}
+
+TEST(ProfileRead, ValueAndDefaultAreCutToTheBuffer) {
+    ProfileDir dir;
+    std::string f = dir.file("cut.ini");
+    tvtest::WriteFile(f, "[S]\nk=abcdef\n");
+    char buf[16];
+    memset(buf, '#', sizeof buf);
+    EXPECT_EQ(GetPrivateProfileString("S", "k", "", buf, 4, f.c_str()), 3u);
+    EXPECT_STREQ(buf, "abc");
+    EXPECT_EQ(buf[4], '#');
+    EXPECT_EQ(GetPrivateProfileString("S", "k", "", buf, 7, f.c_str()), 6u);
+    EXPECT_STREQ(buf, "abcdef");
+    EXPECT_EQ(GetPrivateProfileString("S", "none", "defaults", buf, 5, f.c_str()), 4u);
+    EXPECT_STREQ(buf, "defa");
+    memset(buf, '#', sizeof buf);
+    EXPECT_EQ(GetPrivateProfileString("S", "k", "", buf, 0, f.c_str()), 0u);
+    EXPECT_EQ(buf[0], '#');  // nothing written into a zero-sized buffer
+    EXPECT_EQ(GetPrivateProfileString("S", "k", "", buf, 1, f.c_str()), 0u);
+    EXPECT_EQ(buf[0], '\0');
+    EXPECT_EQ(GetPrivateProfileString("S", "k", "", nullptr, 10, f.c_str()), 0u);
+}
+
+TEST(ProfileRead, ListsFillTheBufferByTheSpareByteContract) {
+    ProfileDir dir;
+    std::string f = dir.file("list.ini");
+    tvtest::WriteFile(f, "[S]\naa=1\nbb=2\ncc=3\n");
+    char buf[32];
+
+    // "aa\0bb\0cc\0" is 9 bytes: a size of 9 fits it exactly and the closing
+    // NUL lands on buf[9], the caller's spare byte.
+    memset(buf, '#', sizeof buf);
+    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf, 9, f.c_str()), 9u);
+    EXPECT_EQ(std::string(buf, 10), std::string("aa\0bb\0cc\0\0", 10));
+    EXPECT_EQ(buf[10], '#');
+
+    // One byte short: the last key is cut so that two NULs end the buffer.
+    memset(buf, '#', sizeof buf);
+    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf, 8, f.c_str()), 6u);
+    EXPECT_EQ(std::string(buf, 8), std::string("aa\0bb\0\0\0", 8));
+    EXPECT_EQ(buf[8], '#');
+
+    // Room for part of a key: it is cut to remaining - 2 characters, and the
+    // buffer's last two bytes are NULs.
+    memset(buf, '#', sizeof buf);
+    tvtest::WriteFile(f = dir.file("list2.ini"), "[S]\naa=1\nlongkey=2\n");
+    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf, 8, f.c_str()), 6u);
+    EXPECT_EQ(std::string(buf, 8), std::string("aa\0lon\0\0", 8));
+
+    // Tiny buffers never see a write before buf[0] or past the spare byte.
+    memset(buf, '#', sizeof buf);
+    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf + 4, 2, f.c_str()), 0u);
+    EXPECT_EQ(std::string(buf + 3, 4), std::string("#\0\0#", 4));
+    memset(buf, '#', sizeof buf);
+    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf + 4, 1, f.c_str()), 0u);
+    EXPECT_EQ(std::string(buf + 3, 3), std::string("#\0#", 3));
+
+    // Section names list the same way; a missing section gives an empty list.
+    tvtest::WriteFile(f = dir.file("secs.ini"), "[One]\n[Two]\n");
+    EXPECT_EQ(GetPrivateProfileString(nullptr, "ignored", nullptr, buf, 8, f.c_str()), 8u);
+    EXPECT_EQ(std::string(buf, 9), std::string("One\0Two\0\0", 9));
+    memset(buf, '#', sizeof buf);
+    EXPECT_EQ(GetPrivateProfileString("None", nullptr, "dflt", buf, 8, f.c_str()), 0u);
+    EXPECT_EQ(buf[0], '\0');
+}
+
+TEST(ProfileRead, UnreadableAndRefusedFilesGiveTheDefault) {
+    ProfileDir dir;
+    EXPECT_EQ(Get("S", "k", dir.file("missing.ini")), "<default>");
+    EXPECT_EQ(Keys("S", dir.file("missing.ini")), Strings{});
+    EXPECT_EQ(Get("S", "k", dir.path()), "<default>");  // a directory cannot be parsed
+
+    // 255 characters is the longest path the cache holds; 256 is refused and
+    // never read as its 255-character prefix.
+    std::string base = dir.path() + "/";
+    std::string name255 = base + std::string(255 - base.size(), 'n');
+    ASSERT_EQ(name255.size(), 255u);
+    std::string name256 = name255 + "x";
+    tvtest::WriteFile(name255, "[S]\nk=short\n");
+    tvtest::WriteFile(name256, "[S]\nk=long\n");
+    EXPECT_EQ(Get("S", "k", name255), "short");
+    errno = 0;
+    EXPECT_EQ(Get("S", "k", name256), "<default>");
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(Get("S", "k", std::string(5000, 'z')), "<default>");
+}
+
+TEST(ProfileRead, ReloadsWhenTheStatusChangeTimeMoves) {
+    ProfileDir dir;
+    std::string f = dir.file("r.ini");
+    tvtest::WriteFile(f, "[S]\nk=old\n");
+    EXPECT_EQ(Get("S", "k", f), "old");
+
+    // Same second: the cached copy is still used.
+    time_t loaded = profiletest::CtimeOf(f);
+    tvtest::WriteFile(f, "[S]\nk=new\n");
+    if (profiletest::CtimeOf(f) == loaded) {
+        EXPECT_EQ(Get("S", "k", f), "old");
+    }
+
+    profiletest::WaitPastSecond(profiletest::CtimeOf(f));
+    tvtest::WriteFile(f, "[S]\nk=newer\n");
+    EXPECT_EQ(Get("S", "k", f), "newer");
+
+    // A cached write is lost when the disk copy is newer: the disk wins.
+    ASSERT_EQ(WritePrivateProfileString("S", "k", "mine", f.c_str()), 1);
+    EXPECT_EQ(Get("S", "k", f), "mine");
+    profiletest::WaitPastSecond(profiletest::CtimeOf(f));
+    tvtest::WriteFile(f, "[S]\nk=theirs\n");
+    EXPECT_EQ(Get("S", "k", f), "theirs");
+
+    // A file removed behind the cache reads as the default.
+    unlink(f.c_str());
+    EXPECT_EQ(Get("S", "k", f), "<default>");
+}
+
+TEST(ProfileRead, TablesHoldTheTrimmedLinesVerbatim) {
+    ProfileDir dir;
+    std::string f = dir.file("t.ini");
+    tvtest::WriteFile(f, "  ; head  \n\n[A] ; c\n  x = 1 ; y  \n\n[B]\n");
+    tv::detail::ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+    EXPECT_FALSE(tv::detail::ProfileMutexNeedsInit());
+    ASSERT_EQ(tv::detail::ReadIniFile(f.c_str(), &tv::detail::pYUFileTable), 1);
+    tv::detail::yufiletable* t = tv::detail::pYUFileTable;
+    EXPECT_STREQ(t->name, f.c_str());
+    EXPECT_EQ(t->dirty, 0);
+    EXPECT_EQ(t->cachedTime, profiletest::CtimeOf(f));
+    ASSERT_EQ(t->headerCount, 2);
+    EXPECT_STREQ(t->headerLines[0], "; head");
+    EXPECT_STREQ(t->headerLines[1], "");
+    ASSERT_EQ(t->sectionCount, 2);
+    EXPECT_STREQ(t->sections[0]->name, "A");
+    EXPECT_STREQ(t->sections[0]->headerLine, "[A] ; c");
+    ASSERT_EQ(t->sections[0]->lineCount, 2);
+    EXPECT_STREQ(t->sections[0]->lines[0], "x = 1 ; y");
+    EXPECT_STREQ(t->sections[0]->lines[1], "");
+    EXPECT_EQ(t->sections[1]->lineCount, 0);
+    // Arrays grow in steps of 8 with null slots beyond the count.
+    EXPECT_EQ(t->sections[2], nullptr);
+    EXPECT_EQ(t->sections[7], nullptr);
+
+    EXPECT_EQ(tv::detail::yuFreeProfileStructures(f.c_str()), 1);
+    EXPECT_EQ(tv::detail::yuFreeProfileStructures(f.c_str()), 0);
+    EXPECT_EQ(tv::detail::ReadIniFile((f + ".none").c_str(), &tv::detail::pYUFileTable), 0);
+}
+
+TEST(ProfileRead, FilesBeyondTheSixteenBitCountsAreRefused) {
+    ProfileDir dir;
+    std::string f = dir.file("big.ini");
+    std::string text = "[S]\n";
+    for (int i = 0; i < 32766; ++i) text += "k\n";
+    text += "last=1\n";  // line 32767 of the section: the most it can hold
+    tvtest::WriteFile(f, text);
+    EXPECT_EQ(Get("S", "last", f), "1");
+    yuWriteAndFreeAllProfiles();
+    tvtest::WriteFile(f, text + "one-too-many\n");
+    EXPECT_EQ(Get("S", "last", f), "<default>");  // never a partial table
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "v", f.c_str()), 0);
+}
+
+}  // namespace

@@ -1,0 +1,232 @@
+// Writing profile files: placement, deletions, caching and the flush.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "profile_test_util.h"
+
+using profiletest::Get;
+using profiletest::Keys;
+using profiletest::ProfileDir;
+
+namespace {
+
+int Flush(const std::string& f) {
+    return WritePrivateProfileString(nullptr, nullptr, nullptr, f.c_str());
+}
+
+tv::detail::yufiletable* Cached(const std::string& f) {
+    tv::detail::ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+    return tv::detail::FindProfileTable(f.c_str());
+}
+
+TEST(ProfileWrite, SetKeepsLayoutAndPlacesNewKeysBeforeTrailingComments) {
+    ProfileDir dir;
+    std::string f = dir.file("w.ini");
+    tvtest::WriteFile(f,
+                      "; top comment\n"
+                      "\n"
+                      "[A]\n"
+                      "  KEY = 1 ; old comment\n"
+                      "flag\n"
+                      "; about B\n"
+                      "# also about B\n"
+                      "\n"
+                      "[B] ; b note\n"
+                      "y=2\n");
+    EXPECT_EQ(WritePrivateProfileString("A", "new", "v", f.c_str()), 1);
+    EXPECT_EQ(WritePrivateProfileString(" a ", " Key ", "  fresh ", f.c_str()), 1);
+    EXPECT_EQ(WritePrivateProfileString("A", "flag", "value", f.c_str()), 1);
+    EXPECT_EQ(WritePrivateProfileString("C", "c1", "x", f.c_str()), 1);
+    EXPECT_EQ(WritePrivateProfileString("c", "c2", "y", f.c_str()), 1);
+    // Cached: nothing on disk yet, but reads see the change.
+    EXPECT_EQ(Get("A", "key", f), "fresh");
+    EXPECT_EQ(tvtest::ReadFile(f).find("fresh"), std::string::npos);
+
+    EXPECT_EQ(Flush(f), 0);  // a flush request always answers 0
+    EXPECT_EQ(tvtest::ReadFile(f),
+              "; top comment\n"
+              "\n"
+              "[A]\n"
+              "KEY=fresh\n"
+              "flag=value\n"
+              "new=v\n"
+              "; about B\n"
+              "# also about B\n"
+              "\n"
+              "[B] ; b note\n"
+              "y=2\n"
+              "\n"
+              "[C]\n"
+              "c1=x\n"
+              "c2=y\n"
+              "\n");
+}
+
+TEST(ProfileWrite, DeletionsMatchKeysCaseSensitivelyAndLeaveHoles) {
+    ProfileDir dir;
+    std::string f = dir.file("d.ini");
+    tvtest::WriteFile(f, "[S]\nKEY=1\nother=2\n[s]\nKey=3\n[T]\nt=1\n\n[V]\n; c\nx=1\n");
+    EXPECT_EQ(WritePrivateProfileString("S", "Key", nullptr, f.c_str()), 1);  // found in [s]
+    EXPECT_EQ(WritePrivateProfileString("S", "Key", nullptr, f.c_str()), 0);  // gone now
+    EXPECT_EQ(WritePrivateProfileString("S", "key", nullptr, f.c_str()), 0);
+    EXPECT_EQ(WritePrivateProfileString("S", "KEY", nullptr, f.c_str()), 1);
+    EXPECT_EQ(WritePrivateProfileString(" t ", nullptr, "ignored", f.c_str()), 1);
+    EXPECT_EQ(WritePrivateProfileString("T", nullptr, nullptr, f.c_str()), 0);
+    EXPECT_EQ(WritePrivateProfileString("nope", nullptr, nullptr, f.c_str()), 0);
+    EXPECT_EQ(Get("T", "t", f), "<default>");
+
+    // Deleted slots stay counted but are null.
+    tv::detail::yufiletable* t = Cached(f);
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->sectionCount, 4);
+    EXPECT_EQ(t->sections[2], nullptr);
+    EXPECT_EQ(t->sections[0]->lineCount, 2);
+    EXPECT_EQ(t->sections[0]->lines[0], nullptr);
+
+    // A new key's walk back over trailing comments stops at a deleted line.
+    EXPECT_EQ(WritePrivateProfileString("V", "x", nullptr, f.c_str()), 1);
+    EXPECT_EQ(WritePrivateProfileString("V", "y", "1", f.c_str()), 1);
+    Flush(f);
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\nother=2\n\n[s]\n\n[V]\n; c\ny=1\n\n");
+}
+
+TEST(ProfileWrite, FlushReportsZeroWhenItReleasedItsLockNormally) {
+    ProfileDir dir;
+    std::string f = dir.file("flush.ini");
+    tvtest::WriteFile(f, "[S]\nk=1\n");
+    ASSERT_EQ(WritePrivateProfileString("S", "k", "2", f.c_str()), 1);
+    tv::detail::yufiletable* t = Cached(f);
+    ASSERT_NE(t, nullptr);
+    int64_t loadedAt = t->cachedTime;
+    {
+        tv::detail::ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+        EXPECT_EQ(tv::detail::yuFlushProfileToDisk(t), 0);
+        EXPECT_EQ(t->dirty, 1);
+        EXPECT_EQ(t->cachedTime, loadedAt);
+    }
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\nk=2\n\n");
+    EXPECT_FALSE(tvtest::FileExists(profiletest::LockPathFor(f)));
+
+    // With caching off every change is flushed and answers with the flush's 0.
+    yuSetProfileWriteCaching(false);
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "3", f.c_str()), 0);
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\nk=3\n\n");
+    // A deletion rewrites the file without the key but keeps it in the table.
+    EXPECT_EQ(WritePrivateProfileString("S", "k", nullptr, f.c_str()), 0);
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\n\n");
+    ASSERT_EQ(Cached(f), t);
+    EXPECT_STREQ(t->sections[0]->lines[0], "k=3");
+    EXPECT_EQ(WritePrivateProfileString("S", nullptr, nullptr, f.c_str()), 0);
+    EXPECT_EQ(tvtest::ReadFile(f), "");
+    ASSERT_NE(t->sections[0], nullptr);
+    yuSetProfileWriteCaching(true);
+}
+
+TEST(ProfileWrite, CachingSwitchAndWriteAndFreeAllFlushDirtyTables) {
+    ProfileDir dir;
+    std::string a = dir.file("a.ini"), b = dir.file("b.ini");
+    tvtest::WriteFile(a, "[S]\nk=1\n");
+    tvtest::WriteFile(b, "[S]\nk=1\n");
+    ASSERT_EQ(WritePrivateProfileString("S", "k", "2", a.c_str()), 1);
+    EXPECT_EQ(Get("S", "k", b), "1");  // cached, clean
+    yuSetProfileWriteCaching(false);
+    EXPECT_EQ(tvtest::ReadFile(a), "[S]\nk=2\n\n");
+    EXPECT_EQ(tvtest::ReadFile(b), "[S]\nk=1\n");  // clean tables are not rewritten
+    yuSetProfileWriteCaching(true);
+    ASSERT_EQ(WritePrivateProfileString("S", "k", "3", b.c_str()), 1);
+    yuWriteAndFreeAllProfiles();
+    EXPECT_EQ(tvtest::ReadFile(b), "[S]\nk=3\n\n");
+    EXPECT_EQ(Cached(a), nullptr);
+    EXPECT_EQ(Cached(b), nullptr);
+}
+
+TEST(ProfileWrite, OwnerWriteBitAloneDecides) {
+    ProfileDir dir;
+    std::string f = dir.file("ro.ini");
+    tvtest::WriteFile(f, "[S]\nk=1\n");
+    ASSERT_EQ(chmod(f.c_str(), 0444), 0);
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "2", f.c_str()), 0);
+    EXPECT_EQ(Get("S", "k", f), "1");
+    // Group and other write bits do not help, even for the superuser.
+    ASSERT_EQ(chmod(f.c_str(), 0577), 0);
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "2", f.c_str()), 0);
+    EXPECT_EQ(WritePrivateProfileString("S", "k", nullptr, f.c_str()), 0);
+    EXPECT_EQ(Flush(f), 0);
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\nk=1\n");
+    ASSERT_EQ(chmod(f.c_str(), 0644), 0);
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "2", f.c_str()), 1);
+}
+
+TEST(ProfileWrite, MissingFilesAreCreatedAndBadPathsRefused) {
+    ProfileDir dir;
+    std::string f = dir.file("new.ini");
+    EXPECT_EQ(WritePrivateProfileString("New", "k", "v", f.c_str()), 1);
+    EXPECT_TRUE(tvtest::FileExists(f));  // created empty at once
+    EXPECT_EQ(tvtest::ReadFile(f), "");
+    Flush(f);
+    EXPECT_EQ(tvtest::ReadFile(f), "[New]\nk=v\n\n");
+
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "v", dir.file("no/dir.ini").c_str()), 0);
+
+    // Null section with a key or value: refused.
+    EXPECT_EQ(WritePrivateProfileString(nullptr, "k", "v", f.c_str()), 0);
+    EXPECT_EQ(WritePrivateProfileString(nullptr, "k", nullptr, f.c_str()), 0);
+    EXPECT_EQ(WritePrivateProfileString(nullptr, nullptr, "v", f.c_str()), 0);
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "v", nullptr), 0);
+
+    // A 256-character path is refused whole: neither it nor its 255-character
+    // prefix is created.
+    std::string base = dir.path() + "/";
+    std::string name256 = base + std::string(256 - base.size(), 'p');
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "v", name256.c_str()), 0);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_FALSE(tvtest::FileExists(name256));
+    EXPECT_FALSE(tvtest::FileExists(name256.substr(0, 255)));
+}
+
+TEST(ProfileWrite, StaleLockFileMakesFlushesFailWithoutHanging) {
+    ProfileDir dir;
+    std::string f = dir.file("stale.ini");
+    tvtest::WriteFile(f, "[S]\nk=1\n");
+    ASSERT_EQ(WritePrivateProfileString("S", "k", "2", f.c_str()), 1);
+    std::string lock = profiletest::LockPathFor(f);
+    tvtest::WriteFile(lock, "");  // left behind by a crashed writer
+
+    auto start = std::chrono::steady_clock::now();
+    tv::detail::yufiletable* t = Cached(f);
+    {
+        tv::detail::ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+        EXPECT_EQ(tv::detail::yuFlushProfileToDisk(t), 0);
+    }
+    yuSetProfileWriteCaching(false);
+    EXPECT_EQ(WritePrivateProfileString("S", "k", "3", f.c_str()), 0);
+    yuSetProfileWriteCaching(true);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\nk=1\n");
+    EXPECT_EQ(t->dirty, 1);
+    EXPECT_TRUE(tvtest::FileExists(lock));  // a failed flush never removes someone's lock
+
+    unlink(lock.c_str());
+    Flush(f);
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\nk=3\n\n");
+}
+
+TEST(ProfileWrite, WriterUsesItsCachedTableAsItIs) {
+    ProfileDir dir;
+    std::string f = dir.file("w.ini");
+    tvtest::WriteFile(f, "[S]\na=1\n");
+    ASSERT_EQ(WritePrivateProfileString("S", "b", "2", f.c_str()), 1);
+    profiletest::WaitPastSecond(profiletest::CtimeOf(f));
+    tvtest::WriteFile(f, "[S]\na=changed elsewhere\n");
+    // No status-change check on the write path: the cached table is flushed.
+    ASSERT_EQ(WritePrivateProfileString("S", "c", "3", f.c_str()), 1);
+    Flush(f);
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\na=1\nb=2\nc=3\n\n");
+}
+
+}  // namespace

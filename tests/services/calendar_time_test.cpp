@@ -1,0 +1,203 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/utsname.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <tvcommonutil.h>
+
+namespace {
+
+// Sets TZ for the scope of a test and puts the previous value back.
+class ScopedTz {
+public:
+    explicit ScopedTz(const char* tz) {
+        const char* old = getenv("TZ");
+        hadOld_ = old != nullptr;
+        if (hadOld_) old_ = old;
+        setenv("TZ", tz, 1);
+        tzset();
+    }
+    ~ScopedTz() {
+        if (hadOld_) {
+            setenv("TZ", old_.c_str(), 1);
+        } else {
+            unsetenv("TZ");
+        }
+        tzset();
+    }
+
+private:
+    bool hadOld_ = false;
+    std::string old_;
+};
+
+_FILETIME Ft(unsigned long low, unsigned long high) {
+    _FILETIME ft;
+    ft.dwLowDateTime = low;
+    ft.dwHighDateTime = high;
+    return ft;
+}
+
+_SYSTEMTIME St(int y, int mo, int d, int h, int mi, int s, int ms) {
+    _SYSTEMTIME st;
+    memset(&st, 0, sizeof(st));
+    st.wYear = static_cast<WORD>(y);
+    st.wMonth = static_cast<WORD>(mo);
+    st.wDay = static_cast<WORD>(d);
+    st.wHour = static_cast<WORD>(h);
+    st.wMinute = static_cast<WORD>(mi);
+    st.wSecond = static_cast<WORD>(s);
+    st.wMilliseconds = static_cast<WORD>(ms);
+    st.wDayOfWeek = 6;  // ignored
+    return st;
+}
+
+}  // namespace
+
+TEST(CalendarTime, FileTimeArithmeticIsExact) {
+    _FILETIME ft;
+    time_tToFileTime(0, &ft, 0);
+    EXPECT_EQ(116444736000000000UL, ft.dwLowDateTime);  // not masked to 32 bits
+    EXPECT_EQ(27111902UL, ft.dwHighDateTime);
+    // Reading it back combines both fields, so t does not come back.
+    long t = 0;
+    unsigned long us = 0;
+    FileTime2time_t(ft, &t, &us);
+    EXPECT_EQ(11644473242L, t);
+    EXPECT_EQ(235699UL, us);
+    FileTime2time_t(ft, &t, nullptr);
+    EXPECT_EQ(11644473242L, t);
+
+    EXPECT_EQ(0, FileTime2longlong(Ft(116444736000000000UL, 0)));
+    FileTime2time_t(Ft(116444736000000000UL + 12345678, 0), &t, &us);
+    EXPECT_EQ(1, t);
+    EXPECT_EQ(234567UL, us);
+
+    time_tToFileTime(1, &ft, 5);
+    EXPECT_EQ(116444736010000050UL, ft.dwLowDateTime);
+    // Before 1601 the count is negative and the high field is sign-filled.
+    time_tToFileTime(-11644473601L, &ft, 0);
+    EXPECT_EQ(static_cast<unsigned long>(-10000000L), ft.dwLowDateTime);
+    EXPECT_EQ(~0UL, ft.dwHighDateTime);
+
+    // The high field decides before the low one; both unsigned.
+    _FILETIME a = Ft(0, 2), b = Ft(~0UL, 1);
+    EXPECT_EQ(1, CompareFileTime(&a, &b));
+    EXPECT_EQ(-1, CompareFileTime(&b, &a));
+    b = Ft(~0UL, 2);
+    EXPECT_EQ(-1, CompareFileTime(&a, &b));
+    EXPECT_EQ(0, CompareFileTime(&b, &b));
+}
+
+TEST(CalendarTime, SystemTimeIsTakenAsUtcInAnyZone) {
+    for (const char* zone : {"UTC0", "EST5EDT,M3.2.0,M11.1.0", "<+0530>-5:30"}) {
+        ScopedTz tz(zone);
+        _FILETIME ft, want;
+        _SYSTEMTIME winter = St(2024, 1, 2, 3, 4, 5, 678);
+        ASSERT_EQ(1, SystemTimeToFileTime(&winter, &ft)) << zone;
+        time_tToFileTime(1704164645L, &want, 678000);
+        EXPECT_EQ(want.dwLowDateTime, ft.dwLowDateTime) << zone;
+        EXPECT_EQ(want.dwHighDateTime, ft.dwHighDateTime) << zone;
+
+        _SYSTEMTIME summer = St(2024, 7, 4, 12, 0, 0, 0);
+        ASSERT_EQ(1, SystemTimeToFileTime(&summer, &ft)) << zone;
+        time_tToFileTime(1720094400L, &want, 0);
+        EXPECT_EQ(want.dwLowDateTime, ft.dwLowDateTime) << zone;
+
+        unsigned long long value = 0;
+        EXPECT_EQ(1, SystemTimeToLongLong(&summer, &value));
+        EXPECT_EQ((static_cast<unsigned long long>(want.dwHighDateTime) << 32) + want.dwLowDateTime,
+                  value);
+    }
+}
+
+TEST(CalendarTime, CurrentTimeBrokenDown) {
+    ScopedTz tz("<+0530>-5:30");
+    time_t before = time(nullptr);
+    _SYSTEMTIME utc, local;
+    GetSystemTime(&utc);
+    GetLocalTime(&local);
+    time_t after = time(nullptr);
+    // Compare whole minutes of day, allowing the calls to straddle one.
+    auto minutes = [](const _SYSTEMTIME& s) { return s.wHour * 60 + s.wMinute; };
+    tm b;
+    gmtime_r(&before, &b);
+    tm a;
+    gmtime_r(&after, &a);
+    int m = minutes(utc);
+    EXPECT_TRUE(m == b.tm_hour * 60 + b.tm_min || m == a.tm_hour * 60 + a.tm_min);
+    EXPECT_TRUE(utc.wYear == b.tm_year + 1900 || utc.wYear == a.tm_year + 1900);
+    EXPECT_GE(utc.wMonth, 1);
+    EXPECT_LE(utc.wMonth, 12);
+    EXPECT_LT(utc.wDayOfWeek, 7);
+    EXPECT_LT(utc.wMilliseconds, 1000);
+    EXPECT_LT(local.wMilliseconds, 1000);
+    int shift = (minutes(local) - minutes(utc) + 24 * 60) % (24 * 60);
+    EXPECT_TRUE(shift == 330 || shift == 329 || shift == 331) << shift;
+}
+
+TEST(SystemInfo, TimeZoneReportsFixedTransitions) {
+    struct Case {
+        const char* zone;
+        long bias;
+        const char* standard;
+    };
+    for (const Case& c : {Case{"UTC0", 0, "UTC"}, Case{"EST5EDT,M3.2.0,M11.1.0", 300, "EST"},
+                          Case{"<+0530>-5:30", -330, "+0530"}}) {
+        ScopedTz tz(c.zone);
+        _TIME_ZONE_INFORMATION info;
+        memset(&info, 0xAB, sizeof(info));
+        DWORD r = GetTimeZoneInformation(&info);
+        EXPECT_EQ(c.bias, info.Bias) << c.zone;
+        EXPECT_STREQ(c.standard, info.StandardName) << c.zone;
+        EXPECT_EQ(0, info.StandardBias);
+        EXPECT_EQ(-60, info.DaylightBias);
+        EXPECT_EQ(10, info.StandardDate.wMonth);
+        EXPECT_EQ(5, info.StandardDate.wDay);
+        EXPECT_EQ(2, info.StandardDate.wHour);
+        EXPECT_EQ(0, info.StandardDate.wYear);
+        EXPECT_EQ(4, info.DaylightDate.wMonth);
+        EXPECT_EQ(1, info.DaylightDate.wDay);
+        EXPECT_EQ(2, info.DaylightDate.wHour);
+        EXPECT_EQ(0, info.DaylightDate.wMinute);
+
+        time_t now = time(nullptr);
+        tm local;
+        localtime_r(&now, &local);
+        EXPECT_EQ(local.tm_isdst > 0 ? 2UL : 1UL, r) << c.zone;
+        if (strcmp(c.zone, "UTC0") == 0) {
+            EXPECT_EQ(1UL, r);
+        }
+        if (c.zone[0] == 'E') {
+            EXPECT_STREQ("EDT", info.DaylightName);
+        }
+    }
+}
+
+TEST(SystemInfo, VersionAndProcessors) {
+    EXPECT_EQ(0, GetVersionEx(nullptr));
+    _OSVERSIONINFO v;
+    memset(&v, 0, sizeof(v));
+    ASSERT_EQ(1, GetVersionEx(&v));
+    EXPECT_EQ(4264UL, v.dwOSVersionInfoSize);
+    utsname u;
+    ASSERT_EQ(0, uname(&u));
+    EXPECT_EQ(strtoul(u.release, nullptr, 10), v.dwMajorVersion);
+    EXPECT_EQ(strtoul(strchr(u.release, '.') + 1, nullptr, 10), v.dwMinorVersion);
+    EXPECT_STREQ(u.sysname, v.szSystemName);
+    EXPECT_EQ(std::string(u.machine) + " " + u.version, v.szCSDVersion);
+
+    _SYSTEM_INFO si;
+    memset(&si, 0xAB, sizeof(si));
+    GetSystemInfo(&si);
+    EXPECT_EQ(static_cast<DWORD>(sysconf(_SC_PAGESIZE)), si.dwPageSize);
+    EXPECT_EQ(static_cast<DWORD>(sysconf(_SC_NPROCESSORS_CONF)), si.dwNumberOfProcessors);
+    EXPECT_GE(si.dwNumberOfProcessors, 1UL);
+    EXPECT_EQ(0UL, si.dwOemId);
+    EXPECT_EQ(nullptr, si.lpMaximumApplicationAddress);
+    EXPECT_EQ(0, si.wProcessorRevision);
+}

@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <tvcommonutil.h>
+
+#include "services/uuid_internal.h"
+
+namespace {
+
+std::string Text(_GUID g) {
+    unsigned char* s = nullptr;
+    EXPECT_EQ(0, UuidToString(&g, &s));
+    std::string out(reinterpret_cast<char*>(s));
+    EXPECT_EQ(0, RpcStringFree(&s));
+    return out;
+}
+
+long Parse(const char* text, _GUID* g) {
+    return UuidFromString(reinterpret_cast<unsigned char*>(const_cast<char*>(text)), g);
+}
+
+bool IsNil(const _GUID& g) {
+    _GUID nil;
+    memset(&nil, 0, sizeof(nil));
+    return memcmp(&g, &nil, sizeof(g)) == 0;
+}
+
+long ZeroHostId() {
+    return 0;
+}
+
+}  // namespace
+
+TEST(Uuid, CreatedIdentifiersCarryClockNodeAndMarkers) {
+    time_t before = time(nullptr);
+    _GUID a, b;
+    ASSERT_EQ(0, UuidCreate(&a));
+    ASSERT_EQ(0, CoCreateGuid(&b));
+    time_t after = time(nullptr);
+
+    // Back to back in one process: never equal.
+    long status = -1;
+    EXPECT_NE(0, UuidCompare(&a, &b, &status));
+    EXPECT_EQ(0, status);
+
+    for (const _GUID& g : {a, b}) {
+        EXPECT_LT(g.Data1, 1000000UL);
+        bool secondsMatch = false;
+        for (time_t s = before; s <= after; ++s) {
+            unsigned long us = static_cast<unsigned long>(s);
+            secondsMatch |= g.Data2 == (us & 0xFFFF) && g.Data3 == (((us >> 16) & 0x0FFF) | 0x1000);
+        }
+        EXPECT_TRUE(secondsMatch);
+        long id = gethostid();
+        EXPECT_EQ(0, memcmp(&g.Data4[2], &id, 6));
+        std::string t = Text(g);
+        ASSERT_EQ(36u, t.size());
+        EXPECT_EQ('1', t[14]);
+        EXPECT_NE(std::string::npos, std::string("89ab").find(t[19])) << t;
+        for (size_t i = 0; i < t.size(); ++i) {
+            if (i == 8 || i == 13 || i == 18 || i == 23) {
+                EXPECT_EQ('-', t[i]);
+            } else {
+                EXPECT_TRUE(isdigit(t[i]) || (t[i] >= 'a' && t[i] <= 'f')) << t;
+            }
+        }
+    }
+    // The clock sequence is set once per process.
+    EXPECT_EQ(a.Data4[0], b.Data4[0]);
+    EXPECT_EQ(a.Data4[1], b.Data4[1]);
+}
+
+TEST(Uuid, HostWithoutIdentifierCannotCreate) {
+    tv::detail::HostIdSource previous = tv::detail::SetHostIdSource(ZeroHostId);
+    _GUID g;
+    EXPECT_EQ(1, UuidCreate(&g));
+    EXPECT_EQ(1, CoCreateGuid(&g));
+    tv::detail::SetHostIdSource(previous);
+    EXPECT_EQ(0, UuidCreate(&g));
+}
+
+TEST(Uuid, TextRoundTripsAndParseQuirks) {
+    _GUID g;
+    ASSERT_EQ(0, UuidCreate(&g));
+    _GUID back;
+    std::string t = Text(g);
+    ASSERT_EQ(0, Parse(t.c_str(), &back));
+    EXPECT_EQ(0, UuidCompare(&g, &back, nullptr));
+
+    // Fields land where the text form puts them; upper case and trailing
+    // text are accepted; only the low 32 bits of Data1 are printed.
+    ASSERT_EQ(0, Parse("0123ABCD-4567-89ef-A0b1-c2d3e4f5a6b7}trailing", &back));
+    EXPECT_EQ(0x0123ABCDUL, back.Data1);
+    EXPECT_EQ(0x4567, back.Data2);
+    EXPECT_EQ(0x89ef, back.Data3);
+    const unsigned char d4[8] = {0xa0, 0xb1, 0xc2, 0xd3, 0xe4, 0xf5, 0xa6, 0xb7};
+    EXPECT_EQ(0, memcmp(d4, back.Data4, 8));
+    EXPECT_EQ("0123abcd-4567-89ef-a0b1-c2d3e4f5a6b7", Text(back));
+    back.Data1 = 0x1234567890ABCDEFUL;
+    EXPECT_EQ("90abcdef", Text(back).substr(0, 8));
+
+    // A ninth character other than '-' is the nil identifier, with success;
+    // so is a text too short to have one. The record is cleared either way.
+    memset(&back, 0xAB, sizeof(back));
+    EXPECT_EQ(0, Parse("{0123ABCD-4567-89ef-A0b1-c2d3e4f5a6b7}", &back));
+    EXPECT_TRUE(IsNil(back));
+    memset(&back, 0xAB, sizeof(back));
+    EXPECT_EQ(0, Parse("abc", &back));
+    EXPECT_TRUE(IsNil(back));
+
+    // Empty, null and malformed texts fail, leaving the record zero.
+    memset(&back, 0xAB, sizeof(back));
+    EXPECT_EQ(1, Parse("", &back));
+    EXPECT_TRUE(IsNil(back));
+    EXPECT_EQ(1, UuidFromString(nullptr, &back));
+    memset(&back, 0xAB, sizeof(back));
+    EXPECT_EQ(1, Parse("0123abcd-4567-89ef-a0b1-c2d3e4f5a6", &back));
+    EXPECT_TRUE(IsNil(back));
+    EXPECT_EQ(1, Parse("0123abcd-xyz7-89ef-a0b1-c2d3e4f5a6b7", &back));
+
+    unsigned char* none = nullptr;
+    EXPECT_EQ(1, UuidToString(&g, nullptr));
+    EXPECT_EQ(1, UuidToString(nullptr, &none));
+}
+
+TEST(Uuid, CompareOrdersFieldsUnsignedAndInPriority) {
+    _GUID a, b;
+    memset(&a, 0, sizeof(a));
+    memset(&b, 0, sizeof(b));
+    long status = 42;
+    EXPECT_EQ(0, UuidCompare(&a, &b, &status));
+    EXPECT_EQ(0, status);
+
+    // Data1 decides before any later field.
+    a.Data1 = 2;
+    b.Data1 = 1;
+    b.Data2 = 0xFFFF;
+    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
+    EXPECT_EQ(-1, UuidCompare(&b, &a, &status));
+    b.Data1 = 2;
+    EXPECT_EQ(-1, UuidCompare(&a, &b, &status));
+    b.Data2 = 0;
+    a.Data3 = 1;
+    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
+    b.Data3 = 1;
+    // Data4 bytes compare as unsigned, first byte first.
+    a.Data4[0] = 0x80;
+    b.Data4[0] = 0x7F;
+    b.Data4[7] = 0xFF;
+    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
+    b.Data4[0] = 0x80;
+    EXPECT_EQ(-1, UuidCompare(&a, &b, &status));
+}
+
+TEST(Uuid, RpcStringFreeRefusesEmptyStrings) {
+    unsigned char* empty = static_cast<unsigned char*>(malloc(1));
+    empty[0] = '\0';
+    EXPECT_EQ(1, RpcStringFree(&empty));
+    EXPECT_NE(nullptr, empty);  // not freed, not reset
+    free(empty);
+    unsigned char* null = nullptr;
+    EXPECT_EQ(1, RpcStringFree(&null));
+
+    _GUID g;
+    memset(&g, 0, sizeof(g));
+    unsigned char* s = nullptr;
+    ASSERT_EQ(0, UuidToString(&g, &s));
+    unsigned char* kept = s;
+    EXPECT_EQ(0, RpcStringFree(&s));
+    EXPECT_EQ(kept, s);
+}
+
+TEST(Uuid, ClockReadingsOrderSecondsFirst) {
+    using tv::detail::uuid_time_cmp;
+    tv::detail::uuid_time_t a = {999999, 10}, b = {0, 11}, c = {999999, 10};
+    EXPECT_EQ(0, uuid_time_cmp(&a, &b));
+    EXPECT_EQ(2, uuid_time_cmp(&b, &a));
+    EXPECT_EQ(1, uuid_time_cmp(&a, &c));
+    c.usec = 5;
+    EXPECT_EQ(2, uuid_time_cmp(&a, &c));
+}

@@ -1,0 +1,520 @@
+// Real child processes: argv as received, exit codes, waits under each wait
+// method, mixed waits with events, detached spawns, standard handles,
+// System, termination, and no leaked descriptors or zombies.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <tvcommonutil.h>
+
+#include "process_test_util.h"
+#include "test_support.h"
+#include "thread_probe.h"
+#include "threads/process_watch.h"
+
+using proctest::HeldChild;
+using tv::detail::ProcessWaitMethod;
+
+// Writes its arguments, its standard descriptors and its directory to the
+// file named by its first argument.
+TV_TEST_CHILD(argv_dump) {
+    if (args.empty()) return 2;
+    std::ofstream out(args[0]);
+    for (size_t i = 1; i < args.size(); ++i) out << "ARG:" << args[i] << "\n";
+    for (int fd = 0; fd < 3; ++fd) {
+        char path[64], link[256];
+        snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+        ssize_t n = readlink(path, link, sizeof link - 1);
+        link[n > 0 ? n : 0] = '\0';
+        out << "FD" << fd << ":" << link << "\n";
+    }
+    char cwd[4096];
+    out << "CWD:" << (getcwd(cwd, sizeof cwd) ? cwd : "?") << "\n";
+    out.close();
+    // The parent traces this process while it waits for it, and a traced
+    // process cannot run the leak checker at exit (that needs ptrace too).
+    _exit(0);
+}
+
+TV_TEST_CHILD(terminate_self) {
+    (void)args;
+    TerminateProcess(nullptr, 42);
+    return 0;
+}
+
+TV_TEST_CHILD(exit_unflushed) {
+    FILE* f = fopen(args.at(0).c_str(), "w");
+    fputs("buffered", f);
+    ExitProcess(9);
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long MsSince(Clock::time_point t) {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+std::vector<std::string> Lines(const std::string& text, const std::string& prefix) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, prefix.size(), prefix) == 0) out.push_back(line.substr(prefix.size()));
+    }
+    return out;
+}
+
+// Starts a command line and returns its handle (null on failure).
+Handle* Start(const std::string& commandLine, DWORD flags = 0, const char* dir = nullptr,
+              STARTUPINFO* si = nullptr) {
+    std::string line = commandLine;
+    PROCESS_INFORMATION pi;
+    memset(&pi, 0, sizeof pi);
+    if (!CreateProcess(nullptr, &line[0], nullptr, nullptr, FALSE, flags, nullptr, dir, si, &pi)) {
+        return nullptr;
+    }
+    EXPECT_EQ(pi.hThread, nullptr);
+    EXPECT_EQ(pi.dwThreadId, 0u);
+    EXPECT_GT(pi.dwProcessId, 0u);
+    return pi.hProcess;
+}
+
+DWORD RunForExitCode(const std::string& commandLine) {
+    Handle* p = Start(commandLine);
+    if (p == nullptr) return 0xdeadbeef;
+    EXPECT_EQ(WaitForSingleObjectEx(p, INFINITE, FALSE), WAIT_OBJECT_0);
+    DWORD code = 0xdeadbeef;
+    EXPECT_TRUE(GetExitCodeProcess(p, &code));
+    CloseHandle(p);
+    return code;
+}
+
+long TracerOf(long pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, 10, "TracerPid:") == 0) return strtol(line.c_str() + 10, nullptr, 10);
+    }
+    return -1;
+}
+
+// Runs `fn` on another thread once the calling thread sleeps in the kernel.
+class WhenAsleep {
+public:
+    template <typename Fn>
+    explicit WhenAsleep(Fn fn) {
+        pid_t waiter = tvtest::CurrentTid();
+        thread_ = std::thread([waiter, fn] {
+            tvtest::WaitUntilSleeping(waiter);
+            fn();
+        });
+    }
+    ~WhenAsleep() { thread_.join(); }
+
+private:
+    std::thread thread_;
+};
+
+class ProcessWait : public ::testing::TestWithParam<ProcessWaitMethod> {
+protected:
+    void SetUp() override { tv::detail::SetProcessWaitMethod(GetParam()); }
+    void TearDown() override {
+        tv::detail::SetProcessWaitMethod(tv::detail::kWaitAuto);
+        EXPECT_EQ(proctest::ZombieChildren(), 0);
+    }
+};
+
+std::string MethodName(const ::testing::TestParamInfo<ProcessWaitMethod>& info) {
+    switch (info.param) {
+        case tv::detail::kWaitAuto:
+            return "Tracing";
+        case tv::detail::kWaitPidFd:
+            return "PidFd";
+        default:
+            return "Polling";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Methods, ProcessWait,
+                         ::testing::Values(tv::detail::kWaitAuto, tv::detail::kWaitPidFd,
+                                           tv::detail::kWaitPoll),
+                         MethodName);
+
+TEST(ProcessSpawn, ChildReceivesArgumentsAsSplit) {
+    tvtest::TempDir dir;
+    const std::string out = dir.file("argv");
+    Handle* p = Start(proctest::SelfExe() + " --tv-child argv_dump " + out +
+                          " \"a b\"  'say \"hi\"' \"ab\"cd x\\\"y '' plain",
+                      0, dir.path().c_str());
+    ASSERT_NE(p, nullptr);
+    ASSERT_EQ(WaitForSingleObjectEx(p, 10000, FALSE), WAIT_OBJECT_0);
+    DWORD code = 1;
+    EXPECT_TRUE(GetExitCodeProcess(p, &code));
+    EXPECT_EQ(code, 0u);
+    CloseHandle(p);
+    const std::string text = tvtest::ReadFile(out);
+    EXPECT_EQ(Lines(text, "ARG:"),
+              (std::vector<std::string>{"a b", "say \"hi\"", "ab", "cd", "x\"y", "", "plain"}));
+    // Without a start-up record the standard streams are /dev/null.
+    EXPECT_EQ(Lines(text, "FD0:"), std::vector<std::string>{"/dev/null"});
+    EXPECT_EQ(Lines(text, "FD1:"), std::vector<std::string>{"/dev/null"});
+    EXPECT_EQ(Lines(text, "FD2:"), std::vector<std::string>{"/dev/null"});
+    char real[4096];
+    ASSERT_NE(realpath(dir.path().c_str(), real), nullptr);
+    EXPECT_EQ(Lines(text, "CWD:"), std::vector<std::string>{real});
+    EXPECT_EQ(proctest::ZombieChildren(), 0);
+}
+
+TEST(ProcessSpawn, TwentyArgumentsAreCutToFifteen) {
+    tvtest::TempDir dir;
+    const std::string out = dir.file("argv");
+    std::string line = proctest::SelfExe() + " --tv-child argv_dump " + out;
+    for (int i = 4; i < 20; ++i) line += " arg" + std::to_string(i);
+    Handle* p = Start(line);
+    ASSERT_NE(p, nullptr);
+    ASSERT_EQ(WaitForSingleObjectEx(p, 10000, FALSE), WAIT_OBJECT_0);
+    CloseHandle(p);
+    // Twenty arguments: the program, --tv-child, the child's name, the
+    // output file and arg4..arg19, of which arg4..arg14 arrive.
+    std::vector<std::string> got = Lines(tvtest::ReadFile(out), "ARG:");
+    ASSERT_EQ(got.size(), 11u);
+    EXPECT_EQ(got.back(), "arg14");
+}
+
+TEST(ProcessSpawn, ProgramThatCannotRunGivesNoHandle) {
+    PROCESS_INFORMATION pi;
+    memset(&pi, 0, sizeof pi);
+    char missing[] = "/nonexistent/program arg";
+    EXPECT_FALSE(CreateProcess(nullptr, missing, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                               nullptr, &pi));
+    EXPECT_EQ(pi.hProcess, nullptr);
+    EXPECT_EQ(Spawn(0, nullptr, "/etc/passwd", nullptr, nullptr), -1);  // not executable
+    EXPECT_EQ(Spawn(kSpawnDetached, nullptr, "/nonexistent", nullptr, nullptr), -1);
+    tvtest::TempDir dir;
+    // A directory that cannot be entered fails the spawn too.
+    EXPECT_EQ(Spawn(0, nullptr, "/bin/true", dir.file("absent").c_str(), nullptr), -1);
+    EXPECT_EQ(proctest::ZombieChildren(), 0);
+}
+
+TEST_P(ProcessWait, ExitCodes) {
+    EXPECT_EQ(RunForExitCode("/bin/sh -c \"exit 0\""), 0u);
+    EXPECT_EQ(RunForExitCode("/bin/sh -c \"exit 7\""), 7u);
+    EXPECT_EQ(RunForExitCode("/bin/sh -c \"exit 255\""), 255u);
+    // A death by signal reads as all 32 low bits set.
+    EXPECT_EQ(RunForExitCode("/bin/sh -c \"kill -9 $$\""), 4294967295u);
+
+    // Without a prior wait GetExitCodeProcess waits itself; the code is
+    // handed out once.
+    Handle* p = Start("/bin/sh -c \"exit 9\"");
+    ASSERT_NE(p, nullptr);
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeProcess(p, &code));
+    EXPECT_EQ(code, 9u);
+    EXPECT_FALSE(GetExitCodeProcess(p, &code));
+    // An ended process stays signalled.
+    EXPECT_EQ(WaitForSingleObjectEx(p, 0, FALSE), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObjectEx(p, INFINITE, FALSE), WAIT_OBJECT_0);
+    CloseHandle(p);
+}
+
+TEST_P(ProcessWait, TimeoutsOnARunningChild) {
+    HeldChild child("/bin/sh -c \"read x; exit 5\"");
+    ASSERT_NE(child.handle(), nullptr);
+    EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 0, FALSE), WAIT_TIMEOUT);
+    Clock::time_point t0 = Clock::now();
+    EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 150, FALSE), WAIT_TIMEOUT);
+    EXPECT_GE(MsSince(t0), 140);
+    EXPECT_LT(MsSince(t0), 5000);
+    std::atomic<long> tracer{-1};
+    {
+        WhenAsleep release([&] {
+            tracer = TracerOf(child.pid());
+            child.Release();
+        });
+        EXPECT_EQ(WaitForSingleObjectEx(child.handle(), INFINITE, FALSE), WAIT_OBJECT_0);
+    }
+    // Only the tracing method attaches, and the tracer is the waiting thread.
+    EXPECT_EQ(tracer, GetParam() == tv::detail::kWaitAuto ? tvtest::CurrentTid() : 0);
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeProcess(child.handle(), &code));
+    EXPECT_EQ(code, 5u);
+}
+
+std::atomic<int> g_apcRuns{0};
+void CountApc(ULONG_PTR) {
+    ++g_apcRuns;
+}
+
+struct ApcWaiter {
+    Handle* process;
+    std::atomic<pid_t> tid{0};
+    std::atomic<unsigned long> result{0};
+};
+
+DWORD AlertableWaitBody(void* arg) {
+    ApcWaiter* w = static_cast<ApcWaiter*>(arg);
+    w->tid = tvtest::CurrentTid();
+    w->result = WaitForSingleObjectEx(w->process, INFINITE, TRUE);
+    return 0;
+}
+
+TEST_P(ProcessWait, AlertableWaitEndsForAnApc) {
+    HeldChild child("/bin/sh -c \"read x\"");
+    ASSERT_NE(child.handle(), nullptr);
+    ApcWaiter w;
+    w.process = child.handle();
+    g_apcRuns = 0;
+    DWORD tid = 0;
+    Handle* t = CreateThread(nullptr, 0, AlertableWaitBody, &w, 0, &tid);
+    ASSERT_NE(t, nullptr);
+    while (w.tid == 0) sched_yield();
+    ASSERT_TRUE(tvtest::WaitUntilSleeping(w.tid));
+    EXPECT_EQ(QueueUserAPC(CountApc, t, 0), 0u);
+    EXPECT_EQ(WaitForSingleObjectEx(t, 10000, FALSE), WAIT_OBJECT_0);
+    EXPECT_EQ(w.result, WAIT_IO_COMPLETION);
+    EXPECT_EQ(g_apcRuns, 1);
+    CloseHandle(t);
+    child.Release();
+    EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 10000, FALSE), WAIT_OBJECT_0);
+}
+
+TEST_P(ProcessWait, MixedWaitWithAnEventWakesForWhicheverEndsFirst) {
+    HeldChild child("/bin/sh -c \"read x; exit 4\"");
+    ASSERT_NE(child.handle(), nullptr);
+    Handle* event = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* set[2] = {event, child.handle()};
+    {
+        WhenAsleep wake([&] { SetEvent(event); });
+        EXPECT_EQ(WaitForMultipleObjectsEx(2, set, FALSE, 10000, FALSE), WAIT_OBJECT_0);
+    }
+    EXPECT_EQ(WaitForMultipleObjectsEx(2, set, FALSE, 50, FALSE), WAIT_TIMEOUT);
+    {
+        WhenAsleep end([&] { child.Release(); });
+        EXPECT_EQ(WaitForMultipleObjectsEx(2, set, FALSE, 10000, FALSE), WAIT_OBJECT_0 + 1);
+    }
+    // Ended processes stay signalled in mixed sets too, in either position.
+    EXPECT_EQ(WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE), WAIT_OBJECT_0 + 1);
+    Handle* reversed[2] = {child.handle(), event};
+    EXPECT_EQ(WaitForMultipleObjectsEx(2, reversed, FALSE, INFINITE, FALSE), WAIT_OBJECT_0);
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeProcess(child.handle(), &code));
+    EXPECT_EQ(code, 4u);
+    CloseHandle(event);
+}
+
+TEST_P(ProcessWait, SeveralThreadsWaitingOnOneAndOnSeparateChildren) {
+    HeldChild shared("/bin/sh -c \"read x; exit 1\"");
+    HeldChild other("/bin/sh -c \"read x; exit 2\"");
+    ASSERT_NE(shared.handle(), nullptr);
+    ASSERT_NE(other.handle(), nullptr);
+    Handle* event = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    std::atomic<pid_t> tids[4] = {{0}, {0}, {0}, {0}};
+    std::atomic<unsigned long> results[4] = {{9}, {9}, {9}, {9}};
+    std::vector<std::thread> threads;
+    // Two direct waits on the shared child (only one can trace it), one on
+    // the other child, and one mixed wait through the watcher.
+    threads.emplace_back([&] {
+        tids[0] = tvtest::CurrentTid();
+        results[0] = WaitForSingleObjectEx(shared.handle(), 20000, FALSE);
+    });
+    threads.emplace_back([&] {
+        tids[1] = tvtest::CurrentTid();
+        results[1] = WaitForSingleObjectEx(shared.handle(), 20000, FALSE);
+    });
+    threads.emplace_back([&] {
+        tids[2] = tvtest::CurrentTid();
+        results[2] = WaitForSingleObjectEx(other.handle(), 20000, FALSE);
+    });
+    threads.emplace_back([&] {
+        tids[3] = tvtest::CurrentTid();
+        Handle* set[2] = {event, shared.handle()};
+        results[3] = WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE);
+    });
+    for (auto& tid : tids) {
+        while (tid == 0) sched_yield();
+        ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
+    }
+    other.Release();
+    threads[2].join();
+    EXPECT_EQ(results[2], WAIT_OBJECT_0);
+    EXPECT_EQ(results[0], 9u) << "a wait on a running child returned";
+    shared.Release();
+    threads[0].join();
+    threads[1].join();
+    threads[3].join();
+    EXPECT_EQ(results[0], WAIT_OBJECT_0);
+    EXPECT_EQ(results[1], WAIT_OBJECT_0);
+    EXPECT_EQ(results[3], WAIT_OBJECT_0 + 1);
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeProcess(shared.handle(), &code));
+    EXPECT_EQ(code, 1u);
+    EXPECT_TRUE(GetExitCodeProcess(other.handle(), &code));
+    EXPECT_EQ(code, 2u);
+    CloseHandle(event);
+}
+
+TEST_P(ProcessWait, WaitAnyAndWaitAllOverProcesses) {
+    HeldChild a("/bin/sh -c \"read x\"");
+    HeldChild b("/bin/sh -c \"read x\"");
+    Handle* set[2] = {a.handle(), b.handle()};
+    EXPECT_EQ(WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE), WAIT_TIMEOUT);
+    {
+        WhenAsleep end([&] { b.Release(); });
+        EXPECT_EQ(WaitForMultipleObjectsEx(2, set, FALSE, 10000, FALSE), WAIT_OBJECT_0 + 1);
+    }
+    EXPECT_EQ(WaitForMultipleObjectsEx(2, set, TRUE, 50, FALSE), WAIT_TIMEOUT);
+    {
+        WhenAsleep end([&] { a.Release(); });
+        DWORD r = WaitForMultipleObjectsEx(2, set, TRUE, 10000, FALSE);
+        EXPECT_LT(r, 2u);
+    }
+    EXPECT_EQ(WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE), WAIT_OBJECT_0);
+}
+
+TEST(ProcessSpawn, DetachedSpawnReturnsTheGrandchild) {
+    for (ProcessWaitMethod m : {tv::detail::kWaitAuto, tv::detail::kWaitPidFd}) {
+        tv::detail::SetProcessWaitMethod(m);
+        HeldChild child("/bin/sh -c \"read x\"", kSpawnDetached);
+        ASSERT_NE(child.handle(), nullptr);
+        long ppid = 0;
+        char state = 0;
+        ASSERT_TRUE(proctest::StatOf(child.pid(), &ppid, &state));
+        EXPECT_NE(ppid, static_cast<long>(getpid()));
+        EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 0, FALSE), WAIT_TIMEOUT);
+        EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 100, FALSE), WAIT_TIMEOUT);
+        WhenAsleep end([&] { child.Release(); });
+        EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 20000, FALSE), WAIT_OBJECT_0);
+    }
+    tv::detail::SetProcessWaitMethod(tv::detail::kWaitAuto);
+    EXPECT_EQ(proctest::ZombieChildren(), 0);
+}
+
+TEST(ProcessSpawn, RedirectedStandardHandlesAreUsed) {
+    tvtest::TempDir dir;
+    int out[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+    int errFd = open(dir.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(errFd, 0);
+    Handle* outHandle = new File(out[1]);
+    Handle* errHandle = new File(errFd);
+    STARTUPINFO si;
+    memset(&si, 0, sizeof si);
+    si.dwFlags = kStartupUseStdHandles;
+    si.hStdInput = INVALID_HANDLE_VALUE;
+    si.hStdOutput = outHandle;
+    si.hStdError = errHandle;
+    Handle* p = Start("/bin/sh -c \"echo to-out; echo to-err >&2\"", 0, nullptr, &si);
+    ASSERT_NE(p, nullptr);
+    CloseHandle(outHandle);  // the child holds the only write end now
+    CloseHandle(errHandle);
+    std::string got;
+    char buf[256];
+    ssize_t n;
+    while ((n = read(out[0], buf, sizeof buf)) > 0) got.append(buf, static_cast<size_t>(n));
+    close(out[0]);
+    EXPECT_EQ(got, "to-out\n");
+    EXPECT_EQ(WaitForSingleObjectEx(p, 10000, FALSE), WAIT_OBJECT_0);
+    EXPECT_EQ(tvtest::ReadFile(dir.file("err")), "to-err\n");
+    CloseHandle(p);
+}
+
+TEST(ProcessSystem, ReturnsTheShellsExitStatusAndRestoresSigchld) {
+    struct sigaction mine, before, after;
+    memset(&mine, 0, sizeof mine);
+    mine.sa_handler = [](int) {};
+    sigemptyset(&mine.sa_mask);
+    sigaction(SIGCHLD, &mine, &before);
+    char exit3[] = "exit 3";
+    EXPECT_EQ(System(exit3), 3);
+    char ok[] = "true";
+    EXPECT_EQ(System(ok), 0);
+    char missing[] = "/nonexistent/cmd 2>/dev/null";
+    EXPECT_EQ(System(missing), 127);
+    sigaction(SIGCHLD, &before, &after);
+    EXPECT_EQ(after.sa_handler, mine.sa_handler);
+    EXPECT_EQ(proctest::ZombieChildren(), 0);
+}
+
+TEST(ProcessTerminate, TerminateAndExit) {
+    HeldChild child("/bin/sh -c \"read x\"");
+    ASSERT_NE(child.handle(), nullptr);
+    EXPECT_TRUE(TerminateProcess(child.handle(), 3));
+    EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 10000, FALSE), WAIT_OBJECT_0);
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeProcess(child.handle(), &code));
+    EXPECT_EQ(code, 4294967295u);
+    // Once its end is recorded the pid is not signalled again.
+    EXPECT_FALSE(TerminateProcess(child.handle(), 3));
+
+    // A null handle ends the caller with the code, running exit handlers.
+    pid_t pid = tvtest::SpawnChild("terminate_self");
+    EXPECT_EQ(tvtest::WaitChild(pid), 42);
+    // ExitProcess ends at once: buffered output is lost.
+    tvtest::TempDir dir;
+    pid = tvtest::SpawnChild("exit_unflushed", {dir.file("out")});
+    EXPECT_EQ(tvtest::WaitChild(pid), 9);
+    EXPECT_EQ(tvtest::ReadFile(dir.file("out")), "");
+}
+
+TEST(ProcessSpawn, ForkedChildFindsSpawnMutexFree) {
+    // Whether or not a spawn holds the mutex at the time of a fork, the
+    // child can use it.
+    for (bool held : {true, false}) {
+        if (held) pthread_mutex_lock(&SpawnMutex);
+        pid_t pid = fork();
+        if (pid == 0) {
+            int ok = pthread_mutex_trylock(&SpawnMutex) == 0 &&
+                     pthread_mutex_unlock(&SpawnMutex) == 0 &&
+                     Spawn(0, nullptr, "/bin/true", nullptr, nullptr) > 0;
+            _exit(ok ? 0 : 1);
+        }
+        if (held) pthread_mutex_unlock(&SpawnMutex);
+        EXPECT_EQ(tvtest::WaitChild(pid), 0) << "held=" << held;
+    }
+}
+
+TEST(ProcessSpawn, TokenSwitchesTheChildsIdentity) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to switch identity";
+    Handle* token = new SecurityToken(65534, 65534);
+    std::string line = "/bin/sh -c \"test $(id -u) = 65534 && test $(id -g) = 65534\"";
+    PROCESS_INFORMATION pi;
+    memset(&pi, 0, sizeof pi);
+    ASSERT_TRUE(CreateProcessAsUser(token, nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr,
+                                    "/", nullptr, &pi));
+    DWORD code = 99;
+    EXPECT_TRUE(GetExitCodeProcess(pi.hProcess, &code));
+    EXPECT_EQ(code, 0u);
+    CloseHandle(pi.hProcess);
+    CloseHandle(token);
+}
+
+TEST(ProcessSpawn, TwoHundredCyclesLeakNoDescriptorAndNoZombie) {
+    // Warm up once so that lazily made objects (the thread's context, its
+    // objects) are not counted as a leak.
+    EXPECT_EQ(RunForExitCode("/bin/true"), 0u);
+    const int fdsBefore = proctest::OpenFdCount();
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(RunForExitCode("/bin/true"), 0u) << "cycle " << i;
+    }
+    EXPECT_EQ(proctest::OpenFdCount(), fdsBefore);
+    EXPECT_EQ(proctest::ZombieChildren(), 0);
+}
+
+}  // namespace
