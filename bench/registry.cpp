@@ -25,6 +25,7 @@
 
 #include <tvcommonutil.h>
 
+#include "bench/bench_support.h"
 #include "registry/registry_internal.h"
 
 namespace {
@@ -184,36 +185,6 @@ void BM_WriteFsyncRename(benchmark::State& state) {
 }
 BENCHMARK(BM_WriteFsyncRename)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Collects per-benchmark times so the ratios can be printed after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& r : runs) {
-            times_[r.benchmark_name()] = r.GetAdjustedRealTime();
-            auto it = r.counters.find("bytes_per_second");
-            if (it != r.counters.end()) rates_[r.benchmark_name()] = it->second.value;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Ratio(const char* label, const std::string& lib, const std::string& floor,
-               const char* unit) {
-        auto a = times_.find(lib), b = times_.find(floor);
-        if (a == times_.end() || b == times_.end() || b->second <= 0) return;
-        std::printf("%-46s %10.2f %s vs %10.2f %s  ratio %.2fx\n", label, a->second, unit,
-                    b->second, unit, a->second / b->second);
-    }
-    void Rate(const char* label, const std::string& lib, const std::string& floor) {
-        auto a = rates_.find(lib), b = rates_.find(floor);
-        if (a == rates_.end() || b == rates_.end() || a->second <= 0) return;
-        std::printf("%-46s %10.1f MB/s vs %10.1f MB/s  ratio %.2fx slower\n", label,
-                    a->second / 1e6, b->second / 1e6, b->second / a->second);
-    }
-
-private:
-    std::map<std::string, double> times_;
-    std::map<std::string, double> rates_;
-};
-
 std::string Generate() {
     std::string text = "\nHKEY_LOCAL_MACHINE=536870913\n\n";
     char line[256];
@@ -264,22 +235,27 @@ int main(int argc, char** argv) {
     setenv("TV_REGISTRY", g_install.c_str(), 1);
     InitRegistry(0, 1);
 
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nlibrary vs floor (file: %.1f MB, 10000 keys, 100000 values)\n",
-                g_generatedSize / 1e6);
-    reporter.Ratio("RegQueryValueEx REG_SZ / case-insensitive map", "BM_RegQueryValueEx",
-                   "BM_MapLookup", "ns");
-    reporter.Ratio("open+query+close 3 levels / nested maps", "BM_RegOpenQueryClose",
-                   "BM_NestedMapLookup", "ns");
-    reporter.Rate("read 10k-key file / getline+split", "BM_ReadRegistryFile/real_time",
-                  "BM_GetlineSplit/real_time");
-    reporter.Ratio("write it back / write+fdatasync+rename", "BM_WriteRegistry/real_time",
-                   "BM_WriteFsyncRename/real_time", "ms");
-    benchmark::Shutdown();
+    int rc = tvbench::Main(
+        argc, argv,
+        {{"RegQueryValueEx REG_SZ / case-insensitive map", "BM_RegQueryValueEx", "BM_MapLookup"},
+         {"open+query+close, 3 levels / nested maps", "BM_RegOpenQueryClose", "BM_NestedMapLookup"},
+         {"read 10k keys, 100k values / getline+split", "BM_ReadRegistryFile/real_time",
+          "BM_GetlineSplit/real_time"},
+         {"write it back / write+fdatasync+rename", "BM_WriteRegistry/real_time",
+          "BM_WriteFsyncRename/real_time"}},
+        [](const tvbench::RatioReporter& r) {
+            // Those two run in milliseconds per iteration.
+            const double lib = r.ns("BM_ReadRegistryFile/real_time");
+            const double floor = r.ns("BM_GetlineSplit/real_time");
+            if (lib <= 0 || floor <= 0) return;
+            std::printf("read %.1f MB file: %.1f MB/s (library) vs %.1f MB/s (getline floor)\n",
+                        g_generatedSize / 1e6, g_generatedSize / 1e3 / lib,
+                        g_generatedSize / 1e3 / floor);
+            std::printf("write it back: %.2f ms (library) vs %.2f ms (floor)\n",
+                        r.ns("BM_WriteRegistry/real_time"), r.ns("BM_WriteFsyncRename/real_time"));
+        });
 
     CleanSystemResources();
     nftw(dir, RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-    return 0;
+    return rc;
 }
