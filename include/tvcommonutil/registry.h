@@ -2,7 +2,11 @@
 #ifndef TVCOMMONUTIL_REGISTRY_H
 #define TVCOMMONUTIL_REGISTRY_H
 
+#include <stddef.h>
 #include <sys/stat.h>
+
+#include <list>
+#include <string>
 
 #include "export.h"
 #include "handles.h"
@@ -12,14 +16,234 @@
 // ---------------------------------------------------------------------------
 // Registry API
 // ---------------------------------------------------------------------------
+// The registry is one tree of keys with named values, kept in a text file
+// shared by every process of the host (see "Registry start-up" below). The
+// functions keep the Windows names and arguments; results are 0 on success,
+// -1 for most failures (unknown handle, missing key or argument), 13 for a
+// key or value not found on open or query, 234 when a buffer is too small
+// (the needed size is stored) and 259 past the end of an enumeration.
+//
+// HKEY 0 is HKEY_LOCAL_MACHINE. Other handles are key numbers; every opener
+// of one key gets the same number, with 0x40000000 added when the requested
+// access has a bit of 0x60000. Changes reach the file when a changed key is
+// closed or flushed (at once, or through the lazy writer when it runs).
+//
+// Values are held as text: REG_SZ, REG_DWORD (an unsigned long of 8 bytes)
+// and REG_MULTI_SZ (strings joined by blanks in the file, so strings with
+// blanks come back split). A value the file could not hold faithfully (a
+// line end, the text HKEY_LOCAL_MACHINE, a name starting with '#', a line
+// over 4095 characters) is refused with -1 rather than written damaged.
+// Every function is thread-safe.
+
+// One entry of a batch of values (see RegSetValueNode).
+struct RegValueList {
+    CKWString name;
+    unsigned long type;
+    CKWString data;
+};
+
+TV_API LONG RegCreateKeyEx(HKEY hKey, const char* subKey, DWORD reserved, char* lpClass,
+                           DWORD options, REGSAM samDesired, SECURITY_ATTRIBUTES* security,
+                           HKEY* phkResult, DWORD* disposition);
+// 13 when phkResult is null, the handle is unknown or the key is missing.
+TV_API LONG RegOpenKeyEx(HKEY hKey, const char* subKey, DWORD options, REGSAM samDesired,
+                         HKEY* phkResult);
+// Needed sizes: text length + 1 for REG_SZ and REG_MULTI_SZ, 8 for
+// REG_DWORD. A REG_MULTI_SZ comes back with every blank turned into a zero
+// byte and one final zero. Without a data buffer only the size is stored.
+TV_API LONG RegQueryValueEx(HKEY hKey, const char* name, DWORD* reserved, DWORD* type, BYTE* data,
+                            DWORD* cbData);
+// REG_DWORD reads an unsigned long (8 bytes, or cbData bytes when fewer) and
+// stores it as "%#x"; REG_MULTI_SZ takes the first cbData - 1 bytes with
+// every zero byte turned into a blank. Other types: -1 (ERROR_NOT_SUPPORTED).
+TV_API LONG RegSetValueEx(HKEY hKey, const char* name, DWORD reserved, DWORD type,
+                          const BYTE* data, DWORD cbData);
+// Appends one entry to a batch: REG_SZ as given (data is a const char*),
+// REG_DWORD (data points to an unsigned long) in "%i" decimal, REG_MULTI_SZ
+// (a list ending in an empty string) joined by blanks. -1 for other types.
+TV_API LONG RegSetValueNode(const char* name, DWORD type, const void* data,
+                            std::list<RegValueList>& list);
+// Sets every entry on one key under one key lock.
+TV_API LONG RegBatchSetValueEx(HKEY hKey, std::list<RegValueList>& list);
+// The value at position index (order of first setting). On success *cbName
+// is the name's length without its zero; 234 stores the length + 1.
+TV_API LONG RegEnumValue(HKEY hKey, DWORD index, char* name, DWORD* cbName, DWORD* reserved,
+                         DWORD* type, BYTE* data, DWORD* cbData);
+// The subkey at position index (order of creation). -1 (never 234) when the
+// name and its zero do not fit cbName, the buffer is null or the handle is
+// unknown.
+TV_API LONG RegEnumKey(HKEY hKey, DWORD index, char* name, DWORD cbName);
+TV_API LONG RegDeleteValue(HKEY hKey, const char* name);
+// With hKey 0, subKey is a path whose last component is deleted from its
+// parent; otherwise subKey is one child name of hKey, which must be a write
+// handle. The whole subtree goes; keys still open elsewhere in this process
+// stay reachable through their handles until closed.
+TV_API LONG RegDeleteKey(HKEY hKey, const char* subKey);
+TV_API LONG RegCloseKey(HKEY hKey);
+TV_API LONG RegFlushKey(HKEY hKey);
+// Fills the subkey and value counts and the longest subkey name, value name
+// (characters, without the zero) and value data (bytes as a query needs
+// them); the other outputs are left alone.
+TV_API LONG RegQueryInfoKey(HKEY hKey, char* lpClass, DWORD* cClass, DWORD* reserved,
+                            DWORD* cSubKeys, DWORD* cbMaxSubKeyLen, DWORD* cbMaxClassLen,
+                            DWORD* cValues, DWORD* cbMaxValueNameLen, DWORD* cbMaxValueLen,
+                            DWORD* cbSecurity, FILETIME* lastWrite);
+// The path behind a handle; empty for an unknown one.
+TV_API CKWString RegHKEYtoString(HKEY hKey);
+
+// Change notification. Only the check made at call time signals: when the
+// event last reported this very handle value (write bit included) and the
+// key's revision has grown since, the event is set at once. Otherwise the
+// event is attached to the key and, unless asynchronous, the call waits for
+// it without limit (the thread's own registry event when event is null).
+// watchSubtree and notifyFilter are accepted and ignored. -1 for an unknown
+// handle.
+TV_API LONG RegNotifyChangeKeyValue(HKEY hKey, BOOL watchSubtree, DWORD notifyFilter,
+                                    HANDLE event, BOOL asynchronous);
+TV_API LONG RegUnnotifyChangeKeyValue(HKEY hKey, HANDLE event);
+// Placeholders of the notification design: they accept their arguments and
+// do nothing.
+typedef long (*RegWatchCallback)(void* context);
+TV_API long RegCallbackStub(void* context);
+TV_API long RegWatchFile(DWORD interval, RegWatchCallback callback, void* context);
 
 // ---------------------------------------------------------------------------
 // CRegistry
 // ---------------------------------------------------------------------------
+#ifndef TV_HAVE_SHARED_BASIC_STRING
+#define TV_HAVE_SHARED_BASIC_STRING
+// The embedding server's string class; CRegistry only calls its virtual
+// assign. A server with its own definition defines TV_HAVE_SHARED_BASIC_STRING
+// before including this header (its assign must keep this slot).
+template <class T>
+class SharedBasicString {
+public:
+    virtual ~SharedBasicString() {}
+    virtual SharedBasicString& assign(const T* s, size_t n) {
+        s_.assign(s, n);
+        return *this;
+    }
+    const std::basic_string<T>& str() const { return s_; }
+
+private:
+    std::basic_string<T> s_;
+};
+#endif
+
+// One open registry key with typed reads and writes. Each operation is one
+// registry call; it returns true exactly when that call returned 0 and keeps
+// the call's result (GetLastResult). Not thread-safe: one owner at a time.
+class TV_API CRegistry {
+public:
+    // RegOpenKeyEx with access 0x190000 (read only) or 0x3f0000 (a handle
+    // that may change the key). A null subKey makes no call.
+    CRegistry(HKEY hKey, const char* subKey, int readOnly = 0);
+    // RegCreateKeyEx with access 0x3f0000; disposition may be null.
+    CRegistry(HKEY hKey, const char* subKey, DWORD* disposition, int unused);
+    ~CRegistry();
+    CRegistry(const CRegistry&) = delete;
+    CRegistry& operator=(const CRegistry&) = delete;
+
+    bool SetValue(const char* name, const unsigned long& value);
+    // Stores 1 for any non-zero value and 0 otherwise.
+    bool SetValue(const char* name, int const& value);
+    bool SetValue(const char* name, const char* data, unsigned long& size);  // REG_MULTI_SZ
+    bool SetValue(const char* name, unsigned char* data, unsigned long& size);  // REG_BINARY
+    bool SetValue(const char* name, const char* value);                    // REG_SZ
+    // The value is stored only on success.
+    bool GetValue(const char* name, unsigned long& value);
+    bool GetValue(const char* name, unsigned long* value);
+    bool GetValue(const char* name, int& value);  // 1 for non-zero, else 0
+    bool GetValue(const char* name, unsigned char* data, unsigned long* size);
+    bool GetValue(const char* name, unsigned char* data, unsigned long& size);
+    // A string of 1024 characters or more fails with ERROR_MORE_DATA.
+    bool GetValue(const char* name, SharedBasicString<char>& value);
+    // Deletes the child of this key that bears the constructor's subKey as
+    // its name (deliberately not the key itself).
+    bool Delete();
+    bool DeleteSubKey(const char* name);
+    bool DeleteValue(const char* name);
+
+    HKEY GetHandle() const { return handle_; }
+    long GetLastResult() const { return lastResult_; }
+
+private:
+    bool Result(long r) {
+        lastResult_ = r;
+        return r == 0;
+    }
+
+    HKEY handle_;
+    long lastResult_;
+    std::string keyName_;
+};
 
 // ---------------------------------------------------------------------------
 // Registry start-up and lazy writer
 // ---------------------------------------------------------------------------
+// Files, under the install directory (TV_REGISTRY, else "/usr/lib/tavren/../"):
+// "registry/tv.registry", its ".template" and ".bak", and the lock file
+// "registry/.registry-lockfile", whose ftok key names one System V semaphore
+// (serialising writers of the file across processes) and one shared page
+// (last writer, lock owner, version stamp, attach count).
+//
+// Every registry call starts the registry when needed. Start-up failures
+// that leave the registry unusable print their message and end the process.
+
+// flags bit 0: copy the registry to its backup first. create: make the
+// shared objects when missing (false: they must exist, else exit code 1).
+TV_API void InitRegistry(int flags, int create);
+// Sets the registry file to dir + "registry/tv.registry"; true when it exists.
+TV_API BOOL SetRegistryPath(const char* dir);
+// The registry file's path, starting the registry when it is still unset.
+TV_API CKWString GetRegistryPath();
+// Called at the end of start-up; has no effect.
+TV_API void SetDynamicRegistryValues(const char* installDir, int fromTemplate);
+// Copies the registry file over its backup; FALSE on failure.
+TV_API BOOL RegBackupRegistry();
+// Thread body (for CreateThread or a pthread): writes changed keys at most
+// once per *(int*)interval milliseconds (null: 60000; 0: polls without
+// sleeping). From its start, closing or flushing a changed key only marks
+// the registry for this thread. Cancelling it writes once more and returns
+// to writing at once.
+TV_API DWORD RegLazyWriteThread(LPVOID interval);
+// Writes the registry; the lazy writer's cancellation clean-up.
+TV_API void RegCleanup(void* unused = 0);
+
+// Reads the registry file into the tree: refresh 0 for the first load of an
+// empty tree, 1 to bring a live tree up to date. Callers hold the cache lock
+// exclusively. TRUE when the file was read.
+TV_API BOOL ReadRegistry(int refresh);
+// Writes the whole tree to a temporary file beside the registry and renames
+// it over the registry file. TRUE on success; on failure the old file stays.
+TV_API BOOL WriteRegistry();
+
+// Cross-process state.
+enum RegLockOp_t { RegLockShared = 0, RegLockExclusive = 1 };
+// Creates or attaches the semaphore and the shared page of the lock file.
+TV_API void RegInitSharedState(int create);
+TV_API void SetLockFilePath(const char* path);
+// The registry semaphore, recursive per thread.
+TV_API void RegLockRegistryFile();
+TV_API void RegUnlockRegistryFile();
+// The process's cache lock: shared for reading the tree; exclusive (which
+// also takes the registry semaphore) for reading or writing the file. The
+// exclusive holder may take either side again. Other ops return false.
+TV_API bool RegLockCache(int op);
+TV_API bool RegUnlockCache(int op);
+TV_API void RegSetCacheLockName(const char* name);
+// Re-reads the file when another process wrote it since this process last
+// read or wrote it; true when it did.
+TV_API bool RegUpdateCache();
+// Increments the shared stamp (others re-read) without writing the file.
+TV_API void RegBumpVersion();
+// Prints the lock owner, version stamp and last writer to standard output.
+TV_API void RegDumpVersion();
+// Prints the whole tree to standard output (diagnostic form).
+TV_API void DumpRegistryCache();
+// Ends this process's use of the shared objects; the last user (or the last
+// one attached, when others were killed without cleaning up) removes them.
+TV_API void CleanSystemResources();
 
 // ---------------------------------------------------------------------------
 // Locked files

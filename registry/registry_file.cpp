@@ -1,0 +1,452 @@
+// The registry file: its reader, its writer and the value-line format.
+//
+// The file is plain text, one record a line: comments ("#...") and empty
+// lines, key lines (any line containing HKEY_LOCAL_MACHINE: "path=number"),
+// and value lines ("name=data;TYPE") that belong to the key line above
+// them. There is no escaping. The writer therefore refuses, at the API,
+// anything that would not read back as one line of its own (see
+// ValueLineFits): a caller's text can never turn into extra lines or a
+// stray key line and shift other keys' values.
+//
+// A write never modifies the registry file in place. The whole tree goes to
+// a fresh file beside it, which is flushed to disk and renamed over the
+// registry, all under the registry semaphore: a reader (in this or another
+// process) opens either the old file or the new one, each complete, and a
+// writer killed at any point leaves at worst a stray temporary file. An
+// empty or short temporary file is never renamed.
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iomanip>
+#include <ostream>
+
+#include "registry/registry_internal.h"
+#include "tvcommonutil/files.h"
+#include "tvcommonutil/services.h"
+
+namespace tv {
+namespace detail {
+
+namespace {
+
+const char kKeyMarker[] = "HKEY_LOCAL_MACHINE";
+
+bool IsBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+// Reads lines as FileLock::readline does (up to size - 1 bytes; a line feed
+// ends the line and is consumed; a longer line continues as the next one),
+// but from a block buffer instead of one read call per byte.
+class LineReader {
+public:
+    explicit LineReader(int fd) : fd_(fd), pos_(0), len_(0), done_(false) {}
+
+    // Bytes stored plus one, or -1 at end of file before any byte or on a
+    // read error.
+    int Next(char* out, int size) {
+        int n = 0;
+        while (n < size - 1) {
+            if (pos_ == len_ && !Fill()) {
+                if (n == 0) {
+                    out[0] = '\0';
+                    return -1;
+                }
+                break;
+            }
+            char c = buf_[pos_++];
+            if (c == '\n') break;
+            out[n++] = c;
+        }
+        out[n] = '\0';
+        return n + 1;
+    }
+
+private:
+    bool Fill() {
+        if (done_) return false;
+        for (;;) {
+            ssize_t r = read(fd_, buf_, sizeof buf_);
+            if (r < 0 && errno == EINTR) continue;
+            if (r <= 0) {
+                done_ = true;
+                return false;
+            }
+            pos_ = 0;
+            len_ = static_cast<size_t>(r);
+            return true;
+        }
+    }
+
+    int fd_;
+    size_t pos_;
+    size_t len_;
+    bool done_;
+    char buf_[64 * 1024];
+};
+
+void AppendPadded(std::string& out, const std::string& text, bool left) {
+    const size_t width = 22;
+    if (!left && text.size() < width) out.append(width - text.size(), ' ');
+    out += text;
+    if (left && text.size() < width) out.append(width - text.size(), ' ');
+}
+
+// "%-22s\t%22s\t%s" of name + "=", data + ";" and the type word.
+void AppendValueLine(std::string& out, const RegValue& v) {
+    const char* word = RegTypeWord(v.GetType());
+    AppendPadded(out, v.GetName().str() + "=", true);
+    out += '\t';
+    AppendPadded(out, v.GetData().str() + ";", false);
+    out += '\t';
+    out += word != nullptr ? word : "";
+    out += '\n';
+}
+
+void SleepMs(long ms) {
+    timespec t = {ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&t, &t) == -1 && errno == EINTR) {
+    }
+}
+
+// The exclusive cache lock for the scope (which takes the semaphore too).
+class ExclusiveCache {
+public:
+    ExclusiveCache() { RegLockCache(RegLockExclusive); }
+    ~ExclusiveCache() { RegUnlockCache(RegLockExclusive); }
+    ExclusiveCache(const ExclusiveCache&) = delete;
+    ExclusiveCache& operator=(const ExclusiveCache&) = delete;
+};
+
+}  // namespace
+
+const char* RegTypeWord(unsigned long type) {
+    switch (type) {
+        case REG_SZ:
+            return "REG_SZ";
+        case REG_DWORD:
+            return "REG_DWORD";
+        case REG_MULTI_SZ:
+            return "REG_MULTI_SZ";
+        default:
+            return nullptr;
+    }
+}
+
+bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type) {
+    const char* word = RegTypeWord(type);
+    if (word == nullptr) return false;
+    if (name.length() > 0 && name[0] == '#') return false;  // would read as a comment
+    for (const CKWString* s : {&name, &data}) {
+        if (strchr(s->c_str(), '\n') != nullptr) return false;
+        if (strstr(s->c_str(), kKeyMarker) != nullptr) return false;
+    }
+    size_t nameField = std::max<size_t>(22, static_cast<size_t>(name.length()) + 1);
+    size_t dataField = std::max<size_t>(22, static_cast<size_t>(data.length()) + 1);
+    return nameField + 1 + dataField + 1 + strlen(word) <= static_cast<size_t>(kRegLineMax);
+}
+
+bool KeyPathFits(const CKWString& path) {
+    if (strchr(path.c_str(), '\n') != nullptr || strchr(path.c_str(), '=') != nullptr) {
+        return false;
+    }
+    // "=" and up to ten digits of the number.
+    return path.length() + 11 <= kRegLineMax;
+}
+
+// ---------------------------------------------------------------------------
+// Value lines
+// ---------------------------------------------------------------------------
+
+bool RegValue::FormatValue(const char* line) {
+    if (line == nullptr) return false;
+    const char* eq = strchr(line, '=');
+    if (eq == nullptr) return false;
+    const char* semi = strchr(eq + 1, ';');
+    if (semi == nullptr) return false;
+    const char* b = eq + 1;
+    const char* e = semi;
+    while (b < e && IsBlank(*b)) ++b;
+    while (e > b && IsBlank(e[-1])) --e;
+    const char* w = semi + 1;
+    while (*w != '\0' && IsBlank(*w)) ++w;
+    if (*w == '\0') return false;
+    unsigned long type;
+    if (strcmp(w, "REG_SZ") == 0) {
+        type = REG_SZ;
+    } else if (strcmp(w, "REG_DWORD") == 0) {
+        type = REG_DWORD;
+    } else if (strcmp(w, "REG_MULTI_SZ") == 0) {
+        type = REG_MULTI_SZ;
+    } else {
+        return false;
+    }
+    SetValues(type, CKWString(std::string(line, static_cast<size_t>(eq - line))),
+              CKWString(std::string(b, static_cast<size_t>(e - b))));
+    return true;
+}
+
+std::ostream& operator<<(std::ostream& out, const RegValue& v) {
+    const char* word = RegTypeWord(v.GetType());
+    out << std::left << std::setw(22) << (v.GetName().str() + "=") << '\t' << std::setw(22)
+        << (v.GetData().str() + ";") << '\t' << (word != nullptr ? word : "") << '\n';
+    return out;
+}
+
+std::ostream& operator<<(std::ostream& out, RegKey& k) {
+    k.Print(out, 0, 0);
+    return out;
+}
+
+// ---------------------------------------------------------------------------
+// Printing
+// ---------------------------------------------------------------------------
+
+void PrintSink::Flush() {
+    if (fd < 0 || failed) {
+        if (fd >= 0) text.clear();
+        return;
+    }
+    const char* p = text.data();
+    size_t left = text.size();
+    while (left > 0) {
+        ssize_t n = write(fd, p, left);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            failed = true;
+            break;
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+        written += static_cast<size_t>(n);
+    }
+    text.clear();
+}
+
+// Depth first: the key's block (key line, values in name order, an empty
+// line), then each child in name order. The unnamed root writes only the
+// empty line; intermediate keys write no block; deleted keys are skipped
+// with their subtree.
+void RegKey::Print(PrintSink& out, int recurse, int clearDirty) {
+    Lock();
+    if (IsDeleted()) {
+        Unlock();
+        return;
+    }
+    if (parent_ == nullptr) {
+        out.text += '\n';
+    } else if (!intermediate_) {
+        char num[40];
+        out.text += key_.str();
+        out.text += '=';
+        out.text += _ltoa(index_, num, 10);
+        out.text += '\n';
+        for (auto& kv : values_) {
+            if (RegTypeWord(kv.second.GetType()) != nullptr) AppendValueLine(out.text, kv.second);
+        }
+        out.text += '\n';
+    }
+    if (clearDirty) dirty_ = 0;
+    out.MaybeFlush();
+    if (recurse) {
+        for (auto& kv : subkeys_) kv.second->Print(out, recurse, clearDirty);
+    }
+    Unlock();
+}
+
+bool RegKey::Print(int fd, int recurse, int clearDirty) {
+    PrintSink sink(fd);
+    Print(sink, recurse, clearDirty);
+    sink.Flush();
+    return !sink.failed;
+}
+
+void RegKey::Print(std::ostream& out, int recurse, int clearDirty) {
+    Lock();
+    if (parent_ == nullptr) {
+        out << '\n';
+    } else if (!intermediate_) {
+        out << key_.str() << '=' << index_ << (IsDeleted() ? "  (deleted)" : "") << '\n';
+        for (auto& kv : values_) out << kv.second;
+        out << '\n';
+    }
+    if (clearDirty) dirty_ = 0;
+    if (recurse) {
+        for (auto& kv : subkeys_) kv.second->Print(out, recurse, clearDirty);
+    }
+    Unlock();
+}
+
+// ---------------------------------------------------------------------------
+// Reading
+// ---------------------------------------------------------------------------
+
+bool ReadRegistryFd(int fd, int refresh) {
+    RegKey::NewGeneration();
+    const FindMode mode = refresh ? FindMode::kRefresh : FindMode::kLoad;
+    RegKey* root = RegistryKeys();
+    RegKey* cur = nullptr;  // locked while current
+    LineReader reader(fd);
+    char line[kRegLineMax + 1];
+    while (reader.Next(line, sizeof line) > 0) {
+        if (line[0] == '#' || line[0] == '\0') continue;
+        if (strstr(line, kKeyMarker) != nullptr) {
+            if (cur != nullptr) cur->Unlock();
+            cur = nullptr;
+            char* eq = strchr(line, '=');
+            if (eq == nullptr) continue;
+            *eq = '\0';
+            long index = static_cast<long>(strtoul(eq + 1, nullptr, 0));
+            // A number the tree cannot use as a handle is replaced.
+            if (index <= 0 || index > KEY_INDEX_MASK) index = -1;
+            int created = 0;
+            cur = FindKey(root, line, 1, created, mode, index, 1);
+            continue;
+        }
+        if (cur == nullptr || cur->IsDeleted()) continue;
+        RegValue v;
+        if (!v.FormatValue(line)) continue;
+        if (refresh) {
+            // This process's unwritten deletions and settings win over the
+            // file until they are written.
+            if (cur->IsValueDeletedHere(v.GetName())) continue;
+            const RegValue* mine = cur->FindValue(v.GetName());
+            if (mine != nullptr && mine->IsPending()) continue;
+        }
+        int changed = 0;
+        cur->SetValue(v, changed, false);
+        if (changed && refresh) cur->BumpRevision();
+    }
+    if (cur != nullptr) cur->Unlock();
+    if (refresh) {
+        std::vector<RegKey*> woken;
+        root->Purge(1, woken);
+        RegKeyWakeup(woken);
+    }
+    return true;
+}
+
+}  // namespace detail
+}  // namespace tv
+
+using tv::detail::PercentSafe;
+
+BOOL ReadRegistry(int refresh) {
+    const CKWString path = GetRegistryPath();
+    FileLock file;
+    if (!file.OpenFileUnLocked(path.c_str(), O_RDONLY)) return FALSE;
+    struct stat st;
+    if (refresh && file.FileStat(&st) == 0 && st.st_size == 0) {
+        // The writer never makes an empty file: this is an edit in progress
+        // (or a damaged file). Purging against it would drop every key.
+        file.CloseFileUnLocked();
+        return FALSE;
+    }
+    tv::detail::RecordFileId(file.GetFileDescriptor());
+    tv::detail::ReadRegistryFd(file.GetFileDescriptor(), refresh);
+    file.CloseFileUnLocked();
+    tv::detail::TakeSharedStamp();
+    return TRUE;
+}
+
+BOOL WriteRegistry() {
+    using tv::detail::RegistryKeys;
+    const CKWString path = GetRegistryPath();
+    unsigned int slash = path.rfind('/');
+    const CKWString dir =
+        slash == CKWString::npos ? CKWString(".") : path.substr(0, static_cast<int>(slash));
+
+    // A fresh name for every try: a name that exists belongs to another
+    // writer, which will rename or remove it.
+    FileLock temp;
+    CKWString name;
+    int status = 0;
+    bool opened = false;
+    for (int attempt = 0;; ++attempt) {
+        name = KWTempNam(dir);
+        status = 0;
+        if (temp.OpenAndLockFile(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_TRUNC, &status,
+                                 false)) {
+            opened = true;
+            break;
+        }
+        if (status != 1 || attempt >= 11) break;
+        tv::detail::SleepMs(50);
+    }
+    if (!opened) {
+        unix_err("WriteRegistry: Failed to open and lock temp file: %i - %s", status,
+                 PercentSafe(name.c_str()).c_str());
+        // Never remove a file of that name that another writer made.
+        if (status != 1) unlink(name.c_str());
+        return FALSE;
+    }
+
+    tv::detail::ExclusiveCache cache;
+    tv::detail::DrainGraveyard();
+    RegUpdateCache();
+
+    const int fd = temp.GetFileDescriptor();
+    tv::detail::PrintSink sink(fd);
+    RegistryKeys()->Print(sink, 1, 1);
+    sink.Flush();
+
+    struct stat st;
+    if (temp.FileStat(&st) != 0) {
+        int err = errno;
+        unix_err("WriteRegistry: Unable to stat temp file - %s.  errno = %s\n",
+                 PercentSafe(name.c_str()).c_str(), PercentSafe(strerror(err)).c_str());
+        temp.CloseAndUnLockFile();
+        unlink(name.c_str());
+        errno = err;
+        return FALSE;
+    }
+    if (st.st_size == 0) {
+        unix_err("WriteRegistry: Temp file -  %s is zero length.\n",
+                 PercentSafe(name.c_str()).c_str());
+        temp.CloseAndUnLockFile();
+        unlink(name.c_str());
+        return FALSE;
+    }
+    // A short file (disk full, I/O error) is as bad as an empty one.
+    if (sink.failed || static_cast<size_t>(st.st_size) != sink.written || fdatasync(fd) != 0) {
+        int err = errno;
+        unix_err("WriteRegistry: Unable to write temp file - %s.  errno = %s\n",
+                 PercentSafe(name.c_str()).c_str(), PercentSafe(strerror(err)).c_str());
+        temp.CloseAndUnLockFile();
+        unlink(name.c_str());
+        errno = err;
+        return FALSE;
+    }
+    uid_t uid;
+    gid_t gid;
+    mode_t mode;
+    if (tv::detail::RegistryFileOwner(uid, gid, mode)) {
+        // Only a privileged process can give a file away; a failure leaves
+        // the writer's own ownership, which is still a good registry.
+        if (fchown(fd, uid, gid) != 0) {
+        }
+        if (fchmod(fd, mode & 07777) != 0) {
+        }
+    }
+    if (rename(name.c_str(), path.c_str()) != 0) {
+        int err = errno;
+        temp.CloseAndUnLockFile();
+        unix_err("WriteRegistry: Unable to rename file - %s to - %s  errno %i = %s",
+                 PercentSafe(name.c_str()).c_str(), PercentSafe(path.c_str()).c_str(), err,
+                 PercentSafe(strerror(err)).c_str());
+        unlink(name.c_str());
+        errno = err;
+        return FALSE;
+    }
+    tv::detail::PublishWrite();
+    RegistryKeys()->CommitWritten();
+    temp.CloseAndUnLockFile();
+    return TRUE;
+}

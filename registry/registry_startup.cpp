@@ -1,0 +1,327 @@
+// Registry start-up, paths, backups and the lazy writer.
+//
+// Start-up runs once per process, on the first registry call (or an
+// explicit InitRegistry): the first thread to set lRegReady does it while
+// later ones wait for the initialised flag. The first read happens under the
+// exclusive cache lock and the registry semaphore, so no other process
+// writes the file while it is copied from its template, backed up and read.
+//
+// Paths and flags are process-wide. The paths are guarded by g_pathLock (a
+// leaf); the flags are atomics.
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "registry/registry_internal.h"
+#include "tvcommonutil/files.h"
+
+namespace tv {
+namespace detail {
+
+namespace {
+
+CriticalSection g_pathLock;           // leaf; guards the three strings below and the owner
+CKWString* g_installPath = nullptr;   // sRealInstallPath, read once
+CKWString* g_registryPath = nullptr;  // sStaticRegistryPath
+bool g_ownerKnown = false;
+uid_t g_kwUserId = 0;     // KwUserId
+gid_t g_kwGroupId = 0;    // KwGroupId
+mode_t g_kwFileMode = 0;  // KwFileMode
+
+long g_regReady = 0;    // lRegReady
+int g_initialised = 0;  // set when the first read is done
+pthread_t g_initThread = NULL_PTHREAD;
+pthread_mutex_t g_initMutex = PTHREAD_MUTEX_INITIALIZER;  // leaf; with g_initCond
+pthread_cond_t g_initCond = PTHREAD_COND_INITIALIZER;
+
+int g_lazyFlush = 0;    // bLazyFlush
+int g_flushNeeded = 0;  // bRegistryFlushNeeded
+
+void SleepMs(long ms) {
+    timespec t = {ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&t, &t) == -1 && errno == EINTR) {
+    }
+}
+
+CKWString InstallPath() {
+    CriticalSectionHolder hold(g_pathLock);
+    if (g_installPath == nullptr) {
+        const char* env = getenv("TV_REGISTRY");
+        g_installPath = new CKWString(env != nullptr ? env : "/usr/lib/tavren/../");
+        if (g_installPath->empty() || (*g_installPath)[g_installPath->length() - 1] != '/') {
+            *g_installPath += "/";
+        }
+    }
+    return *g_installPath;
+}
+
+void GiveOwnership(const char* path) {
+    uid_t uid;
+    gid_t gid;
+    mode_t mode;
+    if (!RegistryFileOwner(uid, gid, mode)) return;
+    // Only a privileged process can give files away; failures leave the
+    // caller's own ownership.
+    if (chown(path, uid, gid) != 0) {
+    }
+    if (chmod(path, mode & 07777) != 0) {
+    }
+}
+
+void MarkInitialised() {
+    pthread_mutex_lock(&g_initMutex);
+    __atomic_store_n(&g_initialised, 1, __ATOMIC_RELEASE);
+    pthread_cond_broadcast(&g_initCond);
+    pthread_mutex_unlock(&g_initMutex);
+}
+
+// Waits for the starting thread, looking again at least once a second.
+void WaitInitialised() {
+    pthread_mutex_lock(&g_initMutex);
+    while (!__atomic_load_n(&g_initialised, __ATOMIC_ACQUIRE)) {
+        timespec deadline;
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += 1;
+        pthread_cond_timedwait(&g_initCond, &g_initMutex, &deadline);
+    }
+    pthread_mutex_unlock(&g_initMutex);
+}
+
+void LazyWriterCleanup(void*) {
+    // From here on closes write at once again.
+    __atomic_store_n(&g_lazyFlush, 0, __ATOMIC_RELEASE);
+    RegCleanup(nullptr);
+}
+
+}  // namespace
+
+bool RegistryReady() {
+    return __atomic_load_n(&g_regReady, __ATOMIC_ACQUIRE) != 0;
+}
+
+void EnsureRegistry() {
+    if (__atomic_load_n(&g_initialised, __ATOMIC_ACQUIRE)) return;
+    if (RegistryReady() &&
+        pthread_equal(__atomic_load_n(&g_initThread, __ATOMIC_ACQUIRE), pthread_self())) {
+        return;  // start-up itself
+    }
+    InitRegistry(0, 1);
+}
+
+bool LazyFlushOn() {
+    return __atomic_load_n(&g_lazyFlush, __ATOMIC_ACQUIRE) != 0;
+}
+
+void SetFlushNeeded() {
+    __atomic_store_n(&g_flushNeeded, 1, __ATOMIC_RELEASE);
+}
+
+bool RegistryFileOwner(uid_t& uid, gid_t& gid, mode_t& mode) {
+    CriticalSectionHolder hold(g_pathLock);
+    if (!g_ownerKnown) return false;
+    uid = g_kwUserId;
+    gid = g_kwGroupId;
+    mode = g_kwFileMode;
+    return true;
+}
+
+std::string PercentSafe(const char* s, size_t limit) {
+    std::string out;
+    for (; s != nullptr && *s != '\0'; ++s) {
+        size_t need = *s == '%' ? 2 : 1;
+        if (out.size() + need > limit) break;
+        if (*s == '%') out += '%';
+        out += *s;
+    }
+    return out;
+}
+
+void RegistryResetForTests() {
+    ResetSharingForTests();
+    ClearRegistryTree();
+    {
+        CriticalSectionHolder hold(g_pathLock);
+        delete g_installPath;
+        g_installPath = nullptr;
+        delete g_registryPath;
+        g_registryPath = nullptr;
+        g_ownerKnown = false;
+    }
+    __atomic_store_n(&g_lazyFlush, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_flushNeeded, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_initThread, NULL_PTHREAD, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_initialised, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_regReady, 0, __ATOMIC_RELEASE);
+}
+
+}  // namespace detail
+}  // namespace tv
+
+using namespace tv::detail;
+
+BOOL SetRegistryPath(const char* dir) {
+    CKWString path(dir);
+    path += "registry/tv.registry";
+    {
+        CriticalSectionHolder hold(g_pathLock);
+        if (g_registryPath == nullptr) g_registryPath = new CKWString();
+        *g_registryPath = path;
+    }
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? TRUE : FALSE;
+}
+
+CKWString GetRegistryPath() {
+    {
+        CriticalSectionHolder hold(g_pathLock);
+        if (g_registryPath != nullptr && !g_registryPath->empty()) return *g_registryPath;
+    }
+    InitRegistry(0, 1);
+    CriticalSectionHolder hold(g_pathLock);
+    return g_registryPath != nullptr ? *g_registryPath : CKWString();
+}
+
+void SetDynamicRegistryValues(const char*, int) {}
+
+void InitRegistry(int flags, int create) {
+    if (InterlockedExchange(&g_regReady, 1) != 0) {
+        if (!pthread_equal(__atomic_load_n(&g_initThread, __ATOMIC_ACQUIRE), pthread_self())) {
+            WaitInitialised();
+        }
+        return;
+    }
+    __atomic_store_n(&g_initThread, pthread_self(), __ATOMIC_RELEASE);
+
+    const CKWString install = InstallPath();
+    SetRegistryPath(install.c_str());
+    const CKWString registry = GetRegistryPath();
+    const CKWString templ = registry + ".template";
+    const CKWString backup = registry + ".bak";
+    const CKWString dir = install + "registry/";
+
+    struct stat st;
+    const bool regExists = stat(registry.c_str(), &st) == 0;
+    if (access(dir.c_str(), W_OK) != 0 || (regExists && access(registry.c_str(), W_OK) != 0)) {
+        int err = errno;
+        fprintf(stderr, "InitRegistry:  problem accessing %s or %s, errno: %d/%s\n", dir.c_str(),
+                registry.c_str(), err, strerror(err));
+        _exit(1);
+    }
+
+    if (stat(templ.c_str(), &st) != 0) {
+        // Deliberately not fatal, whatever the message says.
+        unix_err("\n\nInitRegistry: stat(%s) failed, errno - %s\n Exiting...",
+                 PercentSafe(templ.c_str()).c_str(), PercentSafe(strerror(errno)).c_str());
+    } else {
+        CriticalSectionHolder hold(g_pathLock);
+        g_kwUserId = st.st_uid;
+        g_kwGroupId = st.st_gid;
+        g_kwFileMode = st.st_mode;
+        g_ownerKnown = true;
+    }
+
+    const CKWString lockFile = dir + ".registry-lockfile";
+    int fd = open(lockFile.c_str(), O_RDONLY | O_CREAT, 0444);
+    if (fd < 0) {
+        int err = errno;
+        fprintf(stderr, "Unable to create registry lock file '%s':%s\n", lockFile.c_str(),
+                strerror(err));
+        _exit(1);
+    }
+    close(fd);
+
+    SetLockFilePath(lockFile.c_str());
+    RegInitSharedState(create);
+    if (!create) {
+        MarkInitialised();
+        return;
+    }
+
+    RegLockCache(RegLockExclusive);
+    bool fromTemplate = false;
+    if (stat(registry.c_str(), &st) == 0) {
+        if (st.st_size == 0) {
+            // Deliberately goes on: the empty file reads as an empty tree.
+            unix_err(
+                "\n\nInitRegistry: Registry is zero length.\nPlease restore %s from backup file "
+                "%s.\nExiting...\n",
+                PercentSafe(registry.c_str()).c_str(), PercentSafe(backup.c_str()).c_str());
+        }
+    } else {
+        for (int retries = 0;; ++retries) {
+            if (stat(registry.c_str(), &st) == 0) break;
+            if (CopyFile(templ.c_str(), registry.c_str(), 1)) break;
+            if (retries >= 10) {
+                unix_err("InitRegistry: Template copy failed!!\n");
+                break;
+            }
+            SleepMs(100);
+        }
+        GiveOwnership(registry.c_str());
+        fromTemplate = true;
+    }
+    if (flags & 1) {
+        if (CopyFile(registry.c_str(), backup.c_str(), 0)) {
+            GiveOwnership(backup.c_str());
+        } else {
+            unix_err("InitRegistry: Backup failed\n");
+        }
+    }
+    ReadRegistry(0);
+    MarkInitialised();
+    RegUnlockCache(RegLockExclusive);
+    SetDynamicRegistryValues(install.c_str(), fromTemplate ? 1 : 0);
+}
+
+BOOL RegBackupRegistry() {
+    EnsureRegistry();
+    const CKWString registry = GetRegistryPath();
+    const CKWString backup = registry + ".bak";
+    RegLockCache(RegLockExclusive);
+    BOOL ok = CopyFile(registry.c_str(), backup.c_str(), 0);
+    if (ok) GiveOwnership(backup.c_str());
+    RegUnlockCache(RegLockExclusive);
+    return ok;
+}
+
+void RegCleanup(void*) {
+    WriteRegistry();
+}
+
+// Deferred cancellation: the thread holds no lock while cancellation is
+// enabled, and the sleep (or, with interval 0, the explicit test) is where
+// a cancel lands. The write itself runs with cancellation disabled.
+DWORD RegLazyWriteThread(LPVOID interval) {
+    const int ms = interval != nullptr ? *static_cast<int*>(interval) : 60000;
+    EnsureRegistry();
+    __atomic_store_n(&g_lazyFlush, 1, __ATOMIC_RELEASE);
+    int old;
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &old);
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &old);
+    pthread_cleanup_push(LazyWriterCleanup, nullptr);
+    for (;;) {
+        if (ms > 0) {
+            SleepMs(ms);
+        } else {
+            pthread_testcancel();
+        }
+        if (!__atomic_load_n(&g_flushNeeded, __ATOMIC_ACQUIRE)) continue;
+        int state;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+        RegLockCache(RegLockExclusive);
+        RegUpdateCache();
+        __atomic_store_n(&g_flushNeeded, 0, __ATOMIC_RELEASE);
+        // A failed write keeps its changes pending: try again next round.
+        if (!WriteRegistry()) SetFlushNeeded();
+        RegUnlockCache(RegLockExclusive);
+        pthread_setcancelstate(state, &state);
+    }
+    pthread_cleanup_pop(0);
+    return 0;
+}

@@ -1,0 +1,706 @@
+// The in-memory key tree: keys, values, the handle tables, key numbering and
+// the path walk FindKey.
+//
+// Numbers. Every key that can be handed out as an HKEY owns a number in
+// 1..0x3fffffff, entered in AllKeysSet (0 is HKEY_LOCAL_MACHINE and is never
+// drawn). GetUniqueKey reserves the number it returns, so two threads never
+// draw the same one; numbers read from the file are claimed with ClaimIndex
+// and replaced by a fresh one when out of range or already taken by another
+// key. Intermediate keys (made only as the path to a deeper key) own no
+// number until the API opens them; they then get their own.
+//
+// Lifetime. A key leaves the tree when it is deleted and holds no open
+// handle (a deleted key that is still open stays, marked deleted and skipped
+// by the writer, until its last close). Unlinking under the shared cache
+// lock buries the key instead of freeing it: another thread may still hold
+// the pointer it looked up under the same shared lock. The graveyard is
+// emptied under the exclusive cache lock, when no such pointer can exist.
+//
+// Pending state. The marks that protect this process's unwritten changes
+// from a refresh (pending keys and values, deletion records of values and
+// subkeys) are kept here and interpreted by Purge and FindKey; the rule
+// itself is described with the coherence protocol in registry_sharing.cpp.
+#include <string.h>
+
+#include <algorithm>
+#include <ostream>
+
+#include "registry/registry_internal.h"
+#include "tvcommonutil/services.h"
+
+namespace tv {
+namespace detail {
+
+namespace {
+
+unsigned long g_generation = 1;
+
+// Keys unlinked under the shared cache lock, waiting for the exclusive one.
+CriticalSection g_graveyard_lock;  // leaf
+std::vector<RegKey*>* g_graveyard = nullptr;
+
+bool SameName(const CKWString& a, const CKWString& b) {
+    return strcasecmp(a.c_str(), b.c_str()) == 0;
+}
+
+CKWString ChildPath(const RegKey* parent, const CKWString& name) {
+    if (parent->GetParent() == nullptr) return name;
+    return parent->GetKey() + "\\" + name;
+}
+
+// Splits at backslashes; empty components (doubled or edge backslashes)
+// are skipped, so "A\\B" and "A\B\" name the same key.
+std::vector<CKWString> SplitPath(const char* path) {
+    std::vector<CKWString> parts;
+    if (path == nullptr) return parts;
+    const char* p = path;
+    while (*p != '\0') {
+        const char* e = strchr(p, '\\');
+        size_t n = e != nullptr ? static_cast<size_t>(e - p) : strlen(p);
+        if (n > 0) parts.emplace_back(std::string(p, n));
+        if (e == nullptr) break;
+        p = e + 1;
+    }
+    return parts;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Process-wide tables
+// ---------------------------------------------------------------------------
+
+RegKey* RegistryKeys() {
+    static RegKey* root = new RegKey();
+    return root;
+}
+
+CriticalSection& TableLock() {
+    static CriticalSection lock;
+    return lock;
+}
+
+CriticalSection& AllKeysLock() {
+    static CriticalSection lock;
+    return lock;
+}
+
+std::map<long, OpenKey>& RegKey::OpenKeyMap() {
+    static auto* map = new std::map<long, OpenKey>();
+    return *map;
+}
+
+std::set<long>& RegKey::AllKeysSet() {
+    static auto* set = new std::set<long>();
+    return *set;
+}
+
+unsigned long RegKey::Generation() {
+    return __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE);
+}
+
+void RegKey::NewGeneration() {
+    __atomic_add_fetch(&g_generation, 1, __ATOMIC_ACQ_REL);
+}
+
+long RegKey::GetUniqueKey() {
+    CriticalSectionHolder hold(AllKeysLock());
+    for (;;) {
+        long n = static_cast<long>(KwRandom(0x3fffffff));
+        if (n == 0) continue;  // HKEY_LOCAL_MACHINE
+        if (AllKeysSet().insert(n).second) return n;
+    }
+}
+
+bool RegKey::ClaimIndex(long index) {
+    if (index <= 0 || index > KEY_INDEX_MASK) return false;
+    CriticalSectionHolder hold(AllKeysLock());
+    return AllKeysSet().insert(index).second;
+}
+
+bool RegKey::Advertise(RegKey* child) {
+    if (child->parent_ == nullptr) {
+        child->inTable_ = 1;
+        return true;
+    }
+    if (child->advertised_) return true;
+    bool ok;
+    {
+        CriticalSectionHolder hold(AllKeysLock());
+        ok = AllKeysSet().insert(child->index_).second;
+    }
+    if (ok) {
+        child->inTable_ = 1;
+        child->advertised_ = true;
+    }
+    return ok;
+}
+
+void RegKey::Unadvertise(RegKey* child, bool wake) {
+    if (child->advertised_) {
+        CriticalSectionHolder hold(AllKeysLock());
+        AllKeysSet().erase(child->index_);
+        child->advertised_ = false;
+    }
+    if (wake && child->parent_ != nullptr && child->parent_->NeedsWakeup()) {
+        RegKeyWakeup(child->parent_);
+    }
+}
+
+bool RegKey::OpenHandle(int access) {
+    CriticalSectionHolder hold(TableLock());
+    auto& map = OpenKeyMap();
+    if (map.find(index_) != map.end()) return true;
+    return map.emplace(index_, OpenKey(this, access)).second;
+}
+
+RegKey* LookupHandle(HKEY hKey) {
+    long index = hKey & KEY_INDEX_MASK;
+    CriticalSectionHolder hold(TableLock());
+    auto& map = RegKey::OpenKeyMap();
+    auto it = map.find(index);
+    return it == map.end() ? nullptr : it->second.GetKey();
+}
+
+void BuryKey(RegKey* key) {
+    key->Detach();
+    CriticalSectionHolder hold(g_graveyard_lock);
+    if (g_graveyard == nullptr) g_graveyard = new std::vector<RegKey*>();
+    g_graveyard->push_back(key);
+}
+
+void DrainGraveyard() {
+    std::vector<RegKey*> dead;
+    {
+        CriticalSectionHolder hold(g_graveyard_lock);
+        if (g_graveyard != nullptr) dead.swap(*g_graveyard);
+    }
+    for (RegKey* k : dead) delete k;
+}
+
+CKWString RegFormatKey(const char* subKey, HKEY hKey) {
+    CKWString path;
+    if (hKey == HKEY_LOCAL_MACHINE) {
+        path = "HKEY_LOCAL_MACHINE\\";
+        path += subKey;
+    } else {
+        RegKey* key = LookupHandle(hKey);
+        if (key == nullptr) return CKWString();
+        // The path of a key never changes after construction.
+        path = key->GetKey();
+        path += "\\";
+        path += subKey;
+    }
+    while (!path.empty() && path[path.length() - 1] == '\\') path.erase(path.length() - 1, 1);
+    return path;
+}
+
+// ---------------------------------------------------------------------------
+// RegKey
+// ---------------------------------------------------------------------------
+
+RegKey::RegKey() : RegKey(0, CKWString(), nullptr, 0, 0) {
+    inTable_ = 1;
+}
+
+RegKey::RegKey(long index, const CKWString& path, RegKey* parent, int intermediate,
+               unsigned long opens)
+    : opens_(opens),
+      sequence_(0),
+      lineSequence_(0),
+      revision_(0),
+      index_(index),
+      key_(path),
+      dirty_(0),
+      waiters_(0),
+      inTable_(0),
+      advertised_(false),
+      intermediate_(intermediate),
+      created_(0),
+      deleted_(0),
+      deletedByMe_(0),
+      pending_(false),
+      parent_(parent),
+      subCursorIndex_(-1),
+      subCursorPos_(0) {}
+
+RegKey::~RegKey() {
+    for (auto& kv : subkeys_) delete kv.second;
+    Unadvertise(this, true);
+}
+
+CKWString RegKey::GetName() const {
+    unsigned int pos = key_.rfind('\\');
+    if (pos == CKWString::npos) return key_;
+    return key_.substr(static_cast<int>(pos) + 1);
+}
+
+void RegKey::AppendValueName(const CKWString& name) {
+    valueNames_.push_back(name);
+}
+
+void RegKey::RemoveValueName(const CKWString& name) {
+    for (auto it = valueNames_.begin(); it != valueNames_.end(); ++it) {
+        if (SameName(*it, name)) {
+            valueNames_.erase(it);
+            return;
+        }
+    }
+}
+
+bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
+    const CKWStringPc key(v.GetName());
+    auto it = values_.find(key);
+    if (it != values_.end() && it->second == v) {
+        it->second.UpdateSequence(Generation());
+        changed = 0;
+        return true;
+    }
+    if (it != values_.end()) {
+        values_.erase(it);
+    } else {
+        AppendValueName(v.GetName());
+    }
+    RegValue nv(v);
+    nv.UpdateSequence(Generation());
+    nv.SetPending(local);
+    values_.emplace(key, nv);
+    if (local) deletedValues_.erase(key);
+    changed = 1;
+    return true;
+}
+
+bool RegKey::DeleteValue(const CKWString& name, bool local) {
+    const CKWStringPc key(name);
+    auto it = values_.find(key);
+    if (it == values_.end()) return false;
+    values_.erase(it);
+    RemoveValueName(name);
+    if (local) deletedValues_.insert(key);
+    return true;
+}
+
+const RegValue* RegKey::FindValue(const CKWString& name) const {
+    auto it = values_.find(CKWStringPc(name));
+    return it == values_.end() ? nullptr : &it->second;
+}
+
+const RegValue* RegKey::ValueAt(long index) const {
+    if (index < 0 || static_cast<size_t>(index) >= valueNames_.size()) return nullptr;
+    return FindValue(valueNames_[static_cast<size_t>(index)]);
+}
+
+RegKey* RegKey::GetSubKey(const CKWString& name) const {
+    auto it = subkeys_.find(CKWStringPc(name));
+    return it == subkeys_.end() ? nullptr : it->second;
+}
+
+// Children marked deleted but still open keep their place in the name list
+// and are skipped here; the cursor makes a walk by ascending index linear.
+RegKey* RegKey::SubKeyAt(long index) {
+    if (index < 0) return nullptr;
+    size_t pos = 0;
+    long live = 0;
+    if (subCursorIndex_ >= 0 && subCursorIndex_ <= index && subCursorPos_ < subkeyNames_.size()) {
+        pos = subCursorPos_;
+        live = subCursorIndex_;
+    }
+    for (; pos < subkeyNames_.size(); ++pos) {
+        RegKey* k = GetSubKey(subkeyNames_[pos]);
+        if (k == nullptr || k->IsDeleted()) continue;
+        if (live == index) {
+            subCursorIndex_ = live;
+            subCursorPos_ = pos;
+            return k;
+        }
+        ++live;
+    }
+    return nullptr;
+}
+
+size_t RegKey::LiveSubKeyCount() const {
+    size_t n = 0;
+    for (auto& kv : subkeys_) {
+        if (!kv.second->IsDeleted()) ++n;
+    }
+    return n;
+}
+
+void RegKey::GetInfo(unsigned long& subKeys, unsigned long& maxSubKeyLen, unsigned long& values,
+                     unsigned long& maxValueNameLen, unsigned long& maxValueLen) const {
+    subKeys = maxSubKeyLen = values = maxValueNameLen = maxValueLen = 0;
+    for (auto& kv : subkeys_) {
+        if (kv.second->IsDeleted()) continue;
+        ++subKeys;
+        maxSubKeyLen = std::max(maxSubKeyLen, static_cast<unsigned long>(kv.first.length()));
+    }
+    for (auto& kv : values_) {
+        ++values;
+        maxValueNameLen =
+            std::max(maxValueNameLen, static_cast<unsigned long>(kv.second.GetName().length()));
+        maxValueLen = std::max(maxValueLen, QuerySize(kv.second));
+    }
+}
+
+bool RegKey::InsertSubKey(const CKWString& name, RegKey* child) {
+    if (!subkeys_.emplace(CKWStringPc(name), child).second) return false;
+    subkeyNames_.push_back(name);
+    return true;
+}
+
+void RegKey::UnlinkChild(RegKey* child) {
+    const CKWString name = child->GetName();
+    subkeys_.erase(CKWStringPc(name));
+    for (auto it = subkeyNames_.begin(); it != subkeyNames_.end(); ++it) {
+        if (SameName(*it, name)) {
+            subkeyNames_.erase(it);
+            break;
+        }
+    }
+    ResetSubKeyCursor();
+}
+
+void RegKey::MarkDeleted(bool deleted, bool byMe) {
+    if (deleted) {
+        if (byMe) {
+            deletedByMe_ = 1;
+        } else {
+            deleted_ = 1;
+        }
+        return;
+    }
+    deleted_ = 0;
+    deletedByMe_ = 0;
+}
+
+void RegKey::Revive(bool local) {
+    MarkDeleted(false, false);
+    if (!local) return;
+    // Whatever the file holds about this key, the live copy is now this
+    // process's version of it.
+    pending_ = true;
+    for (auto& kv : values_) kv.second.SetPending(true);
+    SetDirty(1);
+}
+
+// This key is locked by the caller. Marks every descendant deleted, unlinks
+// each one that is open nowhere and has no remaining children (bottom up),
+// and reports whether this key itself could go.
+bool RegKey::MarkSubtreeDeleted(bool byMe, std::vector<RegKey*>& dead) {
+    for (auto it = subkeys_.begin(); it != subkeys_.end();) {
+        RegKey* c = it->second;
+        c->Lock();
+        bool gone = c->MarkSubtreeDeleted(byMe, dead);
+        c->Unlock();
+        ++it;
+        if (gone) {
+            UnlinkChild(c);
+            dead.push_back(c);
+        }
+    }
+    MarkDeleted(true, byMe);
+    return opens_ == 0 && subkeys_.empty();
+}
+
+long RegKey::DeleteSubKey(const CKWString& name, bool byMe) {
+    RegKey* child = GetSubKey(name);
+    if (child == nullptr) return -1;
+    std::vector<RegKey*> dead;
+    child->Lock();
+    bool gone = child->MarkSubtreeDeleted(byMe, dead);
+    child->Unlock();
+    if (gone) {
+        UnlinkChild(child);
+        dead.push_back(child);
+    }
+    if (byMe) deletedSubkeys_.insert(CKWStringPc(name));
+    ResetSubKeyCursor();
+    for (RegKey* k : dead) {
+        Unadvertise(k, false);
+        BuryKey(k);
+    }
+    return 0;
+}
+
+void RegKey::PruneUpward(RegKey* key) {
+    while (key != nullptr && key->parent_ != nullptr) {
+        RegKey* p = key->parent_;
+        p->Lock();
+        key->Lock();
+        auto it = p->subkeys_.find(CKWStringPc(key->GetName()));
+        bool unlink = it != p->subkeys_.end() && it->second == key && key->IsDeleted() &&
+                      key->opens_ == 0 && key->subkeys_.empty();
+        if (unlink) p->UnlinkChild(key);
+        key->Unlock();
+        bool parentDeleted = p->IsDeleted();
+        p->Unlock();
+        if (!unlink) return;
+        Unadvertise(key, true);
+        BuryKey(key);
+        if (!parentDeleted) return;
+        key = p;
+    }
+}
+
+bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
+    const unsigned long gen = Generation();
+    Lock();
+    bool childAlive = false;
+    for (auto it = subkeys_.begin(); it != subkeys_.end();) {
+        RegKey* c = it->second;
+        ++it;
+        bool stays = c->Purge(flag, woken);
+        if (!stays) {
+            UnlinkChild(c);
+            // The exclusive cache lock is held: nobody else holds c.
+            delete c;
+            continue;
+        }
+        if (!c->IsDeleted()) childAlive = true;
+    }
+    bool pendingValue = false;
+    for (auto& kv : values_) pendingValue = pendingValue || kv.second.IsPending();
+    bool stays = true;
+    if (parent_ != nullptr && !IsDeleted()) {
+        const bool lineSeen = lineSequence_ == gen;
+        const bool pathSeen = sequence_ == gen;
+        const bool local = pending_ || pendingValue;
+        if (intermediate_) {
+            stays = pathSeen || childAlive || local;
+        } else if (!lineSeen && !local) {
+            // Another process removed this key's own line. Deeper keys it
+            // still holds keep it as a bare path; otherwise it is gone.
+            if (pathSeen || childAlive) {
+                intermediate_ = 1;
+            } else {
+                stays = false;
+            }
+        }
+    } else if (parent_ != nullptr && !deletedByMe_) {
+        // Deleted by another process earlier and still open here: the file
+        // would have brought it back to life had it held it again.
+        stays = false;
+    }
+    if (!stays && (opens_ > 0 || !subkeys_.empty())) {
+        // Still open here: kept, marked deleted, with the values it had, so
+        // its handles read what they read before; gone at the last close.
+        if (!IsDeleted() && NeedsWakeup()) woken.push_back(this);
+        MarkDeleted(true, false);
+        Unlock();
+        return true;
+    }
+    bool valuesChanged = false;
+    if (stays && !IsDeleted()) {
+        for (auto it = values_.begin(); it != values_.end();) {
+            if (!it->second.IsPending() && !it->second.Validate(gen)) {
+                RemoveValueName(it->second.GetName());
+                it = values_.erase(it);
+                valuesChanged = true;
+            } else {
+                ++it;
+            }
+        }
+    }
+    if (valuesChanged) BumpRevision();
+    if ((!stays || valuesChanged) && NeedsWakeup()) woken.push_back(this);
+    Unlock();
+    return stays;
+}
+
+void RegKey::CommitWritten() {
+    Lock();
+    pending_ = false;
+    deletedSubkeys_.clear();
+    deletedValues_.clear();
+    for (auto& kv : values_) kv.second.SetPending(false);
+    for (auto& kv : subkeys_) kv.second->CommitWritten();
+    Unlock();
+}
+
+void RegKey::DropValues() {
+    values_.clear();
+    valueNames_.clear();
+}
+
+void RegKey::DropChildren() {
+    for (auto& kv : subkeys_) delete kv.second;
+    subkeys_.clear();
+    subkeyNames_.clear();
+    deletedSubkeys_.clear();
+    values_.clear();
+    valueNames_.clear();
+    deletedValues_.clear();
+    ResetSubKeyCursor();
+}
+
+// ---------------------------------------------------------------------------
+// FindKey
+// ---------------------------------------------------------------------------
+//
+// Hand over hand from `start` (always the root): the parent stays locked
+// until the child is. In the file modes (kLoad, kRefresh) the walk records
+// what the file holds (sequence for every key on the path, line sequence for
+// the key of the line) and never touches open counts. A refresh stops at a
+// name this process deleted and has not yet written: the file's copy of
+// that subtree is stale by definition and must not come back.
+RegKey* FindKey(RegKey* start, const char* path, int create, int& created, FindMode mode,
+                long& index, int keepLocked) {
+    created = 0;
+    const std::vector<CKWString> parts = SplitPath(path);
+    if (parts.empty()) {
+        index = 0;
+        return nullptr;
+    }
+    const bool fromFile = mode != FindMode::kApi;
+    RegKey* cur = start;
+    cur->Lock();
+    for (size_t i = 0; i + 1 < parts.size(); ++i) {
+        const CKWString& name = parts[i];
+        if (fromFile) cur->UpdateSequence();
+        if (mode == FindMode::kRefresh && cur->IsSubKeyDeletedHere(name)) {
+            cur->Unlock();
+            index = 0;
+            return nullptr;
+        }
+        RegKey* child = cur->GetSubKey(name);
+        if (child == nullptr) {
+            if (!create) {
+                cur->Unlock();
+                index = 0;
+                return nullptr;
+            }
+            child = new RegKey(0, ChildPath(cur, name), cur, 1, 0);
+            child->SetIntable(1);
+            if (!cur->InsertSubKey(name, child)) {
+                delete child;
+                cur->Unlock();
+                index = 0;
+                return nullptr;
+            }
+            child->UpdateSequence();
+            // Made by a walk of this process: it must survive refreshes
+            // until the key below it is written.
+            if (!fromFile) child->SetPending(true);
+            child->Lock();
+        } else {
+            child->Lock();
+            if (child->IsDeleted()) {
+                if (!fromFile && !create) {
+                    // A deleted key's subtree is gone for a plain open.
+                    child->Unlock();
+                    cur->Unlock();
+                    index = 0;
+                    return nullptr;
+                }
+                if (!fromFile && !child->IsDeletedByMe()) child->DropValues();
+                child->Revive(!fromFile);
+            }
+        }
+        cur->Unlock();
+        cur = child;
+    }
+
+    RegKey* parent = cur;
+    const CKWString& name = parts.back();
+    if (fromFile) parent->UpdateSequence();
+    RegKey* key = parent->GetSubKey(name);
+    if (key != nullptr) {
+        if (mode == FindMode::kRefresh && parent->IsSubKeyDeletedHere(name)) {
+            parent->Unlock();
+            index = 0;
+            return nullptr;
+        }
+        key->Lock();
+        if (fromFile) {
+            if (key->IsDeleted()) key->Revive(false);  // the file has it again
+            if (key->IsIntermediate()) {
+                // A key line for what was only a path: a real key now.
+                key->SetIntermediate(0);
+                if (key->GetIndex() == 0) {
+                    long n = RegKey::ClaimIndex(index) ? index : RegKey::GetUniqueKey();
+                    key->SetIndex(n);
+                    key->MarkAdvertised();
+                }
+            }
+            key->MarkLineSeen();
+        } else {
+            if (key->IsDeleted() && !key->IsDeletedByMe()) {
+                // Deleted by another process and only still here because it
+                // is open: gone for an open, a new empty key for a create.
+                if (!create) {
+                    key->Unlock();
+                    parent->Unlock();
+                    index = 0;
+                    return nullptr;
+                }
+                key->DropValues();
+                created = 1;
+            }
+            if (key->IsDeleted()) key->Revive(true);
+            if (key->GetIndex() == 0) {
+                // An intermediate key opened through the API gets a number of
+                // its own, so no two keys ever share a handle value.
+                key->SetIndex(RegKey::GetUniqueKey());
+                key->MarkAdvertised();
+            }
+            key->IncOpens();
+        }
+        key->UpdateSequence();
+        index = key->GetIndex();
+        parent->Unlock();
+        if (!keepLocked) key->Unlock();
+        return key;
+    }
+
+    if (!create || (mode == FindMode::kRefresh && parent->IsSubKeyDeletedHere(name))) {
+        parent->Unlock();
+        index = 0;
+        return nullptr;
+    }
+    long n;
+    bool allocated = false;
+    if (index != -1 && RegKey::ClaimIndex(index)) {
+        n = index;
+    } else {
+        n = RegKey::GetUniqueKey();
+        allocated = !fromFile;
+    }
+    unsigned long opens = (!fromFile && !keepLocked) ? 1 : 0;
+    key = new RegKey(n, ChildPath(parent, name), parent, 0, opens);
+    if (!parent->InsertSubKey(name, key)) {
+        delete key;  // releases the number
+        parent->Unlock();
+        index = 0;
+        return nullptr;
+    }
+    key->MarkAdvertised();
+    key->UpdateSequence();
+    if (fromFile) {
+        key->MarkLineSeen();
+    } else {
+        key->SetPending(true);
+        if (allocated) key->SetCreated();
+        created = 1;
+    }
+    if (keepLocked) key->Lock();
+    index = n;
+    parent->Unlock();
+    return key;
+}
+
+void ClearRegistryTree() {
+    DrainGraveyard();
+    RegKey* root = RegistryKeys();
+    root->Lock();
+    root->DropChildren();
+    root->Unlock();
+    {
+        CriticalSectionHolder hold(TableLock());
+        RegKey::OpenKeyMap().clear();
+    }
+    CriticalSectionHolder hold(AllKeysLock());
+    RegKey::AllKeysSet().clear();
+}
+
+}  // namespace detail
+}  // namespace tv

@@ -1,0 +1,319 @@
+// The Reg* functions: result codes, sizes, the documented quirks, and the
+// guards that keep the file readable.
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <string.h>
+
+#include <string>
+
+#include <tvcommonutil.h>
+
+#include "registry/registry_internal.h"
+#include "registry_support.h"
+
+namespace {
+
+using regtest::RegistryEnv;
+
+HKEY Create(HKEY parent, const char* path, REGSAM sam = KEY_ALL_ACCESS) {
+    HKEY h = 0;
+    DWORD disp = 0;
+    EXPECT_EQ(0, RegCreateKeyEx(parent, path, 0, nullptr, 0, sam, nullptr, &h, &disp)) << path;
+    return h;
+}
+
+LONG SetSz(HKEY h, const char* name, const std::string& value) {
+    return RegSetValueEx(h, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                         value.size() + 1);
+}
+
+std::string GetSz(HKEY h, const char* name) {
+    char buf[256];
+    DWORD size = sizeof buf;
+    LONG r = RegQueryValueEx(h, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
+    return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
+}
+
+unsigned long Revision(HKEY h) {
+    tv::detail::RegKey* k = tv::detail::LookupHandle(h);
+    return k != nullptr ? k->GetRevNumber() : 0;
+}
+
+TEST(RegistryApi, OpenCreateAndResultCodes) {
+    RegistryEnv env;
+    HKEY h = 0;
+    EXPECT_EQ(13, RegOpenKeyEx(HKEY_LOCAL_MACHINE, "Missing", 0, 0, &h));
+    EXPECT_EQ(13, RegOpenKeyEx(HKEY_LOCAL_MACHINE, "Missing", 0, 0, nullptr));
+    EXPECT_EQ(13, RegOpenKeyEx(0x1234567, "x", 0, 0, &h));  // unknown handle
+    EXPECT_EQ(-1, RegCreateKeyEx(0x1234567, "x", 0, nullptr, 0, 0, nullptr, &h, nullptr));
+    EXPECT_EQ(-1, RegCreateKeyEx(0, "x", 0, nullptr, 0, 0, nullptr, nullptr, nullptr));
+
+    DWORD disp = 0;
+    HKEY w = 0;
+    ASSERT_EQ(0,
+              RegCreateKeyEx(0, "Software\\Vendor", 0, nullptr, 0, KEY_WRITE, nullptr, &w, &disp));
+    EXPECT_EQ(REG_CREATED_NEW_KEY, disp);
+    EXPECT_NE(0, w & KEY_WRITE_HANDLE_BIT);
+    EXPECT_NE(0, w & KEY_INDEX_MASK);
+    HKEY again = 0;
+    // KEY_READ carries 0x20000, so only a mask without 0x60000 reads only.
+    ASSERT_EQ(0, RegCreateKeyEx(0, "SOFTWARE\\vendor", 0, nullptr, 0, KEY_QUERY_VALUE, nullptr,
+                                &again, &disp));
+    EXPECT_EQ(REG_OPENED_EXISTING_KEY, disp);
+    // One key, one number; only the write bit differs.
+    EXPECT_EQ(w & KEY_INDEX_MASK, again);
+    EXPECT_STREQ("HKEY_LOCAL_MACHINE\\Software\\Vendor", RegHKEYtoString(again).c_str());
+
+    // Two opens share the handle; the first close does not end the second.
+    HKEY r1 = 0, r2 = 0;
+    ASSERT_EQ(0, RegOpenKeyEx(0, "software\\VENDOR\\", 0, 0, &r1));
+    ASSERT_EQ(0, RegOpenKeyEx(w, "", 0, 0, &r2));
+    EXPECT_EQ(r1, r2);
+    ASSERT_EQ(0, SetSz(w, "Name", "v"));
+    EXPECT_EQ(0, RegCloseKey(r1));
+    EXPECT_EQ("v", GetSz(r2, "Name"));
+    EXPECT_EQ(0, RegCloseKey(r2));
+    EXPECT_EQ(0, RegCloseKey(again));
+    EXPECT_EQ(0, RegCloseKey(w));
+    EXPECT_EQ(-1, RegCloseKey(w));  // no open left
+    EXPECT_EQ(-1, RegCloseKey(0x2345678));
+}
+
+TEST(RegistryApi, QuerySizesAndTypes) {
+    RegistryEnv env;
+    HKEY h = Create(0, "Types");
+    ASSERT_EQ(0, SetSz(h, "Sz", "hello"));
+    unsigned long dw = 31;
+    ASSERT_EQ(0, RegSetValueEx(h, "Dw", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dw), 8));
+    // "a b" is one string with a blank: it comes back as two.
+    const char multi[] = "a b\0c\0";
+    ASSERT_EQ(0, RegSetValueEx(h, "Multi", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(multi),
+                               sizeof multi));
+    const char empty[] = "\0\0";
+    ASSERT_EQ(0, RegSetValueEx(h, "EmptyMulti", 0, REG_MULTI_SZ,
+                               reinterpret_cast<const BYTE*>(empty), sizeof empty));
+
+    DWORD type = 0, size = 0;
+    EXPECT_EQ(0, RegQueryValueEx(h, "Sz", nullptr, &type, nullptr, &size));
+    EXPECT_EQ(REG_SZ, type);
+    EXPECT_EQ(6u, size);
+    char small[4];
+    size = sizeof small;
+    EXPECT_EQ(234, RegQueryValueEx(h, "Sz", nullptr, &type, reinterpret_cast<BYTE*>(small), &size));
+    EXPECT_EQ(6u, size);
+    EXPECT_EQ(13, RegQueryValueEx(h, "Nope", nullptr, &type, nullptr, &size));
+    EXPECT_EQ(-1, RegQueryValueEx(0x3456789, "Sz", nullptr, &type, nullptr, &size));
+
+    unsigned long out = 0;
+    size = 4;
+    EXPECT_EQ(234, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    EXPECT_EQ(8u, size);
+    EXPECT_EQ(0, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    EXPECT_EQ(REG_DWORD, type);
+    EXPECT_EQ(31u, out);
+
+    char buf[32];
+    size = sizeof buf;
+    ASSERT_EQ(0, RegQueryValueEx(h, "Multi", nullptr, &type, reinterpret_cast<BYTE*>(buf), &size));
+    EXPECT_EQ(REG_MULTI_SZ, type);
+    EXPECT_EQ(std::string("a\0b\0c\0\0", 7), std::string(buf, size));
+    size = sizeof buf;
+    ASSERT_EQ(
+        0, RegQueryValueEx(h, "EmptyMulti", nullptr, &type, reinterpret_cast<BYTE*>(buf), &size));
+    EXPECT_EQ(1u, size);
+
+    // A DWORD of 31: "0x1f" through RegSetValueEx, "31" through a batch.
+    std::list<RegValueList> batch;
+    unsigned long b31 = 31;
+    ASSERT_EQ(0, RegSetValueNode("Batch", REG_DWORD, &b31, batch));
+    ASSERT_EQ(0, RegSetValueNode("BatchSz", REG_SZ, "text", batch));
+    ASSERT_EQ(0, RegSetValueNode("BatchMulti", REG_MULTI_SZ, "x\0y\0", batch));
+    EXPECT_EQ(-1, RegSetValueNode("Bin", REG_BINARY, "x", batch));
+    ASSERT_EQ(0, RegBatchSetValueEx(h, batch));
+    size = sizeof out;
+    ASSERT_EQ(0, RegQueryValueEx(h, "Batch", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    EXPECT_EQ(31u, out);
+    EXPECT_EQ(0, RegCloseKey(h));
+    const std::string file = env.ReadRegistryFile();
+    EXPECT_NE(std::string::npos, file.find("0x1f;\tREG_DWORD\n")) << file;
+    EXPECT_NE(std::string::npos, file.find(" 31;\tREG_DWORD\n")) << file;
+    EXPECT_NE(std::string::npos, file.find(" x y ;\tREG_MULTI_SZ\n")) << file;
+
+    unsigned char bin[2] = {1, 2};
+    h = Create(0, "Types");
+    EXPECT_EQ(-1, RegSetValueEx(h, "Bin", 0, REG_BINARY, bin, 2));
+    EXPECT_EQ(ERROR_NOT_SUPPORTED, static_cast<long>(errno));
+    EXPECT_EQ(0, RegCloseKey(h));
+}
+
+TEST(RegistryApi, EnumerationAndInfo) {
+    RegistryEnv env;
+    HKEY h = Create(0, "Enum");
+    for (const char* k : {"Zeta", "alpha", "Mid"}) RegCloseKey(Create(h, k));
+    ASSERT_EQ(0, SetSz(h, "second", "22"));
+    ASSERT_EQ(0, SetSz(h, "First", "1"));
+    ASSERT_EQ(0, SetSz(h, "second", "2"));  // keeps its place
+
+    char name[16];
+    // Subkeys in order of creation.
+    ASSERT_EQ(0, RegEnumKey(h, 0, name, sizeof name));
+    EXPECT_STREQ("Zeta", name);
+    ASSERT_EQ(0, RegEnumKey(h, 2, name, sizeof name));
+    EXPECT_STREQ("Mid", name);
+    ASSERT_EQ(0, RegEnumKey(h, 1, name, sizeof name));
+    EXPECT_STREQ("alpha", name);
+    EXPECT_EQ(259, RegEnumKey(h, 3, name, sizeof name));
+    EXPECT_EQ(-1, RegEnumKey(h, 0, name, 4));  // "Zeta" needs 5: -1, never 234
+    EXPECT_EQ(0, RegEnumKey(h, 0, name, 5));
+    EXPECT_EQ(-1, RegEnumKey(h, 0, nullptr, 16));
+    EXPECT_EQ(-1, RegEnumKey(0x3456789, 0, name, 16));
+
+    // Values in order of first setting.
+    DWORD cbName = sizeof name, type = 0, cbData = 0;
+    char data[8];
+    cbData = sizeof data;
+    ASSERT_EQ(0, RegEnumValue(h, 0, name, &cbName, nullptr, &type, reinterpret_cast<BYTE*>(data),
+                              &cbData));
+    EXPECT_STREQ("second", name);
+    EXPECT_EQ(6u, cbName);
+    EXPECT_STREQ("2", data);
+    EXPECT_EQ(2u, cbData);
+    cbName = 3;
+    cbData = sizeof data;
+    EXPECT_EQ(234, RegEnumValue(h, 1, name, &cbName, nullptr, &type, nullptr, nullptr));
+    EXPECT_EQ(6u, cbName);
+    cbName = sizeof name;
+    EXPECT_EQ(259, RegEnumValue(h, 2, name, &cbName, nullptr, &type, nullptr, nullptr));
+
+    // A deleted subkey drops out of the enumeration at once.
+    ASSERT_EQ(0, RegDeleteKey(h, "Zeta"));
+    ASSERT_EQ(0, RegEnumKey(h, 0, name, sizeof name));
+    EXPECT_STREQ("alpha", name);
+
+    DWORD subKeys = 0, maxSub = 0, values = 0, maxName = 0, maxData = 0;
+    ASSERT_EQ(0, RegQueryInfoKey(h, nullptr, nullptr, nullptr, &subKeys, &maxSub, nullptr, &values,
+                                 &maxName, &maxData, nullptr, nullptr));
+    EXPECT_EQ(2u, subKeys);
+    EXPECT_EQ(5u, maxSub);
+    EXPECT_EQ(2u, values);
+    EXPECT_EQ(6u, maxName);
+    EXPECT_EQ(2u, maxData);
+    EXPECT_EQ(-1, RegQueryInfoKey(0x3456789, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr,
+                                  nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(0, RegCloseKey(h));
+}
+
+TEST(RegistryApi, DeleteKeyRules) {
+    RegistryEnv env;
+    RegCloseKey(Create(0, "Software\\Old\\Leaf"));
+    RegCloseKey(Create(0, "Software\\Keep"));
+    EXPECT_EQ(-1, RegDeleteKey(0, "Software"));  // no parent path
+    EXPECT_EQ(-1, RegDeleteKey(0, "Nowhere\\Old"));
+
+    HKEY ro = 0;
+    ASSERT_EQ(0, RegOpenKeyEx(0, "Software", 0, KEY_READ & ~0x60000, &ro));
+    EXPECT_EQ(0, ro & KEY_WRITE_HANDLE_BIT);
+    EXPECT_EQ(-1, RegDeleteKey(ro, "Keep"));  // no write access
+    EXPECT_EQ(0, RegCloseKey(ro));
+
+    EXPECT_EQ(0, RegDeleteKey(0, "SOFTWARE\\OLD"));
+    HKEY h = 0;
+    EXPECT_EQ(13, RegOpenKeyEx(0, "Software\\Old", 0, 0, &h));
+    EXPECT_EQ(13, RegOpenKeyEx(0, "Software\\Old\\Leaf", 0, 0, &h));
+    ASSERT_EQ(0, RegOpenKeyEx(0, "Software\\Keep", 0, 0, &h));
+    RegCloseKey(h);
+    const std::string file = env.ReadRegistryFile();
+    EXPECT_EQ(std::string::npos, file.find("Old")) << file;
+    EXPECT_NE(std::string::npos, file.find("Software\\Keep=")) << file;
+
+    HKEY sw = Create(0, "Software");
+    EXPECT_EQ(-1, RegDeleteKey(sw, "Missing"));
+    EXPECT_EQ(0, RegCloseKey(sw));
+}
+
+// A deleted key still open stays reachable through its handle, is not
+// written, and comes back to life when opened again.
+TEST(RegistryApi, DeletedKeyWhileOpen) {
+    RegistryEnv env;
+    HKEY parent = Create(0, "P");
+    HKEY child = Create(parent, "C");
+    ASSERT_EQ(0, SetSz(child, "V", "1"));
+    ASSERT_EQ(0, RegDeleteKey(parent, "C"));
+    EXPECT_EQ("1", GetSz(child, "V"));
+    EXPECT_EQ(-1, SetSz(child, "W", "2"));
+    EXPECT_EQ(ERROR_KEY_DELETED, static_cast<long>(errno));
+    ASSERT_EQ(0, RegFlushKey(parent));
+    EXPECT_EQ(std::string::npos, env.ReadRegistryFile().find("\\P\\C="));
+
+    // Opening it again revives it, values and all.
+    HKEY again = 0;
+    ASSERT_EQ(0,
+              RegCreateKeyEx(parent, "C", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &again, nullptr));
+    EXPECT_EQ(child, again);
+    EXPECT_EQ("1", GetSz(again, "V"));
+    EXPECT_EQ(0, RegCloseKey(again));
+    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("\\P\\C=")) << env.ReadRegistryFile();
+
+    // Deleted again and closed for the last time: gone from the tree.
+    ASSERT_EQ(0, RegDeleteKey(parent, "C"));
+    EXPECT_EQ(0, RegCloseKey(child));
+    EXPECT_EQ(-1, RegCloseKey(child));
+    HKEY h = 0;
+    EXPECT_EQ(13, RegOpenKeyEx(parent, "C", 0, 0, &h));
+    EXPECT_EQ(0, RegCloseKey(parent));
+    EXPECT_EQ(std::string::npos, env.ReadRegistryFile().find("\\P\\C="));
+}
+
+TEST(RegistryApi, UnchangedValueDoesNotDirtyTheKey) {
+    RegistryEnv env;
+    HKEY h = Create(0, "Same");
+    ASSERT_EQ(0, SetSz(h, "V", "x"));
+    EXPECT_EQ(0, RegCloseKey(h));
+    struct stat before;
+    ASSERT_EQ(0, stat(env.registryFile().c_str(), &before));
+    h = Create(0, "Same");
+    const unsigned long rev = Revision(h);
+    ASSERT_EQ(0, SetSz(h, "V", "x"));
+    EXPECT_EQ(rev, Revision(h));
+    EXPECT_EQ(0, RegCloseKey(h));
+    struct stat after;
+    ASSERT_EQ(0, stat(env.registryFile().c_str(), &after));
+    EXPECT_EQ(before.st_ino, after.st_ino);  // not rewritten
+    h = Create(0, "Same");
+    ASSERT_EQ(0, SetSz(h, "V", "y"));
+    EXPECT_GT(Revision(h), rev);
+    EXPECT_EQ(0, RegCloseKey(h));
+}
+
+// Texts the file could not hold as one line of their own are refused, and
+// the registry stays as it was.
+TEST(RegistryApi, RefusesValuesTheFileCannotHold) {
+    RegistryEnv env;
+    HKEY h = Create(0, "Guard");
+    ASSERT_EQ(0, SetSz(h, "Ok", "fine"));
+    ASSERT_EQ(0, RegFlushKey(h));
+    const std::string before = env.ReadRegistryFile();
+    EXPECT_EQ(-1, SetSz(h, "Inject", "x;REG_SZ\nHKEY_LOCAL_MACHINE\\Evil=5"));
+    EXPECT_EQ(-1, SetSz(h, "Path", "HKEY_LOCAL_MACHINE\\Software"));
+    EXPECT_EQ(-1, SetSz(h, "#Comment", "x"));
+    EXPECT_EQ(-1, SetSz(h, "Big", std::string(4100, 'z')));
+    EXPECT_EQ(0, SetSz(h, "NearlyBig", std::string(4095 - 23 - 1 - 1 - 6, 'z')));
+    EXPECT_EQ(-1, SetSz(h, "NearlyBig", std::string(4095 - 23 - 1 - 1 - 6 + 1, 'z')));
+    std::list<RegValueList> batch;
+    RegSetValueNode("Good", REG_SZ, "g", batch);
+    RegSetValueNode("Bad", REG_SZ, "a\nb", batch);
+    EXPECT_EQ(-1, RegBatchSetValueEx(h, batch));
+    EXPECT_EQ("<13>", GetSz(h, "Good"));  // all or nothing
+    HKEY k = 0;
+    EXPECT_EQ(-1, RegCreateKeyEx(h, "a=b", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k, nullptr));
+    EXPECT_EQ(-1, RegCreateKeyEx(h, "line\nbreak", 0, nullptr, 0, 0, nullptr, &k, nullptr));
+    EXPECT_EQ(-1, RegCreateKeyEx(h, std::string(4100, 'k').c_str(), 0, nullptr, 0, 0, nullptr, &k,
+                                 nullptr));
+    EXPECT_EQ(0, RegDeleteValue(h, "NearlyBig"));
+    EXPECT_EQ(-1, RegDeleteValue(h, "NearlyBig"));
+    EXPECT_EQ(0, RegCloseKey(h));
+    EXPECT_EQ(before, env.ReadRegistryFile());
+}
+
+}  // namespace

@@ -1,0 +1,286 @@
+// The registry file: what the writer produces, byte for byte, and how the
+// reader takes hand-written files (every line kind, CR-LF, long lines,
+// intermediate keys).
+#include <gtest/gtest.h>
+
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <tvcommonutil.h>
+
+#include "registry/registry_internal.h"
+#include "registry_support.h"
+
+namespace {
+
+using regtest::RegistryEnv;
+
+const char kSoftware[] =
+    "\n"
+    "HKEY_LOCAL_MACHINE=536870913\n"
+    "\n"
+    "HKEY_LOCAL_MACHINE\\Software=10223\n"
+    "\n";
+
+HKEY OpenWrite(const char* path) {
+    HKEY h = 0;
+    EXPECT_EQ(0, RegOpenKeyEx(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS, &h)) << path;
+    return h;
+}
+
+HKEY OpenRead(const char* path) {
+    HKEY h = 0;
+    EXPECT_EQ(0, RegOpenKeyEx(HKEY_LOCAL_MACHINE, path, 0, 0, &h)) << path;
+    return h;
+}
+
+std::string QuerySz(HKEY h, const char* name) {
+    char buf[8192];
+    DWORD size = sizeof buf;
+    DWORD type = 0;
+    LONG r = RegQueryValueEx(h, name, nullptr, &type, reinterpret_cast<BYTE*>(buf), &size);
+    if (r != 0) return "<" + std::to_string(r) + ">";
+    return std::string(buf, size - 1);
+}
+
+unsigned long QueryDword(HKEY h, const char* name) {
+    unsigned long v = 0;
+    DWORD size = sizeof v;
+    EXPECT_EQ(0, RegQueryValueEx(h, name, nullptr, nullptr, reinterpret_cast<BYTE*>(&v), &size));
+    return v;
+}
+
+// The literal layout: the root's empty line first, each key's block (key
+// line, values in case-insensitive name order, "%-22s\t%22s\t%s", an empty
+// line), subkeys depth first in name order, no blocks for intermediate keys,
+// nothing of deleted keys, and the numbers of keys made here.
+TEST(RegistryFile, WriterProducesTheExactText) {
+    RegistryEnv env(kSoftware);
+    HKEY sw = OpenWrite("Software");
+    EXPECT_EQ(10223 | KEY_WRITE_HANDLE_BIT, sw);
+
+    const char root[] = "/srv/app";
+    ASSERT_EQ(
+        0, RegSetValueEx(sw, "Root", 0, REG_SZ, reinterpret_cast<const BYTE*>(root), sizeof root));
+    unsigned long clients = 64;
+    ASSERT_EQ(0, RegSetValueEx(sw, "MaxClients", 0, REG_DWORD,
+                               reinterpret_cast<const BYTE*>(&clients), sizeof clients));
+    const char hosts[] = "alpha\0beta\0";  // plus the literal's zero: a double zero
+    ASSERT_EQ(0, RegSetValueEx(sw, "hosts", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(hosts),
+                               sizeof hosts));
+    const char longName[] = "AVeryLongValueNameThatOverflows";
+    ASSERT_EQ(0, RegSetValueEx(sw, longName, 0, REG_SZ, reinterpret_cast<const BYTE*>(""), 1));
+
+    // b\c below Software: "b" is only a path (no block); "Zed" comes after
+    // "b" and "a" in case-insensitive order.
+    HKEY c = 0, zed = 0, gone = 0;
+    DWORD disp = 0;
+    ASSERT_EQ(0, RegCreateKeyEx(sw, "b\\c", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &c, &disp));
+    EXPECT_EQ(REG_CREATED_NEW_KEY, disp);
+    ASSERT_EQ(0, RegCreateKeyEx(sw, "Zed", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &zed, &disp));
+    ASSERT_EQ(0, RegCreateKeyEx(sw, "a", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &gone, &disp));
+    ASSERT_EQ(0, RegCloseKey(gone));
+    ASSERT_EQ(0, RegDeleteKey(sw, "A"));
+    // A value on the intermediate key is deliberately not written.
+    HKEY b = OpenWrite("Software\\B");
+    const char lost[] = "x";
+    ASSERT_EQ(0, RegSetValueEx(b, "Lost", 0, REG_SZ, reinterpret_cast<const BYTE*>(lost), 2));
+    ASSERT_EQ(0, RegCloseKey(b));
+    ASSERT_EQ(0, RegCloseKey(c));
+    ASSERT_EQ(0, RegCloseKey(zed));
+    ASSERT_EQ(0, RegCloseKey(sw));
+
+    const std::string cLine =
+        "HKEY_LOCAL_MACHINE\\Software\\b\\c=" + std::to_string(c & KEY_INDEX_MASK) + "\n";
+    const std::string zedLine =
+        "HKEY_LOCAL_MACHINE\\Software\\Zed=" + std::to_string(zed & KEY_INDEX_MASK) + "\n";
+    const std::string expected =
+        "\n"
+        "HKEY_LOCAL_MACHINE=536870913\n"
+        "\n"
+        "HKEY_LOCAL_MACHINE\\Software=10223\n"
+        "AVeryLongValueNameThatOverflows=\t                     ;\tREG_SZ\n"
+        "hosts=                \t          alpha beta ;\tREG_MULTI_SZ\n"
+        "MaxClients=           \t                 0x40;\tREG_DWORD\n"
+        "Root=                 \t             /srv/app;\tREG_SZ\n"
+        "\n" +
+        cLine + "\n" + zedLine + "\n";
+    EXPECT_EQ(expected, env.ReadRegistryFile());
+
+    // What was written reads back the same in a fresh start, and the
+    // padded multi-string loses its trailing blank to the trim.
+    tv::detail::RegistryResetForTests();
+    HKEY again = OpenRead("SOFTWARE");
+    EXPECT_EQ("/srv/app", QuerySz(again, "root"));
+    EXPECT_EQ(64u, QueryDword(again, "MaxClients"));
+    char multi[64];
+    DWORD size = sizeof multi;
+    DWORD type = 0;
+    ASSERT_EQ(
+        0, RegQueryValueEx(again, "Hosts", nullptr, &type, reinterpret_cast<BYTE*>(multi), &size));
+    EXPECT_EQ(REG_MULTI_SZ, type);
+    EXPECT_EQ(std::string("alpha\0beta\0", 11), std::string(multi, size));
+    EXPECT_EQ(0, RegCloseKey(again));
+    HKEY inter = OpenRead("Software\\b");
+    EXPECT_EQ("<13>", QuerySz(inter, "Lost"));
+    RegCloseKey(inter);
+}
+
+// Every kind of line of a hand-written file, including the odd ones.
+TEST(RegistryFile, ReaderTakesEveryLineKind) {
+    const std::string text =
+        "Orphan=before any key;REG_SZ\n"
+        "# a comment with HKEY_LOCAL_MACHINE in it\n"
+        "\n"
+        "HKEY_LOCAL_MACHINE=536870913\n"
+        "HKEY_LOCAL_MACHINE\\NoNumber\n"
+        "HKEY_LOCAL_MACHINE\\Hex=0x10\n"
+        "Padded=      \t    spaced out   ;\t  REG_SZ\n"
+        "Empty=;REG_SZ\n"
+        "two words=x;REG_SZ\n"
+        "Num=0x1f;REG_DWORD\n"
+        "Dec=31;REG_DWORD\n"
+        "Multi=a b c ;REG_MULTI_SZ\n"
+        "NoSemicolon=abc REG_SZ\n"
+        "NoEquals;REG_SZ\n"
+        "NoType=abc;\n"
+        "BadType=abc;REG_BINARY\n"
+        "TrailingBlank=abc;REG_SZ \n"
+        "Semi=a;b;REG_SZ\n"
+        "\n"
+        "HKEY_LOCAL_MACHINE\\Octal=010\n"
+        "HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"
+        "V=1;REG_SZ\n";
+    RegistryEnv env(regtest::kBaseRegistry, &text);
+
+    HKEY hex = OpenRead("Hex");
+    EXPECT_EQ(16, hex);
+    EXPECT_EQ("spaced out", QuerySz(hex, "Padded"));
+    EXPECT_EQ("", QuerySz(hex, "Empty"));
+    EXPECT_EQ("x", QuerySz(hex, "two words"));
+    EXPECT_EQ(31u, QueryDword(hex, "Num"));
+    EXPECT_EQ(31u, QueryDword(hex, "Dec"));
+    for (const char* ignored :
+         {"NoSemicolon", "NoEquals", "NoType", "BadType", "TrailingBlank", "Semi", "Orphan"}) {
+        EXPECT_EQ("<13>", QuerySz(hex, ignored)) << ignored;
+    }
+    DWORD subKeys = 99, values = 99;
+    ASSERT_EQ(0, RegQueryInfoKey(hex, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr,
+                                 &values, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(0u, subKeys);
+    EXPECT_EQ(6u, values);
+
+    HKEY octal = OpenRead("octal");
+    EXPECT_EQ(8, octal);
+    HKEY missing = 0;
+    EXPECT_EQ(13, RegOpenKeyEx(HKEY_LOCAL_MACHINE, "NoNumber", 0, 0, &missing));
+
+    // Deep and Deep\Er are intermediate: reachable, numbered only when
+    // opened, and never sharing a number with Key.
+    HKEY key = OpenRead("Deep\\Er\\Key");
+    EXPECT_EQ(77, key);
+    EXPECT_EQ("1", QuerySz(key, "V"));
+    HKEY deep = OpenRead("Deep");
+    HKEY er = OpenRead("Deep\\Er");
+    EXPECT_NE(0, deep);
+    EXPECT_NE(deep, er);
+    EXPECT_NE(77, deep & KEY_INDEX_MASK);
+    EXPECT_NE(77, er & KEY_INDEX_MASK);
+    char name[16];
+    ASSERT_EQ(0, RegEnumKey(deep, 0, name, sizeof name));
+    EXPECT_STREQ("Er", name);
+
+    // Written back: intermediate keys have no block, ignored lines are gone.
+    HKEY w = OpenWrite("Hex");
+    ASSERT_EQ(0, RegFlushKey(w));
+    const std::string out = env.ReadRegistryFile();
+    EXPECT_EQ(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep="));
+    EXPECT_EQ(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep\\Er="));
+    EXPECT_NE(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"));
+    EXPECT_EQ(std::string::npos, out.find("Orphan"));
+    EXPECT_EQ(std::string::npos, out.find("BadType"));
+    for (HKEY h : {hex, octal, key, deep, er, w}) EXPECT_EQ(0, RegCloseKey(h));
+}
+
+// CR-LF: every value line's type word ends in "\r" and is refused; key
+// lines survive because the number is read with strtoul.
+TEST(RegistryFile, CrLfFileKeepsKeysAndLosesValues) {
+    const std::string text =
+        "\r\nHKEY_LOCAL_MACHINE=536870913\r\n\r\n"
+        "HKEY_LOCAL_MACHINE\\Win=42\r\n"
+        "Name=value;REG_SZ\r\n"
+        "\r\n";
+    RegistryEnv env(regtest::kBaseRegistry, &text);
+    HKEY h = OpenRead("Win");
+    EXPECT_EQ(42, h);
+    EXPECT_EQ("<13>", QuerySz(h, "Name"));
+    RegCloseKey(h);
+}
+
+// A line is read up to 4095 characters; the rest is the next line.
+TEST(RegistryFile, LongLinesAreSplitAt4095) {
+    std::string first = "Cut=" + std::string(4095 - 4, 'x');  // exactly 4095 characters
+    std::string text = "HKEY_LOCAL_MACHINE\\Long=5\n" + first + "Tail=end;REG_SZ\n" +
+                       "Whole=" + std::string(4095 - 6 - 8, 'y') + ";REG_SZ\n" +
+                       "After=ok;REG_SZ\n";
+    RegistryEnv env(regtest::kBaseRegistry, &text);
+    HKEY h = OpenRead("Long");
+    EXPECT_EQ("<13>", QuerySz(h, "Cut"));  // its first 4095 characters hold no ";"
+    EXPECT_EQ("end", QuerySz(h, "Tail"));
+    EXPECT_EQ(std::string(4095 - 6 - 8, 'y'), QuerySz(h, "Whole"));
+    EXPECT_EQ("ok", QuerySz(h, "After"));
+    RegCloseKey(h);
+}
+
+// The value-line parser on its own.
+TEST(RegistryFile, FormatValue) {
+    tv::detail::RegValue v;
+    ASSERT_TRUE(v.FormatValue("Name=  data with  blanks \t;  \tREG_MULTI_SZ"));
+    EXPECT_EQ(REG_MULTI_SZ, v.GetType());
+    EXPECT_STREQ("Name", v.GetName().c_str());
+    EXPECT_STREQ("data with  blanks", v.GetData().c_str());
+    ASSERT_TRUE(v.FormatValue(" name =a=b;REG_DWORD"));
+    EXPECT_STREQ(" name ", v.GetName().c_str());
+    EXPECT_STREQ("a=b", v.GetData().c_str());
+    EXPECT_FALSE(v.FormatValue("x=1;REG_SZ\r"));
+    EXPECT_FALSE(v.FormatValue("x=1;   "));
+    EXPECT_FALSE(v.FormatValue("x=1;REG_SZX"));
+    EXPECT_FALSE(v.FormatValue("x=1"));
+    EXPECT_FALSE(v.FormatValue("no equals;REG_SZ"));
+}
+
+// The reader straight from a descriptor: a deep path, NUL bytes, junk.
+TEST(RegistryFile, ReaderSurvivesOddBytes) {
+    RegistryEnv env;
+    std::string text = "HKEY_LOCAL_MACHINE";
+    for (int i = 0; i < 1500; ++i) text += "\\k";
+    text += "=1\nv=1;REG_SZ\n";
+    text += std::string("HKEY_LOCAL_MACHINE\\Nul=9\nA=b\0c;REG_SZ\n", 38);
+    text += "HKEY_LOCAL_MACHINE\\Big=99999999999999999999\nZ=z;REG_SZ\n";
+    text += "HKEY_LOCAL_MACHINE\\Neg=-5\n";
+    int fd = memfd_create("reg", 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
+    lseek(fd, 0, SEEK_SET);
+    EXPECT_TRUE(tv::detail::ReadRegistryFd(fd, 0));
+    close(fd);
+    long index = -1;
+    int created = 0;
+    tv::detail::RegKey* big =
+        tv::detail::FindKey(tv::detail::RegistryKeys(), "HKEY_LOCAL_MACHINE\\Big", 0, created,
+                            tv::detail::FindMode::kLoad, index, 0);
+    ASSERT_NE(nullptr, big);
+    EXPECT_GT(big->GetIndex(), 0);  // an unusable number is replaced
+    EXPECT_LE(big->GetIndex(), KEY_INDEX_MASK);
+    tv::detail::PrintSink sink;
+    tv::detail::RegistryKeys()->Print(sink, 1, 0);
+    EXPECT_NE(std::string::npos, sink.text.find("HKEY_LOCAL_MACHINE\\Neg="));
+    EXPECT_EQ(std::string::npos, sink.text.find("A="));  // cut at the NUL: no ";"
+    tv::detail::ClearRegistryTree();
+}
+
+}  // namespace

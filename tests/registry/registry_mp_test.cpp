@@ -1,0 +1,329 @@
+// The registry shared by real processes: changes travel between them, many
+// writers lose nothing, a writer killed at any moment leaves a complete file
+// and no lock behind, and the System V objects go with the last user.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <tvcommonutil.h>
+
+#include "registry/registry_internal.h"
+#include "registry_support.h"
+
+namespace {
+
+using regtest::RegistryEnv;
+
+LONG SetAndClose(const std::string& key, const std::string& name, const std::string& value) {
+    HKEY h = 0;
+    LONG r = RegCreateKeyEx(0, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr);
+    if (r != 0) return r;
+    r = RegSetValueEx(h, name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                      value.size() + 1);
+    LONG c = RegCloseKey(h);
+    return r != 0 ? r : c;
+}
+
+std::string Query(const std::string& key, const std::string& name) {
+    HKEY h = 0;
+    if (RegOpenKeyEx(0, key.c_str(), 0, 0, &h) != 0) return "<no key>";
+    char buf[256];
+    DWORD size = sizeof buf;
+    LONG r =
+        RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
+    RegCloseKey(h);
+    return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
+}
+
+void Touch(const std::string& path) {
+    tvtest::WriteFile(path, "x");
+}
+
+// The value names of one key's block in a registry file text; complete is
+// cleared when the text does not end as a whole file does or a line of the
+// block is not a whole value line.
+std::set<std::string> ValuesOfBlock(const std::string& text, const std::string& keyLine,
+                                    bool* complete) {
+    std::set<std::string> names;
+    *complete = text.size() >= 2 && text.compare(text.size() - 2, 2, "\n\n") == 0;
+    size_t pos = text.find(keyLine);
+    if (pos == std::string::npos) return names;
+    std::istringstream in(text.substr(pos + keyLine.size()));
+    std::string line;
+    std::getline(in, line);  // the rest of the key line: its number
+    while (std::getline(in, line) && !line.empty()) {
+        if (line.size() < 8 || line.compare(line.size() - 7, 7, "\tREG_SZ") != 0) {
+            *complete = false;
+        }
+        names.insert(line.substr(0, line.find('=')));
+    }
+    return names;
+}
+
+}  // namespace
+
+// args: key, name, value
+TV_TEST_CHILD(reg_set) {
+    LONG r = SetAndClose(args.at(0), args.at(1), args.at(2));
+    CleanSystemResources();
+    return r == 0 ? 0 : 1;
+}
+
+// args: key, name, expected ("<no key>" for a missing key)
+TV_TEST_CHILD(reg_expect) {
+    std::string got = Query(args.at(0), args.at(1));
+    CleanSystemResources();
+    if (got != args.at(2)) fprintf(stderr, "reg_expect: got %s\n", got.c_str());
+    return got == args.at(2) ? 0 : 1;
+}
+
+// args: path to delete (from HKEY_LOCAL_MACHINE)
+TV_TEST_CHILD(reg_delete) {
+    LONG r = RegDeleteKey(0, args.at(0).c_str());
+    CleanSystemResources();
+    return r == 0 ? 0 : 1;
+}
+
+// args: id, count, go file. Sets count distinct values in one key, each
+// in its own open/set/close.
+TV_TEST_CHILD(reg_many) {
+    InitRegistry(0, 1);
+    if (!regtest::WaitForFile(args.at(2))) return 2;
+    const int count = std::stoi(args.at(1));
+    int failures = 0;
+    for (int i = 0; i < count; ++i) {
+        std::string name = "p" + args.at(0) + "_" + std::to_string(i);
+        if (SetAndClose("Load", name, std::to_string(i)) != 0) ++failures;
+    }
+    CleanSystemResources();
+    return failures == 0 ? 0 : 1;
+}
+
+// args: processes, count. Every value of reg_many, seen by a fresh process.
+TV_TEST_CHILD(reg_count) {
+    HKEY h = 0;
+    if (RegOpenKeyEx(0, "Load", 0, 0, &h) != 0) return 100;
+    int missing = 0;
+    for (int p = 0; p < std::stoi(args.at(0)); ++p) {
+        for (int i = 0; i < std::stoi(args.at(1)); ++i) {
+            std::string name = "p" + std::to_string(p) + "_" + std::to_string(i);
+            char buf[32];
+            DWORD size = sizeof buf;
+            if (RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf),
+                                &size) != 0 ||
+                std::to_string(i) != buf) {
+                ++missing;
+            }
+        }
+    }
+    RegCloseKey(h);
+    CleanSystemResources();
+    return missing > 99 ? 99 : missing;
+}
+
+// args: marker. Writes v<n>, v<n+1>, ... for ever (each close rewrites the
+// file), continuing after the values already there.
+TV_TEST_CHILD(reg_churn) {
+    HKEY h = 0;
+    if (RegCreateKeyEx(0, "Churn", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr) != 0) {
+        return 1;
+    }
+    DWORD n = 0;
+    RegQueryInfoKey(h, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &n, nullptr, nullptr,
+                    nullptr, nullptr);
+    RegCloseKey(h);
+    for (unsigned long i = n;; ++i) {
+        if (SetAndClose("Churn", "v" + std::to_string(i), "x") != 0) return 1;
+        if (i == n) Touch(args.at(0));
+    }
+}
+
+// args: marker. Takes the registry semaphore and never lets it go.
+TV_TEST_CHILD(reg_hold_semaphore) {
+    InitRegistry(0, 1);
+    RegLockRegistryFile();
+    Touch(args.at(0));
+    for (;;) pause();
+}
+
+// args: marker, go file. Attaches, reports, and cleans up when told.
+TV_TEST_CHILD(reg_attach) {
+    InitRegistry(0, 1);
+    Touch(args.at(0));
+    if (args.size() > 1 && !regtest::WaitForFile(args.at(1))) return 2;
+    if (args.size() == 1) {
+        for (;;) pause();
+    }
+    CleanSystemResources();
+    return 0;
+}
+
+// args: stderr file. Starts without permission to create the shared objects.
+TV_TEST_CHILD(reg_no_create) {
+    if (freopen(args.at(0).c_str(), "w", stderr) == nullptr) return 3;
+    InitRegistry(0, 0);
+    return 0;
+}
+
+TEST(RegistryMultiProcess, ChangesTravelBetweenProcesses) {
+    RegistryEnv env;
+    ASSERT_EQ(0, SetAndClose("Software\\Doomed", "D", "1"));
+    EXPECT_EQ("<no key>", Query("Software\\Shared", "V"));
+
+    pid_t w = tvtest::SpawnChild("reg_set", {"Software\\Shared", "V", "hello"});
+    ASSERT_EQ(0, regtest::WaitChildFor(w, 60));
+    EXPECT_EQ("hello", Query("Software\\Shared", "V"));
+    pid_t r = tvtest::SpawnChild("reg_expect", {"SOFTWARE\\shared", "v", "hello"});
+    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
+
+    pid_t d = tvtest::SpawnChild("reg_delete", {"Software\\Doomed"});
+    ASSERT_EQ(0, regtest::WaitChildFor(d, 60));
+    EXPECT_EQ("<no key>", Query("Software\\Doomed", "D"));
+    r = tvtest::SpawnChild("reg_expect", {"Software\\Doomed", "D", "<no key>"});
+    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
+
+    // This process's own write keeps what the others did.
+    ASSERT_EQ(0, SetAndClose("Software\\Mine", "M", "1"));
+    const std::string file = env.ReadRegistryFile();
+    EXPECT_NE(std::string::npos, file.find("Software\\Shared=")) << file;
+    EXPECT_EQ(std::string::npos, file.find("Doomed")) << file;
+}
+
+TEST(RegistryMultiProcess, EightWritersLoseNothing) {
+    const int kProcs = 8, kCount = 200;
+    RegistryEnv env;
+    InitRegistry(0, 1);
+    const std::string go = env.file("go");
+    std::vector<pid_t> pids;
+    for (int p = 0; p < kProcs; ++p) {
+        pids.push_back(
+            tvtest::SpawnChild("reg_many", {std::to_string(p), std::to_string(kCount), go}));
+    }
+    Touch(go);
+    for (pid_t pid : pids) EXPECT_EQ(0, regtest::WaitChildFor(pid, 500));
+
+    bool complete = false;
+    std::set<std::string> names =
+        ValuesOfBlock(env.ReadRegistryFile(), "HKEY_LOCAL_MACHINE\\Load=", &complete);
+    EXPECT_TRUE(complete);
+    EXPECT_EQ(static_cast<size_t>(kProcs * kCount), names.size());
+    pid_t check = tvtest::SpawnChild("reg_count", {std::to_string(kProcs), std::to_string(kCount)});
+    EXPECT_EQ(0, regtest::WaitChildFor(check, 60));
+    // And this process, attached all along, is brought up to date too.
+    HKEY h = 0;
+    ASSERT_EQ(0, RegOpenKeyEx(0, "Load", 0, 0, &h));
+    DWORD values = 0;
+    ASSERT_EQ(0, RegQueryInfoKey(h, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &values,
+                                 nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(static_cast<DWORD>(kProcs * kCount), values);
+    RegCloseKey(h);
+}
+
+// Killed with SIGKILL at arbitrary points of a stream of writes: the file is
+// always a complete earlier state, and nothing stays locked.
+TEST(RegistryMultiProcess, WriterKilledMidWrite) {
+    RegistryEnv env;
+    size_t last = 0;
+    for (int round = 0; round < 6; ++round) {
+        const std::string marker = env.file("churn" + std::to_string(round));
+        pid_t pid = tvtest::SpawnChild("reg_churn", {marker});
+        ASSERT_TRUE(regtest::WaitForFile(marker));
+        std::this_thread::sleep_for(std::chrono::milliseconds(3 + 7 * round));  // a kill point
+        kill(pid, SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, tvtest::WaitChild(pid));
+
+        bool complete = false;
+        std::set<std::string> names =
+            ValuesOfBlock(env.ReadRegistryFile(), "HKEY_LOCAL_MACHINE\\Churn=", &complete);
+        EXPECT_TRUE(complete) << "round " << round;
+        // Exactly v0 .. v(k-1): each write held every earlier value.
+        for (size_t i = 0; i < names.size(); ++i) {
+            EXPECT_EQ(1u, names.count("v" + std::to_string(i))) << i;
+        }
+        EXPECT_GT(names.size(), last) << "round " << round;
+        last = names.size();
+    }
+    // Nobody is blocked: a fresh process writes at once.
+    pid_t w = tvtest::SpawnChild("reg_set", {"After", "V", "ok"});
+    EXPECT_EQ(0, regtest::WaitChildFor(w, 30));
+    EXPECT_EQ("ok", Query("After", "V"));
+}
+
+// SEM_UNDO: a process killed while holding the semaphore releases it; the
+// shared lock owner keeps its id until the next lock.
+TEST(RegistryMultiProcess, KilledHolderReleasesTheSemaphore) {
+    RegistryEnv env;
+    InitRegistry(0, 1);
+    const std::string marker = env.file("held");
+    pid_t holder = tvtest::SpawnChild("reg_hold_semaphore", {marker});
+    ASSERT_TRUE(regtest::WaitForFile(marker));
+    tv::detail::SharedRegistryRecord* shm = tv::detail::SharedRecord();
+    ASSERT_NE(nullptr, shm);
+    EXPECT_EQ(holder, __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE));
+    kill(holder, SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, tvtest::WaitChild(holder));
+    EXPECT_EQ(holder, __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE));
+
+    pid_t w = tvtest::SpawnChild("reg_set", {"Free", "V", "1"});
+    EXPECT_EQ(0, regtest::WaitChildFor(w, 30));
+    EXPECT_EQ(0, __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE));
+    EXPECT_EQ("1", Query("Free", "V"));
+}
+
+// Processes starting together are all counted; the last one to clean up
+// removes the objects, even when another was killed without cleaning up;
+// the next start makes them afresh with a zero stamp.
+TEST(RegistryMultiProcess, AttachCountAndCleanup) {
+    const int kProcs = 6;
+    RegistryEnv env;
+    const std::string go = env.file("go");
+    std::vector<pid_t> pids;
+    for (int p = 0; p < kProcs; ++p) {
+        pids.push_back(tvtest::SpawnChild("reg_attach", {env.file("m" + std::to_string(p)), go}));
+    }
+    pid_t killed = tvtest::SpawnChild("reg_attach", {env.file("killed")});
+    for (int p = 0; p < kProcs; ++p)
+        ASSERT_TRUE(regtest::WaitForFile(env.file("m" + std::to_string(p))));
+    ASSERT_TRUE(regtest::WaitForFile(env.file("killed")));
+    ASSERT_EQ(0, SetAndClose("Stamp", "V", "1"));
+    tv::detail::SharedRegistryRecord* shm = tv::detail::SharedRecord();
+    ASSERT_NE(nullptr, shm);
+    EXPECT_EQ(kProcs + 2, __atomic_load_n(&shm->attachCount, __ATOMIC_ACQUIRE));
+    kill(killed, SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, tvtest::WaitChild(killed));
+
+    Touch(go);
+    for (pid_t pid : pids) EXPECT_EQ(0, regtest::WaitChildFor(pid, 60));
+    EXPECT_EQ(2, __atomic_load_n(&shm->attachCount, __ATOMIC_ACQUIRE));  // us and the killed one
+    EXPECT_TRUE(regtest::SysVExists(env.lockFile()));
+    CleanSystemResources();
+    EXPECT_FALSE(regtest::SysVExists(env.lockFile()));
+
+    // A new start creates them again, stamp 0.
+    tv::detail::RegistryResetForTests();
+    InitRegistry(0, 1);
+    shm = tv::detail::SharedRecord();
+    ASSERT_NE(nullptr, shm);
+    EXPECT_EQ(0u, __atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE));
+    EXPECT_EQ(1, __atomic_load_n(&shm->attachCount, __ATOMIC_ACQUIRE));
+    EXPECT_EQ("1", Query("Stamp", "V"));
+}
+
+TEST(RegistryMultiProcess, StartWithoutCreateNeedsTheSemaphore) {
+    RegistryEnv env;
+    const std::string err = env.file("stderr");
+    pid_t pid = tvtest::SpawnChild("reg_no_create", {err});
+    EXPECT_EQ(1, regtest::WaitChildFor(pid, 60));
+    EXPECT_EQ("Registry semaphore doesn't exist. Exiting.\n", tvtest::ReadFile(err));
+}

@@ -1,0 +1,164 @@
+// Start-up: paths, the template copy, backups, the exact messages, the lazy
+// writer and the version dump.
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <tvcommonutil.h>
+
+#include "registry/registry_internal.h"
+#include "registry_support.h"
+
+namespace {
+
+using regtest::RegistryEnv;
+
+const char kTemplate[] =
+    "\n"
+    "HKEY_LOCAL_MACHINE=536870913\n"
+    "\n"
+    "HKEY_LOCAL_MACHINE\\FromTemplate=7\n"
+    "T=1;REG_SZ\n"
+    "\n";
+
+bool WaitForText(const std::string& path, const std::string& text) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (tvtest::ReadFile(path).find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+LONG SetAndClose(const char* key, const char* name, const char* value) {
+    HKEY h = 0;
+    LONG r = RegCreateKeyEx(0, key, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr);
+    if (r != 0) return r;
+    r = RegSetValueEx(h, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value), strlen(value) + 1);
+    RegCloseKey(h);
+    return r;
+}
+
+TEST(RegistryStartup, PathsFromTheEnvironment) {
+    RegistryEnv env(kTemplate);
+    std::string noSlash = env.install().substr(0, env.install().size() - 1);
+    setenv("TV_REGISTRY", noSlash.c_str(), 1);
+    EXPECT_EQ(noSlash + "/registry/tv.registry", std::string(GetRegistryPath().c_str()));
+    // Made from the template before the first read.
+    EXPECT_EQ(std::string(kTemplate), env.ReadRegistryFile());
+    HKEY h = 0;
+    EXPECT_EQ(0, RegOpenKeyEx(0, "FromTemplate", 0, 0, &h));
+    EXPECT_EQ(7, h);
+    EXPECT_TRUE(tvtest::FileExists(env.lockFile()));
+    EXPECT_TRUE(regtest::SysVExists(env.lockFile()));
+
+    EXPECT_FALSE(SetRegistryPath("/nonexistent/"));
+    EXPECT_STREQ("/nonexistent/registry/tv.registry", GetRegistryPath().c_str());
+    EXPECT_TRUE(SetRegistryPath(env.install().c_str()));
+    RegCloseKey(h);
+}
+
+TEST(RegistryStartup, NoTemplateAndNoRegistry) {
+    RegistryEnv env;
+    unlink(env.templateFile().c_str());
+    testing::internal::CaptureStderr();
+    InitRegistry(0, 1);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos,
+              err.find("\n\nInitRegistry: stat(" + env.templateFile() + ") failed, errno - "))
+        << err;
+    EXPECT_NE(std::string::npos, err.find("InitRegistry: Template copy failed!!\n")) << err;
+    EXPECT_FALSE(tvtest::FileExists(env.registryFile()));
+    HKEY h = 0;
+    EXPECT_EQ(13, RegOpenKeyEx(0, "Anything", 0, 0, &h));
+    // The first write makes the file.
+    ASSERT_EQ(0, SetAndClose("Made", "V", "x"));
+    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("HKEY_LOCAL_MACHINE\\Made="));
+}
+
+// An empty registry with the backup flag: the empty file is copied over the
+// backup, the message is logged, and the tree starts empty.
+TEST(RegistryStartup, EmptyRegistryAndBackup) {
+    const std::string empty;
+    RegistryEnv env(kTemplate, &empty);
+    tvtest::WriteFile(env.registryFile() + ".bak", "old backup");
+    testing::internal::CaptureStderr();
+    InitRegistry(1, 1);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ("\n\nInitRegistry: Registry is zero length.\nPlease restore " + env.registryFile() +
+                  " from backup file " + env.registryFile() + ".bak.\nExiting...\n",
+              err);
+    EXPECT_EQ("", tvtest::ReadFile(env.registryFile() + ".bak"));
+    HKEY h = 0;
+    EXPECT_EQ(13, RegOpenKeyEx(0, "FromTemplate", 0, 0, &h));
+
+    ASSERT_EQ(0, SetAndClose("After", "V", "x"));
+    EXPECT_TRUE(RegBackupRegistry());
+    EXPECT_EQ(env.ReadRegistryFile(), tvtest::ReadFile(env.registryFile() + ".bak"));
+}
+
+struct LazyArgs {
+    int interval;
+};
+
+void* LazyBody(void* arg) {
+    RegLazyWriteThread(&static_cast<LazyArgs*>(arg)->interval);
+    return nullptr;
+}
+
+TEST(RegistryStartup, LazyWriter) {
+    for (int interval : {20, 0}) {
+        RegistryEnv env(kTemplate);
+        ASSERT_EQ(0, SetAndClose("Before", "V", "x"));  // written at once
+        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("Before"));
+
+        LazyArgs args{interval};
+        pthread_t t;
+        ASSERT_EQ(0, pthread_create(&t, nullptr, LazyBody, &args));
+        // Once the writer runs, a close only marks the registry.
+        while (!tv::detail::LazyFlushOn()) std::this_thread::yield();
+        ASSERT_EQ(0, SetAndClose("Lazy", "V", "1"));
+        EXPECT_TRUE(WaitForText(env.registryFile(), "HKEY_LOCAL_MACHINE\\Lazy=")) << interval;
+
+        // Cancelling writes what is left, and closes write at once again.
+        HKEY h = 0;
+        ASSERT_EQ(0,
+                  RegCreateKeyEx(0, "Lazy", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr));
+        const char last[] = "last";
+        ASSERT_EQ(0, RegSetValueEx(h, "Last", 0, REG_SZ, reinterpret_cast<const BYTE*>(last), 5));
+        ASSERT_EQ(0, RegFlushKey(h));  // only marks
+        ASSERT_EQ(0, pthread_cancel(t));
+        ASSERT_EQ(0, pthread_join(t, nullptr));
+        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("last;"));
+        EXPECT_FALSE(tv::detail::LazyFlushOn());
+        ASSERT_EQ(0, RegCloseKey(h));
+        ASSERT_EQ(0, SetAndClose("AfterLazy", "V", "x"));
+        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("AfterLazy"));
+    }
+}
+
+TEST(RegistryStartup, DumpVersionAndCache) {
+    RegistryEnv env(kTemplate);
+    ASSERT_EQ(0, SetAndClose("Dump", "Name", "value"));
+    testing::internal::CaptureStdout();
+    RegDumpVersion();
+    DumpRegistryCache();
+    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string expected =
+        "Lock owner PID: 0\nRegistry version stamp: 1\n"
+        "Last PID to write Registry: " +
+        std::to_string(getpid()) + "\n";
+    EXPECT_EQ(expected, out.substr(0, expected.size()));
+    EXPECT_NE(std::string::npos,
+              out.find("Name=                 \tvalue;                \tREG_SZ\n"))
+        << out;
+    EXPECT_NE(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\FromTemplate=7\n")) << out;
+}
+
+}  // namespace
