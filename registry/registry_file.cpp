@@ -99,14 +99,27 @@ void AppendPadded(std::string& out, const std::string& text, bool left) {
     if (left && text.size() < width) out.append(width - text.size(), ' ');
 }
 
-// "%-22s\t%22s\t%s" of name + "=", data + ";" and the type word.
+// "%-22s\t%22s\t%s" of name + "=", data + ";" and the type word. A value
+// read from a hand-written line may be too long for that layout (the
+// padding and the tabs could push it past what the reader takes in one
+// line); it is then written without them, "name=data;TYPE", which is never
+// longer than the line it was read from.
 void AppendValueLine(std::string& out, const RegValue& v) {
     const char* word = RegTypeWord(v.GetType());
-    AppendPadded(out, v.GetName().str() + "=", true);
-    out += '\t';
-    AppendPadded(out, v.GetData().str() + ";", false);
-    out += '\t';
-    out += word != nullptr ? word : "";
+    const std::string name = v.GetName().str() + "=";
+    const std::string data = v.GetData().str() + ";";
+    const size_t padded = std::max<size_t>(22, name.size()) + 1 +
+                          std::max<size_t>(22, data.size()) + 1 + strlen(word);
+    if (padded > static_cast<size_t>(kRegLineMax)) {
+        out += name;
+        out += data;
+    } else {
+        AppendPadded(out, name, true);
+        out += '\t';
+        AppendPadded(out, data, false);
+        out += '\t';
+    }
+    out += word;
     out += '\n';
 }
 
@@ -254,11 +267,12 @@ void RegKey::Print(PrintSink& out, int recurse, int clearDirty) {
         out.text += '\n';
     }
     if (clearDirty) dirty_ = 0;
-    out.MaybeFlush();
-    if (recurse) {
-        for (auto& kv : subkeys_) kv.second->Print(out, recurse, clearDirty);
-    }
     Unlock();
+    out.MaybeFlush();
+    // The caller holds the exclusive cache lock: the children cannot change.
+    if (recurse) {
+        for (RegKey* c : Children()) c->Print(out, recurse, clearDirty);
+    }
 }
 
 bool RegKey::Print(int fd, int recurse, int clearDirty) {
@@ -278,10 +292,10 @@ void RegKey::Print(std::ostream& out, int recurse, int clearDirty) {
         out << '\n';
     }
     if (clearDirty) dirty_ = 0;
-    if (recurse) {
-        for (auto& kv : subkeys_) kv.second->Print(out, recurse, clearDirty);
-    }
     Unlock();
+    if (recurse) {
+        for (RegKey* c : Children()) c->Print(out, recurse, clearDirty);
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -303,6 +317,11 @@ bool ReadRegistryFd(int fd, int refresh) {
             char* eq = strchr(line, '=');
             if (eq == nullptr) continue;
             *eq = '\0';
+            // Only a key the writer can give back as a key line of its own
+            // is taken (the marker might lie after the "=", or the number
+            // written back might not fit): its values would otherwise end
+            // up under another key after the next write and read.
+            if (strstr(line, kKeyMarker) == nullptr || !KeyPathFits(line)) continue;
             long index = static_cast<long>(strtoul(eq + 1, nullptr, 0));
             // A number the tree cannot use as a handle is replaced.
             if (index <= 0 || index > KEY_INDEX_MASK) index = -1;

@@ -195,6 +195,8 @@ public:
     // After a successful write: nothing of this subtree is pending any more.
     void CommitWritten();
     void DropValues();
+    // The children as they are now (taken under this key's lock).
+    std::vector<RegKey*> Children();
     // Deletes every child (exclusive cache lock held, or single-threaded).
     void DropChildren();
 

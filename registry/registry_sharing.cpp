@@ -7,7 +7,8 @@
 //    lock file. A process holds it to read the file into its tree and for a
 //    whole write (merge, print, rename, stamp). Its operations carry
 //    SEM_UNDO, so a process killed while holding it releases it. It is
-//    recursive per thread (RegLockOwner / RegLockDepth).
+//    recursive per thread (RegLockOwner / RegLockDepth), and paired with a
+//    process-local mutex that the threads of one process take first.
 //  - The shared page (same key): the version stamp, incremented by every
 //    successful write under the semaphore; the last writer's and the lock
 //    owner's process ids; the attach count. Only the process that creates
@@ -100,6 +101,11 @@ int g_semId = -1;                       // RegSemId
 unsigned long g_myStamp = 0;            // MyVersionStamp (atomic access)
 pthread_t g_lockOwner = NULL_PTHREAD;   // RegLockOwner (atomic access)
 long g_lockDepth = 0;                   // RegLockDepth (owner only, atomic exchanges)
+// Threads of this process queue here before the semaphore: a cheap wait
+// within the process, and the in-process half of the same critical section
+// (the semaphore orders processes, this mutex threads). Taken and released
+// together with the semaphore, by its owner.
+pthread_mutex_t g_fileMutex = PTHREAD_MUTEX_INITIALIZER;
 
 // The identity of the registry file as last read or written here.
 struct FileId {
@@ -369,9 +375,10 @@ void RegLockRegistryFile() {
     using namespace tv::detail;
     const pthread_t self = pthread_self();
     if (__atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) == self) {
-        ++g_lockDepth;
+        __atomic_add_fetch(&g_lockDepth, 1, __ATOMIC_RELAXED);
         return;
     }
+    pthread_mutex_lock(&g_fileMutex);
     SemOp(-1);
     __atomic_store_n(&g_lockOwner, self, __ATOMIC_RELEASE);
     if (SharedRegistryRecord* shm = SharedRecord()) {
@@ -381,18 +388,21 @@ void RegLockRegistryFile() {
 }
 
 // A thread that does not own the semaphore also reaches the release, as
-// callers of old have relied on; the library itself always pairs them.
+// callers of old have relied on (it cannot release the owner's in-process
+// mutex, only the semaphore); the library itself always pairs them.
 void RegUnlockRegistryFile() {
     using namespace tv::detail;
-    if (__atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) == pthread_self()) {
-        if (--g_lockDepth > 0) return;
-    }
+    const bool owner = __atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) == pthread_self();
+    if (owner && __atomic_sub_fetch(&g_lockDepth, 1, __ATOMIC_RELAXED) > 0) return;
     if (SharedRegistryRecord* shm = SharedRecord()) {
         __atomic_store_n(&shm->lockOwner, 0, __ATOMIC_RELEASE);
     }
-    __atomic_exchange_n(&g_lockOwner, NULL_PTHREAD, __ATOMIC_ACQ_REL);
-    __atomic_exchange_n(&g_lockDepth, 0, __ATOMIC_ACQ_REL);
+    if (owner) {
+        __atomic_exchange_n(&g_lockOwner, NULL_PTHREAD, __ATOMIC_ACQ_REL);
+        __atomic_exchange_n(&g_lockDepth, 0, __ATOMIC_ACQ_REL);
+    }
     SemOp(1);
+    if (owner) pthread_mutex_unlock(&g_fileMutex);
 }
 
 bool RegLockCache(int op) {

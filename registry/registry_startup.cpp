@@ -93,6 +93,33 @@ void WaitInitialised() {
     pthread_mutex_unlock(&g_initMutex);
 }
 
+void UnlockMutex(void* m) {
+    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(m));
+}
+
+// The lazy writer's sleep: a timed wait that nobody signals. A condition
+// wait is a cancellation point that leaves its mutex held for the clean-up
+// handlers, which release it; cancellation therefore lands here cleanly.
+void CancellableSleep(int ms) {
+    pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t c = PTHREAD_COND_INITIALIZER;
+    timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += ms / 1000;
+    deadline.tv_nsec += (ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    pthread_mutex_lock(&m);
+    pthread_cleanup_push(UnlockMutex, &m);
+    while (pthread_cond_timedwait(&c, &m, &deadline) != ETIMEDOUT) {
+    }
+    pthread_cleanup_pop(1);
+    pthread_cond_destroy(&c);
+    pthread_mutex_destroy(&m);
+}
+
 void LazyWriterCleanup(void*) {
     // From here on closes write at once again.
     __atomic_store_n(&g_lazyFlush, 0, __ATOMIC_RELEASE);
@@ -294,9 +321,9 @@ void RegCleanup(void*) {
     WriteRegistry();
 }
 
-// Deferred cancellation: the thread holds no lock while cancellation is
-// enabled, and the sleep (or, with interval 0, the explicit test) is where
-// a cancel lands. The write itself runs with cancellation disabled.
+// Deferred cancellation: the thread holds no registry lock while
+// cancellation is enabled, and the sleep (or, with interval 0, an explicit
+// test) is where a cancel lands. The write runs with cancellation disabled.
 DWORD RegLazyWriteThread(LPVOID interval) {
     const int ms = interval != nullptr ? *static_cast<int*>(interval) : 60000;
     EnsureRegistry();
@@ -307,7 +334,7 @@ DWORD RegLazyWriteThread(LPVOID interval) {
     pthread_cleanup_push(LazyWriterCleanup, nullptr);
     for (;;) {
         if (ms > 0) {
-            SleepMs(ms);
+            CancellableSleep(ms);
         } else {
             pthread_testcancel();
         }

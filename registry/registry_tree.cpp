@@ -442,22 +442,34 @@ void RegKey::PruneUpward(RegKey* key) {
     }
 }
 
+std::vector<RegKey*> RegKey::Children() {
+    std::vector<RegKey*> kids;
+    Lock();
+    kids.reserve(subkeys_.size());
+    for (auto& kv : subkeys_) kids.push_back(kv.second);
+    Unlock();
+    return kids;
+}
+
+// The exclusive cache lock is held, so the set of children cannot change
+// under the walk; each key is locked only while its own fields are used,
+// never together with its descendants, however deep the tree.
 bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
     const unsigned long gen = Generation();
-    Lock();
     bool childAlive = false;
-    for (auto it = subkeys_.begin(); it != subkeys_.end();) {
-        RegKey* c = it->second;
-        ++it;
-        bool stays = c->Purge(flag, woken);
-        if (!stays) {
+    for (RegKey* c : Children()) {
+        if (!c->Purge(flag, woken)) {
+            Lock();
             UnlinkChild(c);
-            // The exclusive cache lock is held: nobody else holds c.
-            delete c;
+            Unlock();
+            delete c;  // nobody else can hold it: the exclusive lock is ours
             continue;
         }
+        c->Lock();
         if (!c->IsDeleted()) childAlive = true;
+        c->Unlock();
     }
+    Lock();
     bool pendingValue = false;
     for (auto& kv : values_) pendingValue = pendingValue || kv.second.IsPending();
     bool stays = true;
@@ -513,8 +525,8 @@ void RegKey::CommitWritten() {
     deletedSubkeys_.clear();
     deletedValues_.clear();
     for (auto& kv : values_) kv.second.SetPending(false);
-    for (auto& kv : subkeys_) kv.second->CommitWritten();
     Unlock();
+    for (RegKey* c : Children()) c->CommitWritten();
 }
 
 void RegKey::DropValues() {

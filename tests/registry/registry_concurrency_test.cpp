@@ -22,8 +22,8 @@ using regtest::RegistryEnv;
 std::string Query(HKEY h, const std::string& name) {
     char buf[64];
     DWORD size = sizeof buf;
-    LONG r = RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf),
-                             &size);
+    LONG r =
+        RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
     return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
 }
 
@@ -33,7 +33,7 @@ std::string Query(HKEY h, const std::string& name) {
 TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
     RegistryEnv env;
     InitRegistry(0, 1);
-    const int kWorkers = 4, kRounds = 60;
+    const int kWorkers = 4, kRounds = 300;
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
 
@@ -82,7 +82,8 @@ TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
                     char name[32];
                     for (DWORD j = 0; RegEnumKey(parent, j, name, sizeof name) == 0; ++j) {
                     }
-                    if (i % 7 == 6) RegDeleteKey(parent, ("K" + std::to_string((i + 1) % 5)).c_str());
+                    if (i % 7 == 6)
+                        RegDeleteKey(parent, ("K" + std::to_string((i + 1) % 5)).c_str());
                     RegCloseKey(parent);
                 }
                 // The last value of each worker is kept.
@@ -116,7 +117,8 @@ TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
 // Many threads making the first registry call at once: one starts it, the
 // others wait for it and then find what it read.
 TEST(RegistryConcurrency, FirstCallsRace) {
-    const std::string text = "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\Ready=5\nR=1;REG_SZ\n\n";
+    const std::string text =
+        "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\Ready=5\nR=1;REG_SZ\n\n";
     RegistryEnv env(regtest::kBaseRegistry, &text);
     std::atomic<int> ok{0};
     std::vector<std::thread> threads;

@@ -154,7 +154,11 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
         "\n"
         "HKEY_LOCAL_MACHINE\\Octal=010\n"
         "HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"
-        "V=1;REG_SZ\n";
+        "V=1;REG_SZ\n"
+        // The marker after the "=": a key line, but not one the writer could
+        // give back; it is ignored with its values.
+        "Odd=HKEY_LOCAL_MACHINE\n"
+        "W=1;REG_SZ\n";
     RegistryEnv env(regtest::kBaseRegistry, &text);
 
     HKEY hex = OpenRead("Hex");
@@ -184,6 +188,7 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
     HKEY key = OpenRead("Deep\\Er\\Key");
     EXPECT_EQ(77, key);
     EXPECT_EQ("1", QuerySz(key, "V"));
+    EXPECT_EQ("<13>", QuerySz(key, "W"));
     HKEY deep = OpenRead("Deep");
     HKEY er = OpenRead("Deep\\Er");
     EXPECT_NE(0, deep);
@@ -203,6 +208,7 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
     EXPECT_NE(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"));
     EXPECT_EQ(std::string::npos, out.find("Orphan"));
     EXPECT_EQ(std::string::npos, out.find("BadType"));
+    EXPECT_EQ(std::string::npos, out.find("Odd"));
     for (HKEY h : {hex, octal, key, deep, er, w}) EXPECT_EQ(0, RegCloseKey(h));
 }
 
@@ -233,6 +239,18 @@ TEST(RegistryFile, LongLinesAreSplitAt4095) {
     EXPECT_EQ("end", QuerySz(h, "Tail"));
     EXPECT_EQ(std::string(4095 - 6 - 8, 'y'), QuerySz(h, "Whole"));
     EXPECT_EQ("ok", QuerySz(h, "After"));
+    RegCloseKey(h);
+
+    // Padded, "Whole" would no longer fit one line: it is written compact
+    // and survives the round trip.
+    h = OpenWrite("Long");
+    ASSERT_EQ(0, RegFlushKey(h));
+    RegCloseKey(h);
+    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find(
+                                     "\nWhole=" + std::string(4095 - 6 - 8, 'y') + ";REG_SZ\n"));
+    tv::detail::RegistryResetForTests();
+    h = OpenRead("Long");
+    EXPECT_EQ(std::string(4095 - 6 - 8, 'y'), QuerySz(h, "Whole"));
     RegCloseKey(h);
 }
 
