@@ -87,14 +87,14 @@ struct CommandHelp {
 
 const CommandHelp kCommands[] = {
     {"query", "query [--json] KEY [NAME]",
-     "  Prints value NAME of KEY, or every value of KEY, one a line: name, type\n"
-     "  and data. REG_DWORD data shows as decimal and hexadecimal; a REG_MULTI_SZ\n"
+     "  Prints value NAME of KEY, or every value of KEY in name order, one a line:\n"
+     "  name, type and data. REG_DWORD data shows as decimal and hexadecimal; a REG_MULTI_SZ\n"
      "  shows its strings separated by blanks. With --json: {\"key\", \"name\",\n"
      "  \"type\", \"data\"} for one value or {\"key\", \"values\": [...]} for all;\n"
      "  REG_DWORD data is a number, REG_MULTI_SZ data an array of strings.\n"},
     {"list", "list [--json] KEY",
-     "  Lists the subkeys of KEY (in the order they were made) and its values\n"
-     "  (in the order they were first set). With --json: {\"key\", \"subkeys\":\n"
+     "  Lists the subkeys and the values of KEY, each in name order (letter case\n"
+     "  ignored, as in the file). With --json: {\"key\", \"subkeys\":\n"
      "  [names], \"values\": [{\"name\", \"type\", \"data\"}]}.\n"},
     {"set", "set KEY NAME (sz|dword|multi_sz) DATA...",
      "  Sets value NAME of KEY, creating the key (and the keys above it) when\n"
@@ -352,7 +352,12 @@ LONG ReadValue(HKEY h, const std::string& name, Value& v) {
     return ERROR_SUCCESS;
 }
 
-// Every value of an open key in the order they were first set.
+bool NameLess(const std::string& x, const std::string& y) {
+    return strcasecmp(x.c_str(), y.c_str()) < 0;
+}
+
+// Every value of an open key, in name order (letter case ignored), the
+// order of the file.
 LONG ReadValues(HKEY h, std::vector<Value>& out) {
     std::vector<char> name(256);
     std::vector<BYTE> data(1024);
@@ -370,7 +375,11 @@ LONG ReadValues(HKEY h, std::vector<Value>& out) {
                 data.resize(std::max<size_t>(data.size(), cbData + 1));
             }
         }
-        if (r == ERROR_NO_MORE_ITEMS) return ERROR_SUCCESS;
+        if (r == ERROR_NO_MORE_ITEMS) {
+            std::sort(out.begin(), out.end(),
+                      [](const Value& x, const Value& y) { return NameLess(x.name, y.name); });
+            return ERROR_SUCCESS;
+        }
         if (r != ERROR_SUCCESS) return r;
         Value v;
         v.name.assign(name.data(), strnlen(name.data(), name.size()));
@@ -379,12 +388,15 @@ LONG ReadValues(HKEY h, std::vector<Value>& out) {
     }
 }
 
-// The subkey names of an open key in the order they were made.
+// The subkey names of an open key, in name order (letter case ignored).
 LONG ReadSubkeys(HKEY h, std::vector<std::string>& out) {
     char name[kLineMax + 2];
     for (DWORD i = 0;; ++i) {
         LONG r = RegEnumKey(h, i, name, sizeof name);
-        if (r == ERROR_NO_MORE_ITEMS) return ERROR_SUCCESS;
+        if (r == ERROR_NO_MORE_ITEMS) {
+            std::sort(out.begin(), out.end(), NameLess);
+            return ERROR_SUCCESS;
+        }
         if (r != ERROR_SUCCESS) return r;
         out.push_back(name);
     }
@@ -561,6 +573,8 @@ int StartRegistry(const Install& in, bool mayCreate) {
 // ---------------------------------------------------------------------------
 
 struct Args {
+    Install install;
+    bool mayCreate = false;  // the command may make an empty registry
     std::string command;
     std::vector<std::string> positional;
     bool json = false;
@@ -573,9 +587,17 @@ struct Args {
 // Commands
 // ---------------------------------------------------------------------------
 
-int OpenForReading(const std::string& keyText, OpenKey& key, KeyArg& arg) {
+// Every command checks its arguments first and then starts the registry, so
+// that a usage error never touches the install directory. -1 to go on.
+int Ready(const Args& a) {
+    return StartRegistry(a.install, a.mayCreate);
+}
+
+int OpenForReading(const Args& a, const std::string& keyText, OpenKey& key, KeyArg& arg) {
     std::string error;
     if (!ParseKey(keyText, arg, error)) return Usage("%s", error.c_str());
+    int r = Ready(a);
+    if (r >= 0) return r;
     if (key.Open(arg, kReadAccess) != ERROR_SUCCESS) {
         return Fail(kExitNotFound, "key not found: %s", arg.Display().c_str());
     }
@@ -588,7 +610,7 @@ int CmdQuery(const Args& a) {
     }
     OpenKey key;
     KeyArg arg;
-    int r = OpenForReading(a.positional[0], key, arg);
+    int r = OpenForReading(a, a.positional[0], key, arg);
     if (r >= 0) return r;
     const std::string path = key.Path();
     if (a.positional.size() == 2) {
@@ -596,6 +618,12 @@ int CmdQuery(const Args& a) {
         if (ReadValue(key.get(), a.positional[1], v) != ERROR_SUCCESS) {
             return Fail(kExitNotFound, "value not found: '%s' in %s", a.positional[1].c_str(),
                         path.c_str());
+        }
+        // Shown with the spelling the registry keeps.
+        std::vector<Value> all;
+        ReadValues(key.get(), all);
+        for (const Value& each : all) {
+            if (strcasecmp(each.name.c_str(), v.name.c_str()) == 0) v.name = each.name;
         }
         if (a.json) {
             printf("{\"key\": %s, \"name\": %s, \"type\": %s, \"data\": %s}\n",
@@ -623,7 +651,7 @@ int CmdList(const Args& a) {
     if (a.positional.size() != 1) return Usage("list takes exactly one KEY");
     OpenKey key;
     KeyArg arg;
-    int r = OpenForReading(a.positional[0], key, arg);
+    int r = OpenForReading(a, a.positional[0], key, arg);
     if (r >= 0) return r;
     const std::string path = key.Path();
     std::vector<std::string> subkeys;
@@ -742,6 +770,8 @@ int CmdSet(const Args& a) {
         return Usage("'%s' is not a number from 0 to %lu", data[0].c_str(), ULONG_MAX);
     }
     if (!CheckValueText(name, type, data, error)) return Usage("%s", error.c_str());
+    int ready = Ready(a);
+    if (ready >= 0) return ready;
 
     OpenKey key;
     if (key.Create(arg) != ERROR_SUCCESS) {
@@ -785,6 +815,11 @@ int CmdDelete(const Args& a) {
     KeyArg arg;
     std::string error;
     if (!ParseKey(a.positional[0], arg, error)) return Usage("%s", error.c_str());
+    if (a.positional.size() == 1 && arg.sub.empty()) {
+        return Usage("HKEY_LOCAL_MACHINE itself cannot be deleted");
+    }
+    int ready = Ready(a);
+    if (ready >= 0) return ready;
     if (a.positional.size() == 2) {
         OpenKey key;
         if (key.Open(arg, kWriteAccess) != ERROR_SUCCESS) {
@@ -802,7 +837,6 @@ int CmdDelete(const Args& a) {
         }
         return kExitOk;  // the close writes the file
     }
-    if (arg.sub.empty()) return Usage("HKEY_LOCAL_MACHINE itself cannot be deleted");
     // Deleted as a child of its parent (the parent of a top-level key is
     // the HKEY_LOCAL_MACHINE key itself), through a write handle.
     KeyArg parent;
@@ -830,27 +864,22 @@ int WriteAll(const std::string& text) {
 
 int CmdExport(const Args& a) {
     if (a.positional.size() > 1) return Usage("export takes at most one KEY");
-    CKWString text;
-    if (a.positional.empty()) {
-        if (RegExportKey(HKEY_LOCAL_MACHINE, &text) != ERROR_SUCCESS) {
-            return Fail(kExitNotFound, "cannot export the registry");
-        }
-        return WriteAll(text.c_str());
-    }
-    KeyArg arg;
+    KeyArg arg;  // no KEY: the root, the whole registry
     std::string error;
-    if (!ParseKey(a.positional[0], arg, error)) return Usage("%s", error.c_str());
-    if (arg.sub.empty()) {
-        if (RegExportKey(HKEY_LOCAL_MACHINE, &text) != ERROR_SUCCESS) {
-            return Fail(kExitNotFound, "cannot export the registry");
-        }
-        return WriteAll(text.c_str());
+    if (!a.positional.empty() && !ParseKey(a.positional[0], arg, error)) {
+        return Usage("%s", error.c_str());
     }
+    int ready = Ready(a);
+    if (ready >= 0) return ready;
+    CKWString text;
     OpenKey key;
-    if (key.Open(arg, kReadAccess) != ERROR_SUCCESS) {
+    if (!arg.sub.empty() && key.Open(arg, kReadAccess) != ERROR_SUCCESS) {
         return Fail(kExitNotFound, "key not found: %s", arg.Display().c_str());
     }
-    if (RegExportKey(key.get(), &text) != ERROR_SUCCESS) {
+    // The HKEY_LOCAL_MACHINE key itself is exported as the whole registry:
+    // the file's first line (the unnamed root's) belongs to it.
+    const HKEY h = arg.sub.empty() ? HKEY_LOCAL_MACHINE : key.get();
+    if (RegExportKey(h, &text) != ERROR_SUCCESS) {
         return Fail(kExitNotFound, "cannot export %s", arg.Display().c_str());
     }
     return WriteAll(text.c_str());
@@ -983,6 +1012,9 @@ int CmdImport(const Args& a) {
         keys.back().values.push_back(v);
     }
 
+    int ready = Ready(a);
+    if (ready >= 0) return ready;
+
     // Closing a changed key would write the file; with the lazy writer
     // running it only marks it, and cancelling the writer writes once.
     static int interval = 3600 * 1000;
@@ -1114,6 +1146,8 @@ int CmdWatch(const Args& a) {
     KeyArg arg;
     std::string error;
     if (!ParseKey(a.positional[0], arg, error)) return Usage("%s", error.c_str());
+    int ready = Ready(a);
+    if (ready >= 0) return ready;
 
     // The signals that end the watch are taken synchronously, as the wait
     // between two looks: no handler, and no signal lost between a look and
@@ -1152,6 +1186,8 @@ int CmdWatch(const Args& a) {
 
 int CmdStatus(const Args& a) {
     if (!a.positional.empty()) return Usage("status takes no arguments");
+    int ready = Ready(a);
+    if (ready >= 0) return ready;
     RegStatusInfo s;
     if (RegQueryStatus(&s) != ERROR_SUCCESS) {
         return Fail(kExitNotFound, "the registry's shared state is not available");
@@ -1209,7 +1245,9 @@ int main(int argc, char** argv) {
     bool optionsDone = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (!optionsDone && arg.size() > 1 && arg[0] == '-') {
+        // Options are long ones (and -h); other words starting with '-' are
+        // arguments, so that "-1" reaches the dword check.
+        if (!optionsDone && (arg == "-h" || arg.compare(0, 2, "--") == 0)) {
             if (arg == "--") {
                 optionsDone = true;
             } else if (arg == "--help" || arg == "-h") {
@@ -1279,7 +1317,7 @@ int main(int argc, char** argv) {
     if (a.json && !cmd->json) return Usage("--json is not taken by %s", cmd->name);
     if (a.intervalGiven && a.command != "watch") return Usage("--interval is taken by watch only");
 
-    Install in;
+    Install& in = a.install;
     if (rootGiven) {
         setenv("TV_REGISTRY", root.c_str(), 1);  // read by the library at start-up
         in.dir = root;
@@ -1288,7 +1326,6 @@ int main(int argc, char** argv) {
         in.dir = env != nullptr ? env : kDefaultInstall;
     }
     if (in.dir.empty() || in.dir[in.dir.size() - 1] != '/') in.dir += '/';
-    const int started = StartRegistry(in, cmd->mayCreate);
-    if (started >= 0) return started;
+    a.mayCreate = cmd->mayCreate;
     return cmd->run(a);
 }
