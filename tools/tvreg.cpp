@@ -276,6 +276,7 @@ public:
         open_ = false;
     }
     HKEY get() const { return h_; }
+    bool IsOpen() const { return open_; }
     // The key's path as the registry spells it.
     std::string Path() const { return RegHKEYtoString(h_).c_str(); }
 
@@ -598,7 +599,9 @@ int OpenForReading(const Args& a, const std::string& keyText, OpenKey& key, KeyA
     if (!ParseKey(keyText, arg, error)) return Usage("%s", error.c_str());
     int r = Ready(a);
     if (r >= 0) return r;
-    if (key.Open(arg, kReadAccess) != ERROR_SUCCESS) {
+    // An empty registry has no HKEY_LOCAL_MACHINE key yet: it reads as an
+    // empty key (the caller finds `key` not open).
+    if (key.Open(arg, kReadAccess) != ERROR_SUCCESS && !arg.sub.empty()) {
         return Fail(kExitNotFound, "key not found: %s", arg.Display().c_str());
     }
     return -1;
@@ -612,10 +615,10 @@ int CmdQuery(const Args& a) {
     KeyArg arg;
     int r = OpenForReading(a, a.positional[0], key, arg);
     if (r >= 0) return r;
-    const std::string path = key.Path();
+    const std::string path = key.IsOpen() ? key.Path() : std::string(kRoot);
     if (a.positional.size() == 2) {
         Value v;
-        if (ReadValue(key.get(), a.positional[1], v) != ERROR_SUCCESS) {
+        if (!key.IsOpen() || ReadValue(key.get(), a.positional[1], v) != ERROR_SUCCESS) {
             return Fail(kExitNotFound, "value not found: '%s' in %s", a.positional[1].c_str(),
                         path.c_str());
         }
@@ -635,7 +638,7 @@ int CmdQuery(const Args& a) {
         return kExitOk;
     }
     std::vector<Value> values;
-    if (ReadValues(key.get(), values) != ERROR_SUCCESS) {
+    if (key.IsOpen() && ReadValues(key.get(), values) != ERROR_SUCCESS) {
         return Fail(kExitNotFound, "cannot read the values of %s", path.c_str());
     }
     if (a.json) {
@@ -653,11 +656,11 @@ int CmdList(const Args& a) {
     KeyArg arg;
     int r = OpenForReading(a, a.positional[0], key, arg);
     if (r >= 0) return r;
-    const std::string path = key.Path();
+    const std::string path = key.IsOpen() ? key.Path() : std::string(kRoot);
     std::vector<std::string> subkeys;
     std::vector<Value> values;
-    if (ReadSubkeys(key.get(), subkeys) != ERROR_SUCCESS ||
-        ReadValues(key.get(), values) != ERROR_SUCCESS) {
+    if (key.IsOpen() && (ReadSubkeys(key.get(), subkeys) != ERROR_SUCCESS ||
+                         ReadValues(key.get(), values) != ERROR_SUCCESS)) {
         return Fail(kExitNotFound, "cannot enumerate %s", path.c_str());
     }
     if (a.json) {

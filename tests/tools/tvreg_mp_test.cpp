@@ -419,6 +419,10 @@ TEST_F(Tvreg, SetQueryListAndDelete) {
     EXPECT_EQ(Run({"delete", "HKLM\\Software"}).status, 0);
     EXPECT_EQ(Run({"query", "HKLM\\Software\\App\\Sub"}).status, 1);
     EXPECT_EQ(tvtest::ReadFile(RegistryFile()), "\n");
+    // The empty registry's root lists as an empty key.
+    Result empty = Run({"list", "HKLM"});
+    EXPECT_EQ(empty.status, 0) << empty.err;
+    EXPECT_EQ(empty.out, "HKEY_LOCAL_MACHINE\nsubkeys (0):\nvalues (0):\n");
 }
 
 TEST_F(Tvreg, ExportIsTheFileAndImportRoundTrips) {
