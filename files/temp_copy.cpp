@@ -24,11 +24,6 @@
 #include "tvcommonutil/files.h"
 #include "tvcommonutil/registry.h"
 
-// Set by the process code when the library runs inside the product's
-// server; copies then keep the server's own ownership. Referenced weakly so
-// that the flag's owner defines it; an unset flag reads as false.
-extern bool bRunningInServer __attribute__((weak));
-
 namespace {
 
 const char kNameChars[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
@@ -118,8 +113,8 @@ BOOL CopyFile(const char* from, const char* to, unsigned char failIfExists) {
         }
     }
     int err = errno;
-    const bool inServer = &bRunningInServer != nullptr && bRunningInServer;
-    if (ok && !inServer) {
+    // Inside the product's server, copies keep the server's own ownership.
+    if (ok && !bRunningInServer) {
         int fd = dest.GetFileDescriptor();
         // Ownership may only be given away by a privileged process; the
         // copy is good either way.

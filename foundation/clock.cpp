@@ -6,6 +6,7 @@
 
 #include "tvcommonutil/foundation.h"
 #include "tvcommonutil/handles.h"
+#include "handles/wait_internal.h"
 
 const CTimeValue CTimeValue::maxTime(LONG_MAX, 999999);
 
@@ -84,15 +85,24 @@ void FixTimeout(timespec& deadline, long ms) {
         secPart = ms / 1000;
         msPart = ms % 1000;
     }
+    tv::detail::DeadlineAfter(secPart, msPart, deadline);
+}
+
+namespace tv {
+namespace detail {
+
+void DeadlineAfter(long secs, long msecs, timespec& deadline) {
     clock_gettime(CLOCK_REALTIME, &deadline);
-    if (secPart == 0 && msPart == 0) return;
-    if (msPart != 0) {
-        long sum = (deadline.tv_nsec + 999999) / 1000000 + msPart;
+    if (msecs != 0) {
+        long sum = (deadline.tv_nsec + 999999) / 1000000 + msecs;
         if (sum > 999) {
             deadline.tv_sec += sum / 1000;
             sum %= 1000;
         }
         deadline.tv_nsec = sum * 1000000;
     }
-    if (secPart != 0) deadline.tv_sec += secPart;
+    deadline.tv_sec += secs;
 }
+
+}  // namespace detail
+}  // namespace tv

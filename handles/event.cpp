@@ -50,19 +50,6 @@ void SplitTimeout(unsigned long ms, long& secs, long& msecs) {
     }
 }
 
-void DeadlineAfter(long secs, long msecs, timespec& deadline) {
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    if (msecs != 0) {
-        long sum = (deadline.tv_nsec + 999999) / 1000000 + msecs;
-        if (sum > 999) {
-            deadline.tv_sec += sum / 1000;
-            sum %= 1000;
-        }
-        deadline.tv_nsec = sum * 1000000;
-    }
-    deadline.tv_sec += secs;
-}
-
 }  // namespace detail
 }  // namespace tv
 
@@ -138,17 +125,9 @@ unsigned long Event::WaitForHandle(unsigned long ms, int alertable) {
 
     // Only a finite alertable wait can be ended by an APC; record it so the
     // queueing side can wake us (see the top of this file).
-    TvPlatformThread* self = nullptr;
-    if (alertable && ms != 0 && ms != INFINITE) {
-        self = static_cast<TvPlatformThread*>(GetCurrentThread());
-        self->EnterAlertableWait(this, [](Handle* h) { static_cast<Event*>(h)->WakeForApc(); });
-    }
-    struct AlertableScope {
-        TvPlatformThread* t;
-        ~AlertableScope() {
-            if (t) t->LeaveAlertableWait();
-        }
-    } scope{self};
+    tv::detail::AlertableWaitScope apcScope(
+        alertable, ms, this, [](Handle* h) { static_cast<Event*>(h)->WakeForApc(); });
+    TvPlatformThread* const self = apcScope.thread();
 
     pthread_mutex_lock(&mutex_);
     if (ms == 0 && !signalled_) {

@@ -108,17 +108,9 @@ unsigned long Semaphore::WaitForHandle(unsigned long ms, int alertable) {
     long secs, msecs;
     tv::detail::SplitTimeout(ms, secs, msecs);
 
-    TvPlatformThread* self = nullptr;
-    if (alertable && ms != 0 && ms != INFINITE) {
-        self = static_cast<TvPlatformThread*>(GetCurrentThread());
-        self->EnterAlertableWait(this, [](Handle* h) { static_cast<Semaphore*>(h)->WakeForApc(); });
-    }
-    struct AlertableScope {
-        TvPlatformThread* t;
-        ~AlertableScope() {
-            if (t) t->LeaveAlertableWait();
-        }
-    } scope{self};
+    tv::detail::AlertableWaitScope apcScope(
+        alertable, ms, this, [](Handle* h) { static_cast<Semaphore*>(h)->WakeForApc(); });
+    TvPlatformThread* const self = apcScope.thread();
 
     Locker hold(&mutex_);
     if (count_ > 0) {

@@ -5,6 +5,8 @@
 #include <time.h>
 
 class Event;
+class Handle;
+class TvPlatformThread;
 
 namespace tv {
 namespace detail {
@@ -15,6 +17,24 @@ void SplitTimeout(unsigned long ms, long& secs, long& msecs);
 // CLOCK_REALTIME now plus the split time-out, with the nanoseconds rounded
 // up to whole milliseconds when a millisecond part is added.
 void DeadlineAfter(long secs, long msecs, timespec& deadline);
+
+// Records a finite alertable wait on `object` with the calling thread, so
+// that QueueAPC can end it through `wake` (which must take the object's lock
+// and wake its sleepers); the record is removed when the scope ends. For a
+// wait that cannot be ended by an APC (not alertable, 0 or INFINITE) it does
+// nothing and thread() is null. The waiter checks thread()->HasPendingAPC()
+// under the object's lock before every sleep.
+class AlertableWaitScope {
+public:
+    AlertableWaitScope(int alertable, unsigned long ms, Handle* object, void (*wake)(Handle*));
+    ~AlertableWaitScope();
+    AlertableWaitScope(const AlertableWaitScope&) = delete;
+    AlertableWaitScope& operator=(const AlertableWaitScope&) = delete;
+    TvPlatformThread* thread() const { return thread_; }
+
+private:
+    TvPlatformThread* thread_;
+};
 
 // Installed by the registry: detaches an event whose data still names a key
 // when the event is destroyed. Null until the registry is linked in.

@@ -409,7 +409,7 @@ BOOL WriteRegistry() {
 
     tv::detail::ExclusiveCache cache;
     tv::detail::DrainGraveyard();
-    RegUpdateCache();
+    tv::detail::UpdateCache(true);
 
     const int fd = temp.GetFileDescriptor();
     tv::detail::PrintSink sink(fd);

@@ -34,6 +34,13 @@ constexpr unsigned long kRegWriteAccess = 0x60000;
 
 class RegKey;
 
+// Write epochs. Every successful write of the file starts a new epoch; a
+// change of this process is pending (not yet in the file) exactly while it
+// carries the current epoch. So a write commits every pending mark at once,
+// without a walk over the tree.
+unsigned long CurrentWriteEpoch();
+void NewWriteEpoch();
+
 // Output of the tree writer: text collected in memory and, when a
 // descriptor is given, written out in large blocks. A failed write is
 // remembered and stops all further output.
@@ -51,14 +58,14 @@ struct PrintSink {
 
 // One named value. Data is always text (see the file format).
 //
-// `pending` marks a value set by this process and not yet in the file; a
-// refresh from the file never overwrites or drops a pending value. Guarded
-// by the owning key's lock.
+// A pending value was set by this process and is not yet in the file (its
+// epoch is the current write epoch); a refresh from the file never
+// overwrites or drops it. Guarded by the owning key's lock.
 class RegValue {
 public:
-    RegValue() : sequence_(0), type_(0), pending_(false) {}
+    RegValue() : sequence_(0), type_(0), pendingEpoch_(0) {}
     RegValue(unsigned long type, const CKWString& name, const CKWString& data)
-        : sequence_(0), type_(type), name_(name), data_(data), pending_(false) {}
+        : sequence_(0), type_(type), name_(name), data_(data), pendingEpoch_(0) {}
     RegValue(const RegValue&) = default;
     RegValue& operator=(const RegValue&) = default;
 
@@ -80,15 +87,15 @@ public:
     unsigned long GetType() const { return type_; }
     const CKWString& GetName() const { return name_; }
     const CKWString& GetData() const { return data_; }
-    bool IsPending() const { return pending_; }
-    void SetPending(bool p) { pending_ = p; }
+    bool IsPending() const { return pendingEpoch_ != 0 && pendingEpoch_ == CurrentWriteEpoch(); }
+    void SetPending(bool p) { pendingEpoch_ = p ? CurrentWriteEpoch() : 0; }
 
 private:
     unsigned long sequence_;
     unsigned long type_;
     CKWString name_;
     CKWString data_;
-    bool pending_;
+    unsigned long pendingEpoch_;
 };
 
 // An entry of the open-handle table.
@@ -159,7 +166,8 @@ public:
     const RegValue* ValueAt(long index) const;
     size_t ValueCount() const { return valueNames_.size(); }
     bool IsValueDeletedHere(const CKWString& name) const {
-        return deletedValues_.count(CKWStringPc(name)) != 0;
+        auto it = deletedValues_.find(CKWStringPc(name));
+        return it != deletedValues_.end() && it->second == CurrentWriteEpoch();
     }
 
     // --- children (caller holds the key's lock) -------------------------
@@ -177,7 +185,8 @@ public:
     // 0 on success, -1 when there is no such child.
     long DeleteSubKey(const CKWString& name, bool byMe);
     bool IsSubKeyDeletedHere(const CKWString& name) const {
-        return deletedSubkeys_.count(CKWStringPc(name)) != 0;
+        auto it = deletedSubkeys_.find(CKWStringPc(name));
+        return it != deletedSubkeys_.end() && it->second == CurrentWriteEpoch();
     }
     // Sets or clears the deleted marks.
     void MarkDeleted(bool deleted, bool byMe);
@@ -192,8 +201,8 @@ public:
     // this process changed (exclusive cache lock held). Keys that must be
     // woken are appended to woken. Returns true when this key is to stay.
     bool Purge(int flag, std::vector<RegKey*>& woken);
-    // After a successful write: nothing of this subtree is pending any more.
-    void CommitWritten();
+    // After a successful write: nothing is pending any more (a new epoch).
+    static void CommitWritten() { NewWriteEpoch(); }
     void DropValues();
     // The children as they are now (taken under this key's lock).
     std::vector<RegKey*> Children();
@@ -251,8 +260,8 @@ public:
     int GetCreated() const { return created_; }
     bool IsDeleted() const { return deleted_ || deletedByMe_; }
     bool IsDeletedByMe() const { return deletedByMe_ != 0; }
-    bool IsPending() const { return pending_; }
-    void SetPending(bool p) { pending_ = p; }
+    bool IsPending() const { return pendingEpoch_ != 0 && pendingEpoch_ == CurrentWriteEpoch(); }
+    void SetPending(bool p) { pendingEpoch_ = p ? CurrentWriteEpoch() : 0; }
     RegKey* GetParent() const { return parent_; }
     void Flush() { deletedSubkeys_.clear(); }
     // Change notification hooks: deliberately empty.
@@ -283,14 +292,16 @@ private:
     int created_;
     int deleted_;
     int deletedByMe_;
-    bool pending_;  // made or revived here and not yet in the file
+    unsigned long pendingEpoch_;  // made or revived here, in this epoch
     RegKey* parent_;
     std::map<CKWStringPc, RegKey*> subkeys_;
     std::vector<CKWString> subkeyNames_;  // creation order; enumeration follows it
-    std::set<CKWStringPc> deletedSubkeys_;
+    // Names deleted here, with the epoch of the deletion; a record of an
+    // earlier epoch is already in the file and counts for nothing.
+    std::map<CKWStringPc, unsigned long> deletedSubkeys_;
     std::map<CKWStringPc, RegValue> values_;
     std::vector<CKWString> valueNames_;  // order of first setting
-    std::set<CKWStringPc> deletedValues_;
+    std::map<CKWStringPc, unsigned long> deletedValues_;
     long subCursorIndex_;  // live index of the child at subCursorPos_; -1: none
     size_t subCursorPos_;
     CriticalSection lock_;
@@ -354,6 +365,9 @@ void TakeSharedStamp();
 // the stamp and take it. Caller holds the registry semaphore.
 void PublishWrite();
 const CKWString& LockFilePath();
+// RegUpdateCache; alwaysCheckFile looks for an outside edit even when the
+// last look was moments ago (writers must never overwrite one).
+bool UpdateCache(bool alwaysCheckFile);
 // Remembers the identity of the registry file just read (by descriptor), so
 // that an edit made from outside is noticed even though the stamp is equal.
 void RecordFileId(int fd);

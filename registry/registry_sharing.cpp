@@ -41,9 +41,10 @@
 //  - edits made to the file from outside (an administrator's editor) do not
 //    move the stamp. The identity of the file last read or written (device,
 //    inode, size, modification and change times) is therefore compared too,
-//    and a difference re-reads the file, so the edit is merged, not
-//    overwritten by the next write. A refresh never takes an empty file
-//    (the writer never makes one; it is an edit in progress).
+//    and a difference re-reads the file: always before a write, so the edit
+//    is merged, not overwritten, and at most every 50 ms on opens. A refresh
+//    never takes an empty file (the writer never makes one; it is an edit in
+//    progress).
 //
 // Refresh and merge rule (ReadRegistry(1) and RegKey::Purge). This
 // process's changes that are not yet in the file are marked: keys made or
@@ -193,7 +194,41 @@ bool FileChangedOutside() {
     return !(now == g_fileId);
 }
 
+// Opens look for outside edits at most this often: a stat per open would
+// double its cost, and an edit made by hand need not be seen within the
+// millisecond. Writes always look (see WriteRegistry).
+constexpr long kFileCheckIntervalMs = 50;
+long g_lastFileCheck = 0;  // CLOCK_MONOTONIC_COARSE milliseconds, atomic access
+
+bool FileCheckDue() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    const long ms = now.tv_sec * 1000L + now.tv_nsec / 1000000L;
+    long last = __atomic_load_n(&g_lastFileCheck, __ATOMIC_RELAXED);
+    if (last != 0 && ms - last < kFileCheckIntervalMs) return false;
+    __atomic_store_n(&g_lastFileCheck, ms, __ATOMIC_RELAXED);
+    return true;
+}
+
 }  // namespace
+
+bool UpdateCache(bool alwaysCheckFile) {
+    SharedRegistryRecord* shm = SharedRecord();
+    if (shm == nullptr) return false;
+    if (__atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE) == GetMyVersionStamp() &&
+        !((alwaysCheckFile || FileCheckDue()) && FileChangedOutside())) {
+        return false;
+    }
+    RegLockCache(RegLockExclusive);
+    DrainGraveyard();
+    bool reread = false;
+    if (__atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE) != GetMyVersionStamp() ||
+        FileChangedOutside()) {
+        reread = ReadRegistry(1) != 0;
+    }
+    RegUnlockCache(RegLockExclusive);
+    return reread;
+}
 
 SharedRegistryRecord* SharedRecord() {
     return __atomic_load_n(&g_shm, __ATOMIC_ACQUIRE);
@@ -248,6 +283,7 @@ void ResetSharingForTests() {
     __atomic_store_n(&g_lockOwner, NULL_PTHREAD, __ATOMIC_RELEASE);
     __atomic_store_n(&g_lockDepth, 0, __ATOMIC_RELEASE);
     LockFileSlot() = "";
+    __atomic_store_n(&g_lastFileCheck, 0, __ATOMIC_RELAXED);
     CriticalSectionHolder hold(g_fileIdLock);
     g_fileId = FileId();
 }
@@ -448,22 +484,7 @@ void RegSetCacheLockName(const char* name) {
 }
 
 bool RegUpdateCache() {
-    using namespace tv::detail;
-    SharedRegistryRecord* shm = SharedRecord();
-    if (shm == nullptr) return false;
-    if (__atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE) == GetMyVersionStamp() &&
-        !FileChangedOutside()) {
-        return false;
-    }
-    RegLockCache(RegLockExclusive);
-    DrainGraveyard();
-    bool reread = false;
-    if (__atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE) != GetMyVersionStamp() ||
-        FileChangedOutside()) {
-        reread = ReadRegistry(1) != 0;
-    }
-    RegUnlockCache(RegLockExclusive);
-    return reread;
+    return tv::detail::UpdateCache(false);
 }
 
 void RegBumpVersion() {

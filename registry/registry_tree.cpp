@@ -34,6 +34,7 @@ namespace detail {
 namespace {
 
 unsigned long g_generation = 1;
+unsigned long g_writeEpoch = 1;
 
 // Keys unlinked under the shared cache lock, waiting for the exclusive one.
 CriticalSection g_graveyard_lock;  // leaf
@@ -69,6 +70,14 @@ std::vector<CKWString> SplitPath(const char* path) {
 // ---------------------------------------------------------------------------
 // Process-wide tables
 // ---------------------------------------------------------------------------
+
+unsigned long CurrentWriteEpoch() {
+    return __atomic_load_n(&g_writeEpoch, __ATOMIC_ACQUIRE);
+}
+
+void NewWriteEpoch() {
+    __atomic_add_fetch(&g_writeEpoch, 1, __ATOMIC_ACQ_REL);
+}
 
 RegKey* RegistryKeys() {
     static RegKey* root = new RegKey();
@@ -219,7 +228,7 @@ RegKey::RegKey(long index, const CKWString& path, RegKey* parent, int intermedia
       created_(0),
       deleted_(0),
       deletedByMe_(0),
-      pending_(false),
+      pendingEpoch_(0),
       parent_(parent),
       subCursorIndex_(-1),
       subCursorPos_(0) {}
@@ -250,21 +259,21 @@ void RegKey::RemoveValueName(const CKWString& name) {
 
 bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
     const CKWStringPc key(v.GetName());
-    auto it = values_.find(key);
-    if (it != values_.end() && it->second == v) {
+    auto it = values_.lower_bound(key);
+    const bool found = it != values_.end() && !(key < it->first);
+    if (found && it->second == v) {
         it->second.UpdateSequence(Generation());
         changed = 0;
         return true;
     }
-    if (it != values_.end()) {
-        values_.erase(it);
+    if (found) {
+        it->second = v;  // keeps its place in the name list
     } else {
+        it = values_.emplace_hint(it, key, v);
         AppendValueName(v.GetName());
     }
-    RegValue nv(v);
-    nv.UpdateSequence(Generation());
-    nv.SetPending(local);
-    values_.emplace(key, nv);
+    it->second.UpdateSequence(Generation());
+    it->second.SetPending(local);
     if (local) deletedValues_.erase(key);
     changed = 1;
     return true;
@@ -276,7 +285,7 @@ bool RegKey::DeleteValue(const CKWString& name, bool local) {
     if (it == values_.end()) return false;
     values_.erase(it);
     RemoveValueName(name);
-    if (local) deletedValues_.insert(key);
+    if (local) deletedValues_[key] = CurrentWriteEpoch();
     return true;
 }
 
@@ -378,7 +387,7 @@ void RegKey::Revive(bool local) {
     if (!local) return;
     // Whatever the file holds about this key, the live copy is now this
     // process's version of it.
-    pending_ = true;
+    SetPending(true);
     for (auto& kv : values_) kv.second.SetPending(true);
     SetDirty(1);
 }
@@ -413,7 +422,7 @@ long RegKey::DeleteSubKey(const CKWString& name, bool byMe) {
         UnlinkChild(child);
         dead.push_back(child);
     }
-    if (byMe) deletedSubkeys_.insert(CKWStringPc(name));
+    if (byMe) deletedSubkeys_[CKWStringPc(name)] = CurrentWriteEpoch();
     ResetSubKeyCursor();
     for (RegKey* k : dead) {
         Unadvertise(k, false);
@@ -476,7 +485,7 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
     if (parent_ != nullptr && !IsDeleted()) {
         const bool lineSeen = lineSequence_ == gen;
         const bool pathSeen = sequence_ == gen;
-        const bool local = pending_ || pendingValue;
+        const bool local = IsPending() || pendingValue;
         if (intermediate_) {
             stays = pathSeen || childAlive || local;
         } else if (!lineSeen && !local) {
@@ -517,16 +526,6 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
     if ((!stays || valuesChanged) && NeedsWakeup()) woken.push_back(this);
     Unlock();
     return stays;
-}
-
-void RegKey::CommitWritten() {
-    Lock();
-    pending_ = false;
-    deletedSubkeys_.clear();
-    deletedValues_.clear();
-    for (auto& kv : values_) kv.second.SetPending(false);
-    Unlock();
-    for (RegKey* c : Children()) c->CommitWritten();
 }
 
 void RegKey::DropValues() {

@@ -16,6 +16,7 @@
 #include <exception>
 #include <iostream>
 
+#include "handles/wait_internal.h"
 #include "threads/thread_signals.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/threads.h"
@@ -178,6 +179,24 @@ unsigned long TvPlatformThread::Resume() {
     }
     return static_cast<unsigned long>(count + 1);
 }
+
+namespace tv {
+namespace detail {
+
+AlertableWaitScope::AlertableWaitScope(int alertable, unsigned long ms, Handle* object,
+                                       void (*wake)(Handle*))
+    : thread_(nullptr) {
+    if (!alertable || ms == 0 || ms == INFINITE) return;
+    thread_ = static_cast<TvPlatformThread*>(GetCurrentThread());
+    thread_->EnterAlertableWait(object, wake);
+}
+
+AlertableWaitScope::~AlertableWaitScope() {
+    if (thread_) thread_->LeaveAlertableWait();
+}
+
+}  // namespace detail
+}  // namespace tv
 
 // ---------------------------------------------------------------------------
 

@@ -56,8 +56,8 @@ TV_API LONG RegQueryValueEx(HKEY hKey, const char* name, DWORD* reserved, DWORD*
 // REG_DWORD reads an unsigned long (8 bytes, or cbData bytes when fewer) and
 // stores it as "%#x"; REG_MULTI_SZ takes the first cbData - 1 bytes with
 // every zero byte turned into a blank. Other types: -1 (ERROR_NOT_SUPPORTED).
-TV_API LONG RegSetValueEx(HKEY hKey, const char* name, DWORD reserved, DWORD type,
-                          const BYTE* data, DWORD cbData);
+TV_API LONG RegSetValueEx(HKEY hKey, const char* name, DWORD reserved, DWORD type, const BYTE* data,
+                          DWORD cbData);
 // Appends one entry to a batch: REG_SZ as given (data is a const char*),
 // REG_DWORD (data points to an unsigned long) in "%i" decimal, REG_MULTI_SZ
 // (a list ending in an empty string) joined by blanks. -1 for other types.
@@ -98,8 +98,8 @@ TV_API CKWString RegHKEYtoString(HKEY hKey);
 // it without limit (the thread's own registry event when event is null).
 // watchSubtree and notifyFilter are accepted and ignored. -1 for an unknown
 // handle.
-TV_API LONG RegNotifyChangeKeyValue(HKEY hKey, BOOL watchSubtree, DWORD notifyFilter,
-                                    HANDLE event, BOOL asynchronous);
+TV_API LONG RegNotifyChangeKeyValue(HKEY hKey, BOOL watchSubtree, DWORD notifyFilter, HANDLE event,
+                                    BOOL asynchronous);
 TV_API LONG RegUnnotifyChangeKeyValue(HKEY hKey, HANDLE event);
 // Placeholders of the notification design: they accept their arguments and
 // do nothing.
@@ -147,9 +147,9 @@ public:
     bool SetValue(const char* name, const unsigned long& value);
     // Stores 1 for any non-zero value and 0 otherwise.
     bool SetValue(const char* name, int const& value);
-    bool SetValue(const char* name, const char* data, unsigned long& size);  // REG_MULTI_SZ
+    bool SetValue(const char* name, const char* data, unsigned long& size);     // REG_MULTI_SZ
     bool SetValue(const char* name, unsigned char* data, unsigned long& size);  // REG_BINARY
-    bool SetValue(const char* name, const char* value);                    // REG_SZ
+    bool SetValue(const char* name, const char* value);                         // REG_SZ
     // The value is stored only on success.
     bool GetValue(const char* name, unsigned long& value);
     bool GetValue(const char* name, unsigned long* value);
