@@ -319,4 +319,44 @@ private:
     bool fdClosed_;   // CloseFile() closed fd_ but left its value in place
 };
 
+
+// ---------------------------------------------------------------------------
+// Registry status for tools
+// ---------------------------------------------------------------------------
+// What an administrator's tool needs beyond the Windows-style calls: the
+// shared page, the file form of a subtree, and whether a key is kept in the
+// file at all.
+
+// A snapshot of the shared page. It is read without taking the registry
+// semaphore, so lockOwner names another process that holds it (never the
+// caller) and the fields may move while they are read.
+struct RegStatusInfo {
+    unsigned long versionStamp;    // incremented by every write of the file
+    unsigned long myVersionStamp;  // the stamp this process last read or wrote
+    long lastWriter;               // process id of the last writer; 0: none yet
+    long lockOwner;                // process id holding the semaphore; 0: free
+    long attachCount;              // attaches recorded in the page (processes
+                                   // that ended without cleaning up stay counted)
+    long processesAttached;        // processes attached now, as the kernel counts
+                                   // them (the caller included); -1 if unknown
+};
+// Starts the registry when needed and fills *status. 0 on success; -1 for a
+// null pointer or when the shared page is not attached.
+TV_API LONG RegQueryStatus(RegStatusInfo* status);
+
+// The subtree at hKey (0: the whole registry) in the registry file's own
+// text form, exactly as a write of the file would put it now: the tree is
+// first brought up to date with the file. Intermediate keys (see below)
+// contribute no block of their own. 0 on success; -1 for a null text or an
+// unknown handle.
+TV_API LONG RegExportKey(HKEY hKey, CKWString* text);
+
+// Whether the key behind hKey is written to the file with a block of its
+// own. A key that exists only as the path to a deeper key (made when that
+// key was created) is not: values set on it are held in memory but never
+// written. hKey 0 asks about HKEY_LOCAL_MACHINE itself. 0 and *written set
+// on success; 13 when hKey is 0 and the registry holds no key at all; -1
+// for a null pointer or an unknown handle.
+TV_API LONG RegQueryKeyWritten(HKEY hKey, BOOL* written);
+
 #endif  // TVCOMMONUTIL_REGISTRY_H

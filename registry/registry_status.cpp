@@ -1,0 +1,99 @@
+// Registry status for tools: read-only views of the shared page, the file
+// form of a subtree and a key's "kept in the file" flag.
+//
+// Nothing here changes the tree or the file. The export prints with the
+// writer's own code under the same locks the writer holds (the exclusive
+// cache lock, hence the registry semaphore), after the same refresh, so its
+// text is byte for byte what a write made at that moment would contain for
+// the subtree.
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include "registry/registry_internal.h"
+
+using namespace tv::detail;
+
+namespace {
+
+// The kernel's count of processes attached to the shared page; -1 when the
+// page cannot be examined.
+long KernelAttachCount() {
+    const CKWString& lockFile = LockFilePath();
+    if (lockFile.empty()) return -1;
+    const key_t key = ftok(lockFile.c_str(), 1);
+    if (key == static_cast<key_t>(-1)) return -1;
+    const int id = shmget(key, 0, 0);
+    if (id < 0) return -1;
+    shmid_ds ds;
+    memset(&ds, 0, sizeof ds);
+    if (shmctl(id, IPC_STAT, &ds) != 0) return -1;
+    return static_cast<long>(ds.shm_nattch);
+}
+
+// The exclusive cache lock for the scope (it also holds the semaphore).
+class ExclusiveCache {
+public:
+    ExclusiveCache() { RegLockCache(RegLockExclusive); }
+    ~ExclusiveCache() { RegUnlockCache(RegLockExclusive); }
+    ExclusiveCache(const ExclusiveCache&) = delete;
+    ExclusiveCache& operator=(const ExclusiveCache&) = delete;
+};
+
+class SharedCache {
+public:
+    SharedCache() { RegLockCache(RegLockShared); }
+    ~SharedCache() { RegUnlockCache(RegLockShared); }
+    SharedCache(const SharedCache&) = delete;
+    SharedCache& operator=(const SharedCache&) = delete;
+};
+
+}  // namespace
+
+LONG RegQueryStatus(RegStatusInfo* status) {
+    if (status == nullptr) return -1;
+    EnsureRegistry();
+    SharedRegistryRecord* shm = SharedRecord();
+    if (shm == nullptr) return -1;
+    status->versionStamp = __atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE);
+    status->myVersionStamp = GetMyVersionStamp();
+    status->lastWriter = __atomic_load_n(&shm->lastWriter, __ATOMIC_ACQUIRE);
+    status->lockOwner = __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE);
+    status->attachCount = __atomic_load_n(&shm->attachCount, __ATOMIC_ACQUIRE);
+    status->processesAttached = KernelAttachCount();
+    return ERROR_SUCCESS;
+}
+
+LONG RegExportKey(HKEY hKey, CKWString* text) {
+    if (text == nullptr) return -1;
+    EnsureRegistry();
+    ExclusiveCache hold;
+    RegUpdateCache();  // nests inside the exclusive lock, as in WriteRegistry
+    RegKey* key = hKey == HKEY_LOCAL_MACHINE ? RegistryKeys() : LookupHandle(hKey);
+    if (key == nullptr) return -1;
+    PrintSink sink;  // no descriptor: the text stays in memory
+    key->Print(sink, 1, 0);
+    *text = sink.text;
+    return ERROR_SUCCESS;
+}
+
+LONG RegQueryKeyWritten(HKEY hKey, BOOL* written) {
+    if (written == nullptr) return -1;
+    EnsureRegistry();
+    SharedCache hold;
+    RegKey* key;
+    if (hKey == HKEY_LOCAL_MACHINE) {
+        RegKey* root = RegistryKeys();
+        root->Lock();
+        key = root->GetSubKey("HKEY_LOCAL_MACHINE");
+        root->Unlock();
+        if (key == nullptr) return ERROR_INVALID_DATA;
+    } else {
+        key = LookupHandle(hKey);
+        if (key == nullptr) return -1;
+    }
+    key->Lock();
+    *written = key->IsIntermediate() || key->IsDeleted() ? FALSE : TRUE;
+    key->Unlock();
+    return ERROR_SUCCESS;
+}
