@@ -23,8 +23,7 @@ bench: release
 	@for b in build/release/bench/bench_*; do echo "== $$b"; $$b; done
 
 demo: dev
-	@if [ -x build/dev/examples/tvdemo ]; then build/dev/examples/tvdemo; \
-	else echo "the demo is not built yet"; fi
+	@bash examples/run_demo.sh build/dev
 
 install: release
 	cmake --install build/release --prefix $(or $(PREFIX),/usr/local)
