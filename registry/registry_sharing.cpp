@@ -298,6 +298,29 @@ void SetLockFilePath(const char* path) {
     tv::detail::LockFileSlot() = path;
 }
 
+namespace {
+
+// Adds this process to the attach count under the semaphore. False when the
+// semaphore set was removed meanwhile.
+bool CountThisProcessIn() {
+    using namespace tv::detail;
+    sembuf b;
+    b.sem_num = 0;
+    b.sem_op = -1;
+    b.sem_flg = SEM_UNDO;
+    int rc;
+    while ((rc = semop(g_semId, &b, 1)) != 0 && errno == EINTR) {
+    }
+    if (rc != 0) return !(errno == EIDRM || errno == EINVAL);
+    __atomic_add_fetch(&g_shm->attachCount, 1, __ATOMIC_ACQ_REL);
+    b.sem_op = 1;
+    while (semop(g_semId, &b, 1) != 0 && errno == EINTR) {
+    }
+    return true;
+}
+
+}  // namespace
+
 void RegInitSharedState(int create) {
     using namespace tv::detail;
     const key_t key = ftok(LockFilePath().c_str(), 1);
@@ -306,105 +329,116 @@ void RegInitSharedState(int create) {
         registry_semaphore_error(err);
         kw_abort();
     }
-    int semId;
-    if (!create) {
-        semId = semget(key, 1, 0660);
-        if (semId < 0) {
-            fprintf(stderr, "Registry semaphore doesn't exist. Exiting.\n");
-            exit(1);
-        }
-        g_semId = semId;
-    } else {
-        semId = semget(key, 1, IPC_CREAT | IPC_EXCL | 0660);
-        if (semId >= 0) {
+    // The last process to leave removes the set and the segment
+    // (CleanSystemResources) while holding the semaphore, possibly while this
+    // process waits for it; the wait then fails with EIDRM (or EINVAL) and
+    // this process starts over, creating fresh objects, instead of going on
+    // with a dead semaphore.
+    for (;;) {
+        int semId;
+        if (!create) {
+            semId = semget(key, 1, 0660);
+            if (semId < 0) {
+                fprintf(stderr, "Registry semaphore doesn't exist. Exiting.\n");
+                exit(1);
+            }
             g_semId = semId;
-            semctl(semId, 0, SETVAL, 1);
+        } else {
+            semId = semget(key, 1, IPC_CREAT | IPC_EXCL | 0660);
+            if (semId >= 0) {
+                g_semId = semId;
+                semctl(semId, 0, SETVAL, 1);
+                uid_t uid;
+                gid_t gid;
+                mode_t mode;
+                if (RegistryFileOwner(uid, gid, mode)) {
+                    semid_ds ds;
+                    memset(&ds, 0, sizeof ds);
+                    if (semctl(semId, 0, IPC_STAT, &ds) == 0) {
+                        ds.sem_perm.uid = uid;
+                        ds.sem_perm.gid = gid;
+                        ds.sem_perm.mode = 0660;
+                        semctl(semId, 0, IPC_SET, &ds);
+                    }
+                }
+                // The first operation makes sem_otime non-zero: "ready".
+                SemOp(-1);
+                SemOp(1);
+            } else {
+                if (errno != EEXIST) {
+                    registry_semaphore_error(errno);
+                    kw_abort();
+                }
+                semId = semget(key, 1, 0660);
+                if (semId < 0 && errno == ENOENT) continue;  // removed just now: start over
+                if (semId < 0) {
+                    registry_semaphore_error(errno);
+                    _exit(1);
+                }
+                g_semId = semId;
+                bool ready = false;
+                for (int round = 0; round < 10 && !ready; ++round) {
+                    semid_ds ds;
+                    memset(&ds, 0, sizeof ds);
+                    if (semctl(semId, 0, IPC_STAT, &ds) == 0 && ds.sem_otime != 0) {
+                        ready = true;
+                    } else {
+                        SleepMs(250);
+                    }
+                }
+                if (!ready) {
+                    registry_semaphore_error(ETIMEDOUT);
+                    kw_abort();
+                }
+            }
+        }
+
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        bool created = true;
+        int shmId = shmget(key, page, IPC_CREAT | IPC_EXCL | 0666);
+        if (shmId < 0) {
+            if (errno != EEXIST) {
+                registry_shared_memory_error(errno);
+                kw_abort();
+            }
+            created = false;
+            shmId = shmget(key, page, 0666);
+            if (shmId < 0 && errno == ENOENT) continue;  // removed just now: start over
+            if (shmId < 0) {
+                registry_shared_memory_error(errno);
+                kw_abort();
+            }
+        }
+        if (created) {
             uid_t uid;
             gid_t gid;
             mode_t mode;
             if (RegistryFileOwner(uid, gid, mode)) {
-                semid_ds ds;
+                shmid_ds ds;
                 memset(&ds, 0, sizeof ds);
-                if (semctl(semId, 0, IPC_STAT, &ds) == 0) {
-                    ds.sem_perm.uid = uid;
-                    ds.sem_perm.gid = gid;
-                    ds.sem_perm.mode = 0660;
-                    semctl(semId, 0, IPC_SET, &ds);
+                if (shmctl(shmId, IPC_STAT, &ds) == 0) {
+                    ds.shm_perm.uid = uid;
+                    ds.shm_perm.gid = gid;
+                    ds.shm_perm.mode = 0666;
+                    shmctl(shmId, IPC_SET, &ds);
                 }
             }
-            // The first operation makes sem_otime non-zero: "ready".
-            SemOp(-1);
-            SemOp(1);
-        } else {
-            if (errno != EEXIST) {
-                registry_semaphore_error(errno);
-                kw_abort();
-            }
-            semId = semget(key, 1, 0660);
-            if (semId < 0) {
-                registry_semaphore_error(errno);
-                _exit(1);
-            }
-            g_semId = semId;
-            bool ready = false;
-            for (int round = 0; round < 10 && !ready; ++round) {
-                semid_ds ds;
-                memset(&ds, 0, sizeof ds);
-                if (semctl(semId, 0, IPC_STAT, &ds) == 0 && ds.sem_otime != 0) {
-                    ready = true;
-                } else {
-                    SleepMs(250);
-                }
-            }
-            if (!ready) {
-                registry_semaphore_error(ETIMEDOUT);
-                kw_abort();
-            }
         }
-    }
-
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    bool created = true;
-    int shmId = shmget(key, page, IPC_CREAT | IPC_EXCL | 0666);
-    if (shmId < 0) {
-        if (errno != EEXIST) {
-            registry_shared_memory_error(errno);
+        void* at = shmat(shmId, nullptr, 0);
+        if (at == reinterpret_cast<void*>(-1)) {
+            fprintf(stderr, "Error: shmat(): Unable to access the Morvane Registry\n");
+            fprintf(stderr, "  shared memory region\n");
             kw_abort();
         }
-        created = false;
-        shmId = shmget(key, page, 0666);
-        if (shmId < 0) {
-            registry_shared_memory_error(errno);
-            kw_abort();
-        }
-    }
-    if (created) {
-        uid_t uid;
-        gid_t gid;
-        mode_t mode;
-        if (RegistryFileOwner(uid, gid, mode)) {
-            shmid_ds ds;
-            memset(&ds, 0, sizeof ds);
-            if (shmctl(shmId, IPC_STAT, &ds) == 0) {
-                ds.shm_perm.uid = uid;
-                ds.shm_perm.gid = gid;
-                ds.shm_perm.mode = 0666;
-                shmctl(shmId, IPC_SET, &ds);
-            }
-        }
-    }
-    void* at = shmat(shmId, nullptr, 0);
-    if (at == reinterpret_cast<void*>(-1)) {
-        fprintf(stderr, "Error: shmat(): Unable to access the Morvane Registry\n");
-        fprintf(stderr, "  shared memory region\n");
-        kw_abort();
-    }
-    g_shmId = shmId;
-    __atomic_store_n(&g_shm, static_cast<SharedRegistryRecord*>(at), __ATOMIC_RELEASE);
+        g_shmId = shmId;
+        __atomic_store_n(&g_shm, static_cast<SharedRegistryRecord*>(at), __ATOMIC_RELEASE);
 
-    RegLockRegistryFile();
-    __atomic_add_fetch(&g_shm->attachCount, 1, __ATOMIC_ACQ_REL);
-    RegUnlockRegistryFile();
+        if (CountThisProcessIn()) return;
+        shmdt(at);
+        __atomic_store_n(&g_shm, static_cast<SharedRegistryRecord*>(nullptr), __ATOMIC_RELEASE);
+        g_shmId = -1;
+        g_semId = -1;
+    }
 }
 
 void RegLockRegistryFile() {

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -326,4 +328,69 @@ TEST(RegistryMultiProcess, StartWithoutCreateNeedsTheSemaphore) {
     pid_t pid = tvtest::SpawnChild("reg_no_create", {err});
     EXPECT_EQ(1, regtest::WaitChildFor(pid, 60));
     EXPECT_EQ("Registry semaphore doesn't exist. Exiting.\n", tvtest::ReadFile(err));
+}
+
+namespace {
+
+// Processes blocked on the registry semaphore of `lockFile` right now.
+int SemaphoreSleepers(const std::string& lockFile) {
+    key_t key = ftok(lockFile.c_str(), 1);
+    int id = semget(key, 1, 0);
+    return id < 0 ? 0 : semctl(id, 0, GETNCNT);
+}
+
+bool WaitForSleepers(const std::string& lockFile) {
+    for (int i = 0; i < 30000; ++i) {
+        if (SemaphoreSleepers(lockFile) > 0) return true;
+        usleep(1000);
+    }
+    return false;
+}
+
+}  // namespace
+
+// args: lock file, ready marker, log file. Holds the registry lock while the
+// next process attaches, then leaves as if it were the last one.
+TV_TEST_CHILD(reg_clean_while_attaching) {
+    InitRegistry(0, 1);
+    RegLockRegistryFile();
+    Touch(args.at(1));
+    if (!WaitForSleepers(args.at(0))) return 2;  // the next process waits to attach
+    CleanSystemResources();
+    return 0;
+}
+
+// args: lock file, log file, tag, hold ("hold" waits for a third process).
+TV_TEST_CHILD(reg_lock_and_log) {
+    InitRegistry(0, 1);
+    RegLockRegistryFile();
+    FILE* log = fopen(args.at(1).c_str(), "a");
+    if (log == nullptr) return 3;
+    fprintf(log, "%s+", args.at(2).c_str());
+    fflush(log);
+    if (args.at(3) == "hold" && !WaitForSleepers(args.at(0))) return 2;
+    fprintf(log, "%s-", args.at(2).c_str());
+    fclose(log);
+    RegUnlockRegistryFile();
+    CleanSystemResources();
+    return 0;
+}
+
+// The last process leaves (and removes the shared objects) while another one
+// waits to attach: the waiter must start over on fresh objects, so that the
+// registry lock still excludes a third process.
+TEST(RegistryMultiProcess, AttachingWhileTheLastProcessCleansUp) {
+    RegistryEnv env;
+    const std::string log = env.file("order.log");
+    pid_t a = tvtest::SpawnChild("reg_clean_while_attaching",
+                                 {env.lockFile(), env.file("a.ready"), log});
+    ASSERT_TRUE(regtest::WaitForFile(env.file("a.ready")));
+    pid_t b = tvtest::SpawnChild("reg_lock_and_log", {env.lockFile(), log, "B", "hold"});
+    ASSERT_EQ(0, regtest::WaitChildFor(a, 60));
+    // B now holds the lock (its "B+" is logged) and waits for a sleeper.
+    for (int i = 0; i < 30000 && tvtest::ReadFile(log).empty(); ++i) usleep(1000);
+    pid_t c = tvtest::SpawnChild("reg_lock_and_log", {env.lockFile(), log, "C", "go"});
+    EXPECT_EQ(0, regtest::WaitChildFor(b, 60));
+    EXPECT_EQ(0, regtest::WaitChildFor(c, 60));
+    EXPECT_EQ("B+B-C+C-", tvtest::ReadFile(log));
 }
