@@ -12,7 +12,7 @@ rm -rf "$root"
 mkdir -p "$root"
 printf '[server]\nname=tvdemo\nscan_ms=300\n' > "$root/tvdemo.ini"
 
-echo "== starting tvdemo in $root (runs for 8 seconds)"
+echo "== starting tvdemo in $root (it runs for 8 seconds)"
 "$server" --root "$root" --run-seconds 8 &
 pid=$!
 # Wait until the server has made its inbox (it starts in well under a second).
@@ -24,6 +24,14 @@ printf 'alpha beta gamma\ndelta epsilon\n' > "$root/inbox/notes.txt"
 seq 1 1000 > "$root/inbox/numbers.txt"
 cp README.md "$root/inbox/readme.md"
 
+if [ -x "$tvreg" ]; then
+  sleep 2
+  echo
+  echo "== registry status while the server runs (tvreg is a second process on the same registry)"
+  "$tvreg" --root "$root" status
+  echo
+fi
+
 wait "$pid"
 echo
 echo "== what the server recorded, as tvreg sees it"
@@ -31,8 +39,6 @@ if [ -x "$tvreg" ]; then
   "$tvreg" --root "$root" list 'HKLM\SOFTWARE\TvDemo\Results'
   echo
   "$tvreg" --root "$root" export 'HKLM\SOFTWARE\TvDemo'
-  echo "== registry status"
-  "$tvreg" --root "$root" status
 else
   echo "(tvreg is not built; the registry file itself:)"
   cat "$root/registry/tv.registry"

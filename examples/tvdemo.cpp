@@ -331,6 +331,7 @@ int main(int argc, char** argv) {
 
     DetachLoadBalancingRegion(g_load);
     CloseHandle(mapping);
+    CleanSystemResources();  // the last process of the host removes them
     Log("stopped");
     return 0;
 }

@@ -940,5 +940,9 @@ int main(int argc, char** argv) {
     }
     if (in.dir.empty() || in.dir[in.dir.size() - 1] != '/') in.dir += '/';
     a.mayCreate = cmd->mayCreate;
-    return cmd->run(a);
+    const int rc = cmd->run(a);
+    // Leave the shared objects as every process of the registry does: the
+    // last one to leave removes them (nothing happens if none were attached).
+    CleanSystemResources();
+    return rc;
 }

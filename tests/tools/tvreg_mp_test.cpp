@@ -487,7 +487,34 @@ TEST_F(Tvreg, ExportIsTheFileAndImportRoundTrips) {
     EXPECT_TRUE(OneErrorLine(missing, "cannot open " + dir_.file("nope.txt")));
 }
 
+// Reads from fd until `needle` has been seen, up to a generous limit.
+bool ReadUntil(int fd, std::string& seen, const std::string& needle) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (seen.find(needle) == std::string::npos) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            end - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+        char buf[512];
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n <= 0) return false;
+        seen.append(buf, static_cast<size_t>(n));
+    }
+    return true;
+}
+
 TEST_F(Tvreg, StatusNamesTheLastWriter) {
+    // The shared objects live as long as some process is attached (the last
+    // one to leave removes them), so a watcher keeps them for this test.
+    ASSERT_EQ(Run({"set", "HKLM\\Held", "v", "sz", "1"}).status, 0);
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    const pid_t holder = Start({"watch", "--interval", "20", "HKLM\\Held"}, "holder", fds[1]);
+    close(fds[1]);
+    std::string seen;
+    ASSERT_TRUE(ReadUntil(fds[0], seen, "\n")) << seen;
+
     const pid_t writer = Start({"set", "HKLM\\S", "v", "sz", "1"}, "writer");
     ASSERT_EQ(Finish(writer, "writer").status, 0);
     Result st = Run({"status", "--json"});
@@ -502,6 +529,9 @@ TEST_F(Tvreg, StatusNamesTheLastWriter) {
     EXPECT_NE(text.out.find("last writer:         pid " + std::to_string(writer)),
               std::string::npos)
         << text.out;
+    kill(holder, SIGTERM);
+    EXPECT_EQ(Finish(holder, "holder").status, 0);
+    close(fds[0]);
 }
 
 TEST_F(Tvreg, ConcurrentSetsAllLand) {
@@ -535,22 +565,6 @@ TEST_F(Tvreg, ConcurrentSetsAllLand) {
     }
 }
 
-// Reads from fd until `needle` has been seen, up to a generous limit.
-bool ReadUntil(int fd, std::string& seen, const std::string& needle) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (seen.find(needle) == std::string::npos) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-        char buf[512];
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n <= 0) return false;
-        seen.append(buf, static_cast<size_t>(n));
-    }
-    return true;
-}
 
 TEST_F(Tvreg, WatchSeesAnotherProcessChangeAndEndsOnSigterm) {
     ASSERT_EQ(Run({"set", "HKLM\\Watched", "Level", "dword", "1"}).status, 0);
