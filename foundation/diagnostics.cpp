@@ -10,24 +10,37 @@
 
 #include <ctype.h>
 
+#include "foundation/diagnostics_internal.h"
 #include "tvcommonutil/foundation.h"
 
-DWORD GetLastError() { return static_cast<DWORD>(errno); }
+DWORD GetLastError() {
+    return static_cast<DWORD>(errno);
+}
 
-void SetLastError(DWORD code) { errno = static_cast<int>(code); }
+void SetLastError(DWORD code) {
+    errno = static_cast<int>(code);
+}
 
-int WSAGetLastError() { return errno; }
+int WSAGetLastError() {
+    return errno;
+}
 
 int WSASetLastError(int code) {
     errno = code;
     return errno;
 }
 
-void initializeThreadId(unsigned long* id) { *id = 0; }
+void initializeThreadId(unsigned long* id) {
+    *id = 0;
+}
 
-void initializeThreadKey(unsigned int* key) { *key = 0; }
+void initializeThreadKey(unsigned int* key) {
+    *key = 0;
+}
 
-unsigned long getThreadId(unsigned long id) { return id; }
+unsigned long getThreadId(unsigned long id) {
+    return id;
+}
 
 void kw_assert(const char* expr, const char* file, int line) {
     fprintf(stderr, "assertion \"%s\" failed: file \"%s\", line %d\n", expr, file, line);
@@ -127,3 +140,20 @@ void CKWIException::response() const {
     fputs("\n", stderr);
     fflush(stderr);
 }
+
+namespace tv {
+namespace detail {
+
+std::string PercentSafe(const char* s, size_t limit) {
+    std::string out;
+    for (; s != nullptr && *s != '\0'; ++s) {
+        size_t need = *s == '%' ? 2 : 1;
+        if (out.size() + need > limit) break;
+        if (*s == '%') out += '%';
+        out += *s;
+    }
+    return out;
+}
+
+}  // namespace detail
+}  // namespace tv

@@ -25,6 +25,7 @@
 
 #include <string>
 
+#include "foundation/diagnostics_internal.h"
 #include "tvcommonutil/registry.h"
 
 namespace {
@@ -62,21 +63,6 @@ int LockWhole(int fd, int cmd) {
         rc = lockf(fd, cmd, 0);
     } while (rc == -1 && errno == EINTR);
     return rc;
-}
-
-// unix_err uses its formatted text as a format again, so any '%' coming from
-// a path or a message is doubled; the result is cut to at most `limit` bytes
-// without splitting a doubled pair, which keeps the whole line inside
-// unix_err's buffer (a pair cut in half there would be a stray conversion).
-std::string ForUnixErr(const char* s, size_t limit) {
-    std::string out;
-    for (; s != nullptr && *s != '\0'; ++s) {
-        size_t need = *s == '%' ? 2 : 1;
-        if (out.size() + need > limit) break;
-        if (*s == '%') out += '%';
-        out += *s;
-    }
-    return out;
 }
 
 bool WriteAll(int fd, const char* buf, int len) {
@@ -145,8 +131,8 @@ bool FileLock::OpenAndLockFile(const char* path, int oflag, int* status, bool ho
             }
             unix_err(
                 "[FileLock::OpenAndLockFile] - Cannot open file %s, oflag:%#x, errno: %d,  %s\n",
-                ForUnixErr(path_.c_str(), 1600).c_str(), static_cast<unsigned>(oflag), err,
-                ForUnixErr(strerror(err), 200).c_str());
+                tv::detail::PercentSafe(path_.c_str(), 1600).c_str(), static_cast<unsigned>(oflag),
+                err, tv::detail::PercentSafe(strerror(err), 200).c_str());
             errno = err;
             return false;
         }

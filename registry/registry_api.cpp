@@ -20,15 +20,6 @@ namespace detail {
 
 namespace {
 
-// The shared cache lock for the scope.
-class SharedCache {
-public:
-    SharedCache() { RegLockCache(RegLockShared); }
-    ~SharedCache() { RegUnlockCache(RegLockShared); }
-    SharedCache(const SharedCache&) = delete;
-    SharedCache& operator=(const SharedCache&) = delete;
-};
-
 HKEY MakeHandle(long index, REGSAM samDesired) {
     return (samDesired & kRegWriteAccess) != 0 ? (index | KEY_WRITE_HANDLE_BIT) : index;
 }

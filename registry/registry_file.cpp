@@ -129,15 +129,6 @@ void SleepMs(long ms) {
     }
 }
 
-// The exclusive cache lock for the scope (which takes the semaphore too).
-class ExclusiveCache {
-public:
-    ExclusiveCache() { RegLockCache(RegLockExclusive); }
-    ~ExclusiveCache() { RegUnlockCache(RegLockExclusive); }
-    ExclusiveCache(const ExclusiveCache&) = delete;
-    ExclusiveCache& operator=(const ExclusiveCache&) = delete;
-};
-
 }  // namespace
 
 const char* RegTypeWord(unsigned long type) {

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "foundation/diagnostics_internal.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/registry.h"
 #include "tvcommonutil/strings.h"
@@ -383,16 +384,30 @@ void SetFlushNeeded();
 // the template could not be examined (files then keep their defaults).
 bool RegistryFileOwner(uid_t& uid, gid_t& gid, mode_t& mode);
 
-// unix_err interprets its formatted text again: double every '%' of a
-// caller-supplied text and cut it to at most limit bytes.
-std::string PercentSafe(const char* s, size_t limit = 1024);
-
 // Test support: detaches from the shared objects, drops the whole tree and
 // forgets every path and flag, so that the next call starts the registry
 // afresh (and re-reads TV_REGISTRY).
 void RegistryResetForTests();
 // Drops the tree and its tables only (no shared objects touched).
 void ClearRegistryTree();
+
+// The registry cache lock for a scope: shared for readers of the tree,
+// exclusive (which also takes the registry semaphore) for writers.
+class SharedCache {
+public:
+    SharedCache() { RegLockCache(RegLockShared); }
+    ~SharedCache() { RegUnlockCache(RegLockShared); }
+    SharedCache(const SharedCache&) = delete;
+    SharedCache& operator=(const SharedCache&) = delete;
+};
+
+class ExclusiveCache {
+public:
+    ExclusiveCache() { RegLockCache(RegLockExclusive); }
+    ~ExclusiveCache() { RegUnlockCache(RegLockExclusive); }
+    ExclusiveCache(const ExclusiveCache&) = delete;
+    ExclusiveCache& operator=(const ExclusiveCache&) = delete;
+};
 
 }  // namespace detail
 }  // namespace tv

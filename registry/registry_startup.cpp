@@ -158,16 +158,6 @@ bool RegistryFileOwner(uid_t& uid, gid_t& gid, mode_t& mode) {
     return true;
 }
 
-std::string PercentSafe(const char* s, size_t limit) {
-    std::string out;
-    for (; s != nullptr && *s != '\0'; ++s) {
-        size_t need = *s == '%' ? 2 : 1;
-        if (out.size() + need > limit) break;
-        if (*s == '%') out += '%';
-        out += *s;
-    }
-    return out;
-}
 
 void RegistryResetForTests() {
     ResetSharingForTests();

@@ -31,23 +31,6 @@ long KernelAttachCount() {
     return static_cast<long>(ds.shm_nattch);
 }
 
-// The exclusive cache lock for the scope (it also holds the semaphore).
-class ExclusiveCache {
-public:
-    ExclusiveCache() { RegLockCache(RegLockExclusive); }
-    ~ExclusiveCache() { RegUnlockCache(RegLockExclusive); }
-    ExclusiveCache(const ExclusiveCache&) = delete;
-    ExclusiveCache& operator=(const ExclusiveCache&) = delete;
-};
-
-class SharedCache {
-public:
-    SharedCache() { RegLockCache(RegLockShared); }
-    ~SharedCache() { RegUnlockCache(RegLockShared); }
-    SharedCache(const SharedCache&) = delete;
-    SharedCache& operator=(const SharedCache&) = delete;
-};
-
 }  // namespace
 
 LONG RegQueryStatus(RegStatusInfo* status) {
