@@ -76,7 +76,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                       FORMAT_MESSAGE_ARGUMENT_ARRAY,
                                   text.data(), 0, 0, reinterpret_cast<char*>(&allocated), 0,
                                   reinterpret_cast<va_list*>(args.values));
-            if (allocated == nullptr || strlen(allocated) != static_cast<size_t>(r)) abort();
+            // A %c insert of an argument whose low byte is 0 puts a zero byte
+            // inside the text, so the text may be shorter than the count.
+            if (allocated == nullptr || strlen(allocated) > static_cast<size_t>(r)) abort();
             free(allocated);
             break;
         }
