@@ -157,6 +157,11 @@ bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long t
     return nameField + 1 + dataField + 1 + strlen(word) <= static_cast<size_t>(kRegLineMax);
 }
 
+static bool StartsAtRoot(const char* path) {
+    const size_t n = sizeof kKeyMarker - 1;
+    return strncmp(path, kKeyMarker, n) == 0 && (path[n] == '\0' || path[n] == '\\');
+}
+
 bool KeyPathFits(const CKWString& path) {
     if (strchr(path.c_str(), '\n') != nullptr || strchr(path.c_str(), '=') != nullptr) {
         return false;
@@ -312,7 +317,13 @@ bool ReadRegistryFd(int fd, int refresh) {
             // is taken (the marker might lie after the "=", or the number
             // written back might not fit): its values would otherwise end
             // up under another key after the next write and read.
-            if (strstr(line, kKeyMarker) == nullptr || !KeyPathFits(line)) continue;
+            //
+            // The path must also begin with the root itself, spelled exactly:
+            // keys are found without regard to case, so a first component
+            // such as "hKEY_LOCAL_MACHINE" would otherwise name the root key
+            // and give every key below it a path without the marker, which
+            // the next read would take for value lines.
+            if (!StartsAtRoot(line) || !KeyPathFits(line)) continue;
             long index = static_cast<long>(strtoul(eq + 1, nullptr, 0));
             // A number the tree cannot use as a handle is replaced.
             if (index <= 0 || index > KEY_INDEX_MASK) index = -1;

@@ -158,7 +158,12 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
         // The marker after the "=": a key line, but not one the writer could
         // give back; it is ignored with its values.
         "Odd=HKEY_LOCAL_MACHINE\n"
-        "W=1;REG_SZ\n";
+        "W=1;REG_SZ\n"
+        // The root misspelt (the marker comes later): keys are found without
+        // regard to case, so taking it would name the root "hKEY..." and no
+        // key line written afterwards would carry the marker. Ignored too.
+        "hKEY_LOCAL_MACHINE\\Case\\HKEY_LOCAL_MACHINE=5\n"
+        "C=1;REG_SZ\n";
     RegistryEnv env(regtest::kBaseRegistry, &text);
 
     HKEY hex = OpenRead("Hex");
@@ -209,6 +214,8 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
     EXPECT_EQ(std::string::npos, out.find("Orphan"));
     EXPECT_EQ(std::string::npos, out.find("BadType"));
     EXPECT_EQ(std::string::npos, out.find("Odd"));
+    EXPECT_EQ(std::string::npos, out.find("Case"));
+    EXPECT_EQ(0u, out.find("\nHKEY_LOCAL_MACHINE=536870913\n")) << out;
     for (HKEY h : {hex, octal, key, deep, er, w}) EXPECT_EQ(0, RegCloseKey(h));
 }
 
