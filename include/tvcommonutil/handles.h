@@ -393,7 +393,8 @@ TV_API BOOL EventPulse(Handle* h);
 
 // Dispatches by the first handle's type: a set of one type goes to that
 // class's own multi-object wait (so a set of mutexes or semaphores returns 0
-// at once); a mixed set waits on each object's synchronisation event.
+// at once); a mixed set waits on each object's synchronisation event, and
+// gives WAIT_FAILED when it holds more than MAXIMUM_WAIT_OBJECTS handles.
 TV_API DWORD WaitForMultipleObjectsEx(DWORD count, Handle** handles, BOOL waitAll, DWORD ms,
                                       BOOL alertable);
 TV_API DWORD WaitForMultipleObjects(DWORD count, Handle** handles, BOOL waitAll, DWORD ms);
