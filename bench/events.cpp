@@ -7,8 +7,8 @@
 //     signalled auto-reset event, vs an uncontended mutex lock/unlock.
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_support.h"
 #include <pthread.h>
+#include "bench/bench_support.h"
 
 #include <atomic>
 #include <cstdio>
@@ -150,14 +150,13 @@ BENCHMARK(BM_RawSetThenWait);
 }  // namespace
 
 int main(int argc, char** argv) {
-    return tvbench::Main(
-        argc, argv,
-        {{"event ping-pong / condvar ping-pong", "BM_EventPingPong/real_time",
-          "BM_RawCondPingPong/real_time"},
-         {"wait-any(64) round trip / condvar ping-pong", "BM_WaitAny64RoundTrip/real_time",
-          "BM_RawCondPingPong/real_time"},
-         {"SetEvent on signalled / mutex lock+unlock", "BM_SetSignalledEvent",
-          "BM_RawMutexLockUnlock"},
-         {"set + zero-time wait (auto) / raw set + wait", "BM_SetThenPollAutoEvent",
-          "BM_RawSetThenWait"}});
+    return tvbench::Main(argc, argv,
+                         {{"event ping-pong / condvar ping-pong", "BM_EventPingPong/real_time",
+                           "BM_RawCondPingPong/real_time"},
+                          {"wait-any(64) round trip / condvar ping-pong",
+                           "BM_WaitAny64RoundTrip/real_time", "BM_RawCondPingPong/real_time"},
+                          {"SetEvent on signalled / mutex lock+unlock", "BM_SetSignalledEvent",
+                           "BM_RawMutexLockUnlock"},
+                          {"set + zero-time wait (auto) / raw set + wait",
+                           "BM_SetThenPollAutoEvent", "BM_RawSetThenWait"}});
 }

@@ -7,7 +7,6 @@
 //     simple suffix pattern and for one with several wildcards and a set.
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_support.h"
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
@@ -15,6 +14,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "bench/bench_support.h"
 
 #include <cstdio>
 #include <map>

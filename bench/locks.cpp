@@ -12,8 +12,8 @@
 // the library's locks exist for threaded servers).
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_support.h"
 #include <pthread.h>
+#include "bench/bench_support.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -103,14 +103,13 @@ BENCHMARK(BM_AtomicFetchAdd);
 }  // namespace
 
 int main(int argc, char** argv) {
-    return tvbench::Main(
-        argc, argv,
-        {{"EnterCriticalSection+Leave / pthread_mutex lock+unlock", "BM_CriticalSection",
-          "BM_PthreadMutex"},
-         {"RWLock read lock+unlock / pthread_rwlock rdlock+unlock", "BM_RWLockRead",
-          "BM_PthreadRwlockRead"},
-         {"RWLock write lock+unlock / pthread_rwlock wrlock+unlock", "BM_RWLockWrite",
-          "BM_PthreadRwlockWrite"},
-         {"InterlockedIncrement / std::atomic<long>::fetch_add", "BM_InterlockedIncrement",
-          "BM_AtomicFetchAdd"}});
+    return tvbench::Main(argc, argv,
+                         {{"EnterCriticalSection+Leave / pthread_mutex lock+unlock",
+                           "BM_CriticalSection", "BM_PthreadMutex"},
+                          {"RWLock read lock+unlock / pthread_rwlock rdlock+unlock",
+                           "BM_RWLockRead", "BM_PthreadRwlockRead"},
+                          {"RWLock write lock+unlock / pthread_rwlock wrlock+unlock",
+                           "BM_RWLockWrite", "BM_PthreadRwlockWrite"},
+                          {"InterlockedIncrement / std::atomic<long>::fetch_add",
+                           "BM_InterlockedIncrement", "BM_AtomicFetchAdd"}});
 }

@@ -7,13 +7,13 @@
 // The tree is made under /tmp at start and removed at the end.
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_support.h"
 #include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "bench/bench_support.h"
 
 #include <cstdio>
 #include <map>
@@ -155,12 +155,12 @@ BENCHMARK(BM_ScanOnePercentChanged)->Unit(benchmark::kMillisecond)->UseRealTime(
 
 int main(int argc, char** argv) {
     MakeTree();
-    int rc = tvbench::Main(argc, argv,
-                           {{"scan pass, unchanged tree / readdir+lstat walk",
-                             "BM_ScanUnchanged/real_time", "BM_FloorReaddirLstat/real_time"},
-                            {"scan pass after 1% changed / readdir+lstat walk",
-                             "BM_ScanOnePercentChanged/real_time",
-                             "BM_FloorReaddirLstat/real_time"}});
+    int rc =
+        tvbench::Main(argc, argv,
+                      {{"scan pass, unchanged tree / readdir+lstat walk",
+                        "BM_ScanUnchanged/real_time", "BM_FloorReaddirLstat/real_time"},
+                       {"scan pass after 1% changed / readdir+lstat walk",
+                        "BM_ScanOnePercentChanged/real_time", "BM_FloorReaddirLstat/real_time"}});
     RemoveTree();
     return rc;
 }

@@ -6,10 +6,10 @@
 //  - floor: posix_spawn + waitpid.
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_support.h"
 #include <spawn.h>
 #include <string.h>
 #include <sys/wait.h>
+#include "bench/bench_support.h"
 
 #include <cstdio>
 #include <map>
@@ -88,8 +88,7 @@ int main(int argc, char** argv) {
         argc, argv,
         {{"spawn+wait+exit code of /bin/true (tracing) / posix_spawn+waitpid",
           "BM_LibWaitTracing/real_time", floor},
-         {"spawn+wait+exit code (pidfd) / posix_spawn+waitpid", "BM_LibWaitPidFd/real_time",
-          floor},
+         {"spawn+wait+exit code (pidfd) / posix_spawn+waitpid", "BM_LibWaitPidFd/real_time", floor},
          {"spawn+GetExitCodeProcess / posix_spawn+waitpid", "BM_LibExitCodeOnly/real_time",
           floor}});
 }

@@ -149,10 +149,10 @@ int main(int argc, char** argv) {
             double mb = static_cast<double>(F().bytes) / 1e6;
             double first = r.ns("BM_FirstRead"), gl = r.ns("BM_FloorGetline");
             if (first > 0 && gl > 0) {
-                std::printf("first read %.1f MB/s vs getline %.1f MB/s (file %.0f KB); "
-                            "unordered_map lookup %.1f ns\n",
-                            mb / (first * 1e-9), mb / (gl * 1e-9), mb * 1000,
-                            r.ns("BM_FloorUnorderedMap"));
+                std::printf(
+                    "first read %.1f MB/s vs getline %.1f MB/s (file %.0f KB); "
+                    "unordered_map lookup %.1f ns\n",
+                    mb / (first * 1e-9), mb / (gl * 1e-9), mb * 1000, r.ns("BM_FloorUnorderedMap"));
             }
         });
 }

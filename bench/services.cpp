@@ -7,10 +7,10 @@
 // generator instead advances a counter within the tick.
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_support.h"
 #include <stdio.h>
 #include <string.h>
 #include <uuid/uuid.h>
+#include "bench/bench_support.h"
 
 #include <map>
 #include <string>
@@ -118,12 +118,11 @@ BENCHMARK(BM_Snprintf3Inserts);
 }  // namespace
 
 int main(int argc, char** argv) {
-    return tvbench::Main(
-        argc, argv,
-        {{"UuidCreate+UuidToString / uuid_generate_time+unparse", "BM_UuidCreateToString",
-          "BM_LibuuidGenerateTimeUnparse"},
-         {"UuidToString / uuid_unparse", "BM_UuidToString", "BM_LibuuidUnparse"},
-         {"UuidFromString / uuid_parse", "BM_UuidFromString", "BM_LibuuidParse"},
-         {"FormatMessage, 3 inserts / snprintf", "BM_FormatMessage3Inserts",
-          "BM_Snprintf3Inserts"}});
+    return tvbench::Main(argc, argv,
+                         {{"UuidCreate+UuidToString / uuid_generate_time+unparse",
+                           "BM_UuidCreateToString", "BM_LibuuidGenerateTimeUnparse"},
+                          {"UuidToString / uuid_unparse", "BM_UuidToString", "BM_LibuuidUnparse"},
+                          {"UuidFromString / uuid_parse", "BM_UuidFromString", "BM_LibuuidParse"},
+                          {"FormatMessage, 3 inserts / snprintf", "BM_FormatMessage3Inserts",
+                           "BM_Snprintf3Inserts"}});
 }

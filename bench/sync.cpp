@@ -8,8 +8,8 @@
 //     condition variable work queue with the same number of threads.
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_support.h"
 #include <pthread.h>
+#include "bench/bench_support.h"
 
 #include <atomic>
 #include <cstdio>

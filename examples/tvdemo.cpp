@@ -46,7 +46,9 @@ const char kTemplate[] =
 
 volatile sig_atomic_t g_stop = 0;
 
-void OnSignal(int) { g_stop = 1; }
+void OnSignal(int) {
+    g_stop = 1;
+}
 
 void Log(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 void Log(const char* fmt, ...) {
@@ -143,17 +145,14 @@ void RecordResult(const Job& job, unsigned long lines, unsigned long words, unsi
     std::string keyPath = std::string(kResultsKey) + "\\" + job.name;
     HKEY key = 0;
     DWORD disposition = 0;
-    if (RegCreateKeyEx(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                       nullptr, &key, &disposition) != 0) {
+    if (RegCreateKeyEx(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                       &key, &disposition) != 0) {
         Log("cannot create %s", keyPath.c_str());
         return;
     }
-    RegSetValueEx(key, "Lines", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&lines),
-                  sizeof lines);
-    RegSetValueEx(key, "Words", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&words),
-                  sizeof words);
-    RegSetValueEx(key, "Bytes", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&bytes),
-                  sizeof bytes);
+    RegSetValueEx(key, "Lines", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&lines), sizeof lines);
+    RegSetValueEx(key, "Words", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&words), sizeof words);
+    RegSetValueEx(key, "Bytes", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&bytes), sizeof bytes);
     char when[64];
     SYSTEMTIME st;
     GetSystemTime(&st);
@@ -188,7 +187,9 @@ void ProcessFile(void* item) {
     PublishLoad();
 }
 
-void DropJob(void* item) { delete static_cast<Job*>(item); }
+void DropJob(void* item) {
+    delete static_cast<Job*>(item);
+}
 
 // Parses the records of one collection and queues every added file.
 void QueueAdded(const unsigned char* buf, unsigned long bytes, const std::string& inbox,
@@ -260,8 +261,7 @@ int main(int argc, char** argv) {
     if (runOverride >= 0) settings.runSeconds = static_cast<unsigned long>(runOverride);
     CreateDirectory(settings.inbox.c_str(), nullptr);
     Log("%s starting: registry %s, inbox %s, %lu workers, run %lus", settings.name.c_str(),
-        GetRegistryPath().c_str(), settings.inbox.c_str(), settings.workers,
-        settings.runSeconds);
+        GetRegistryPath().c_str(), settings.inbox.c_str(), settings.workers, settings.runSeconds);
 
     // The lazy writer flushes registry changes twice a second.
     static int lazyInterval = 500;
@@ -323,8 +323,8 @@ int main(int argc, char** argv) {
     char stamp[64];
     SYSTEMTIME now;
     GetSystemTime(&now);
-    snprintf(stamp, sizeof stamp, "%04u-%02u-%02uT%02u:%02u:%02uZ", now.wYear, now.wMonth,
-             now.wDay, now.wHour, now.wMinute, now.wSecond);
+    snprintf(stamp, sizeof stamp, "%04u-%02u-%02uT%02u:%02u:%02uZ", now.wYear, now.wMonth, now.wDay,
+             now.wHour, now.wMinute, now.wSecond);
     const std::string ini = root + "tvdemo.ini";
     WritePrivateProfileString("server", "last_stop", stamp, ini.c_str());
     yuWriteAndFreeAllProfiles();

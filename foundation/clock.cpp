@@ -4,9 +4,9 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include "handles/wait_internal.h"
 #include "tvcommonutil/foundation.h"
 #include "tvcommonutil/handles.h"
-#include "handles/wait_internal.h"
 
 const CTimeValue CTimeValue::maxTime(LONG_MAX, 999999);
 
@@ -75,7 +75,9 @@ unsigned long long GetMilliTime() {
     return result;
 }
 
-unsigned long long GetElapsedTime(unsigned long long start) { return GetMilliTime() - start; }
+unsigned long long GetElapsedTime(unsigned long long start) {
+    return GetMilliTime() - start;
+}
 
 void FixTimeout(timespec& deadline, long ms) {
     long secPart = 0;

@@ -15,9 +15,13 @@ namespace {
 
 pthread_once_t key_once = PTHREAD_ONCE_INIT;
 
-void MakeKey() { pthread_key_create(&ThreadContextKey, ThreadContextKeyDestructor); }
+void MakeKey() {
+    pthread_key_create(&ThreadContextKey, ThreadContextKeyDestructor);
+}
 
-void KwThreadInit() { pthread_once(&key_once, MakeKey); }
+void KwThreadInit() {
+    pthread_once(&key_once, MakeKey);
+}
 
 // The key exists before any user thread can call in.
 struct ThreadContextInit {

@@ -11,11 +11,15 @@
 
 namespace {
 
-pthread_t Owner(const _critsection* cs) { return __atomic_load_n(&cs->owner, __ATOMIC_RELAXED); }
+pthread_t Owner(const _critsection* cs) {
+    return __atomic_load_n(&cs->owner, __ATOMIC_RELAXED);
+}
 
 // A plain atomic store: ordering comes from the mutex itself, so the
 // owner word needs no locked instruction of its own.
-void SetOwner(_critsection* cs, pthread_t t) { __atomic_store_n(&cs->owner, t, __ATOMIC_RELAXED); }
+void SetOwner(_critsection* cs, pthread_t t) {
+    __atomic_store_n(&cs->owner, t, __ATOMIC_RELAXED);
+}
 
 }  // namespace
 

@@ -105,11 +105,17 @@ Event::~Event() {
     delete[] listeners_;
 }
 
-int Event::What() { return kHandleEvent; }
+int Event::What() {
+    return kHandleEvent;
+}
 
-bool Event::PeekSignalled() const { return __atomic_load_n(&signalled_, __ATOMIC_ACQUIRE) != 0; }
+bool Event::PeekSignalled() const {
+    return __atomic_load_n(&signalled_, __ATOMIC_ACQUIRE) != 0;
+}
 
-int Event::EventIsSignaled() const { return PeekSignalled() ? 1 : 0; }
+int Event::EventIsSignaled() const {
+    return PeekSignalled() ? 1 : 0;
+}
 
 bool Event::TryConsume() {
     if (!PeekSignalled()) return false;
@@ -224,7 +230,9 @@ Event* Event::GetSynch(int& signalled) {
     return this;
 }
 
-long Event::GetEventData() const { return __atomic_load_n(&data_, __ATOMIC_ACQUIRE); }
+long Event::GetEventData() const {
+    return __atomic_load_n(&data_, __ATOMIC_ACQUIRE);
+}
 
 int Event::SetEventData(long d) {
     pthread_t self = pthread_self();
@@ -246,9 +254,13 @@ void Event::RevStamp(unsigned long rev, int saveData) {
     __atomic_store_n(&lastRev_, rev, __ATOMIC_RELEASE);
 }
 
-unsigned long Event::GetLastRev() const { return __atomic_load_n(&lastRev_, __ATOMIC_ACQUIRE); }
+unsigned long Event::GetLastRev() const {
+    return __atomic_load_n(&lastRev_, __ATOMIC_ACQUIRE);
+}
 
-long Event::GetLastData() const { return __atomic_load_n(&lastData_, __ATOMIC_ACQUIRE); }
+long Event::GetLastData() const {
+    return __atomic_load_n(&lastData_, __ATOMIC_ACQUIRE);
+}
 
 void Event::AddListener(MultiEvent* m) {
     int pos = 0;
@@ -286,9 +298,21 @@ Handle* CreateEvent(SECURITY_ATTRIBUTES* sa, BOOL manualReset, BOOL initialState
     return EventCreate(sa, manualReset, initialState, name);
 }
 
-BOOL EventSet(Handle* h) { return h ? h->Set() : FALSE; }
-BOOL SetEvent(Handle* h) { return EventSet(h); }
-BOOL EventReset(Handle* h) { return h ? h->Reset() : FALSE; }
-BOOL ResetEvent(Handle* h) { return EventReset(h); }
-BOOL EventPulse(Handle* h) { return h ? h->Pulse() : FALSE; }
-BOOL PulseEvent(Handle* h) { return EventPulse(h); }
+BOOL EventSet(Handle* h) {
+    return h ? h->Set() : FALSE;
+}
+BOOL SetEvent(Handle* h) {
+    return EventSet(h);
+}
+BOOL EventReset(Handle* h) {
+    return h ? h->Reset() : FALSE;
+}
+BOOL ResetEvent(Handle* h) {
+    return EventReset(h);
+}
+BOOL EventPulse(Handle* h) {
+    return h ? h->Pulse() : FALSE;
+}
+BOOL PulseEvent(Handle* h) {
+    return EventPulse(h);
+}

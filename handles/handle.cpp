@@ -10,15 +10,21 @@ Handle::~Handle() {
     if (synch_) synch_->DecRefCount();
 }
 
-int Handle::What() { return kHandleBase; }
+int Handle::What() {
+    return kHandleBase;
+}
 
-unsigned long Handle::WaitForHandle(unsigned long, int) { return WAIT_OBJECT_0; }
+unsigned long Handle::WaitForHandle(unsigned long, int) {
+    return WAIT_OBJECT_0;
+}
 
 unsigned long Handle::WaitForMultipleHandles(unsigned long, Handle**, int, unsigned long, int) {
     return WAIT_OBJECT_0;
 }
 
-int Handle::Set() { return 0; }
+int Handle::Set() {
+    return 0;
+}
 
 int Handle::Reset() {
     if (Event* e = __atomic_load_n(&synch_, __ATOMIC_ACQUIRE)) {
@@ -28,7 +34,9 @@ int Handle::Reset() {
     return 0;
 }
 
-int Handle::Pulse() { return 0; }
+int Handle::Pulse() {
+    return 0;
+}
 
 Event* Handle::GetSynch(int& signalled) {
     Event* e = __atomic_load_n(&synch_, __ATOMIC_ACQUIRE);
@@ -57,7 +65,9 @@ int Handle::Signal() {
     return 0;
 }
 
-long Handle::IncRefCount() { return InterlockedIncrement(&refCount_); }
+long Handle::IncRefCount() {
+    return InterlockedIncrement(&refCount_);
+}
 
 long Handle::DecRefCount() {
     long n = InterlockedDecrement(&refCount_);
@@ -65,7 +75,9 @@ long Handle::DecRefCount() {
     return n;
 }
 
-long Handle::GetRefCount() const { return __atomic_load_n(&refCount_, __ATOMIC_RELAXED); }
+long Handle::GetRefCount() const {
+    return __atomic_load_n(&refCount_, __ATOMIC_RELAXED);
+}
 
 File::File(int fd) : Handle(1), fd_(fd) {}
 
@@ -73,7 +85,9 @@ File::~File() {
     if (fd_ != -1) close(fd_);
 }
 
-int File::What() { return kHandleFile; }
+int File::What() {
+    return kHandleFile;
+}
 
 BOOL HandleClose(Handle* h) {
     if (h == nullptr) return FALSE;
@@ -81,7 +95,9 @@ BOOL HandleClose(Handle* h) {
     return TRUE;
 }
 
-BOOL CloseHandle(Handle* h) { return HandleClose(h); }
+BOOL CloseHandle(Handle* h) {
+    return HandleClose(h);
+}
 
 BOOL DuplicateHandle(Handle*, Handle* source, Handle*, Handle** target, DWORD, BOOL, DWORD) {
     if (source == nullptr) return FALSE;
@@ -95,4 +111,6 @@ DWORD WaitForSingleObjectEx(Handle* h, DWORD ms, BOOL alertable) {
     return h->WaitForHandle(ms, alertable);
 }
 
-DWORD WaitForSingleObject(Handle* h, DWORD ms) { return WaitForSingleObjectEx(h, ms, FALSE); }
+DWORD WaitForSingleObject(Handle* h, DWORD ms) {
+    return WaitForSingleObjectEx(h, ms, FALSE);
+}

@@ -17,9 +17,13 @@ pthread_mutex_t hInterlockMutex = PTHREAD_MUTEX_INITIALIZER;
 
 struct SigIll {};
 
-void ThrowSigIll(int) { throw SigIll(); }
+void ThrowSigIll(int) {
+    throw SigIll();
+}
 
-bool NativeAtomics() { return __atomic_load_n(&lArchHasAtomicOps, __ATOMIC_RELAXED) != 0; }
+bool NativeAtomics() {
+    return __atomic_load_n(&lArchHasAtomicOps, __ATOMIC_RELAXED) != 0;
+}
 
 // Runs at load; each subsystem has its own initialiser object and none of
 // them depends on another (the functions above also work before the probe).
@@ -34,7 +38,9 @@ long AtomicAdd32(long* p, long delta, int returnOld) {
     return returnOld ? old : old + delta;
 }
 
-long AtomicExchange32(long* p, long v) { return __atomic_exchange_n(p, v, __ATOMIC_SEQ_CST); }
+long AtomicExchange32(long* p, long v) {
+    return __atomic_exchange_n(p, v, __ATOMIC_SEQ_CST);
+}
 
 long InterlockedIncrement(long* p) {
     if (NativeAtomics()) return AtomicAdd32(p, 1, 0);

@@ -37,9 +37,13 @@ MultiEvent::MultiEvent(int capacity)
       signalledIndex_(-1),
       array_(capacity > 0 ? new Handle*[capacity]() : nullptr) {}
 
-MultiEvent::~MultiEvent() { delete[] array_; }
+MultiEvent::~MultiEvent() {
+    delete[] array_;
+}
 
-int MultiEvent::What() { return kHandleMultiEvent; }
+int MultiEvent::What() {
+    return kHandleMultiEvent;
+}
 
 int MultiEvent::PostEvent(Event* e) {
     if (capacity_ == 0 || array_ == nullptr) return 0;
@@ -53,7 +57,9 @@ int MultiEvent::PostEvent(Event* e) {
 
 namespace {
 
-Event* AsEvent(Handle* h) { return static_cast<Event*>(h); }
+Event* AsEvent(Handle* h) {
+    return static_cast<Event*>(h);
+}
 
 // Milliseconds left until `deadline` (GetMilliTime based), 0 when past.
 unsigned long Remaining(unsigned long ms, unsigned long long start) {

@@ -3,16 +3,16 @@
 #ifndef TVCOMMONUTIL_H
 #define TVCOMMONUTIL_H
 
-#include "tvcommonutil/types.h"
-#include "tvcommonutil/strings.h"
+#include "tvcommonutil/files.h"
 #include "tvcommonutil/foundation.h"
 #include "tvcommonutil/handles.h"
-#include "tvcommonutil/threads.h"
-#include "tvcommonutil/processes.h"
-#include "tvcommonutil/registry.h"
-#include "tvcommonutil/files.h"
 #include "tvcommonutil/notify.h"
+#include "tvcommonutil/processes.h"
 #include "tvcommonutil/profile.h"
+#include "tvcommonutil/registry.h"
 #include "tvcommonutil/services.h"
+#include "tvcommonutil/strings.h"
+#include "tvcommonutil/threads.h"
+#include "tvcommonutil/types.h"
 
 #endif  // TVCOMMONUTIL_H

@@ -158,7 +158,6 @@ bool RegistryFileOwner(uid_t& uid, gid_t& gid, mode_t& mode) {
     return true;
 }
 
-
 void RegistryResetForTests() {
     ResetSharingForTests();
     ClearRegistryTree();

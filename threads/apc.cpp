@@ -14,9 +14,15 @@
 namespace tv {
 namespace detail {
 
-int ApcSignal() { return SIGRTMIN; }
-int SuspendSignal() { return SIGRTMIN + 1; }
-int ResumeSignal() { return SIGRTMIN + 2; }
+int ApcSignal() {
+    return SIGRTMIN;
+}
+int SuspendSignal() {
+    return SIGRTMIN + 1;
+}
+int ResumeSignal() {
+    return SIGRTMIN + 2;
+}
 
 void EnsureThreadSignals() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
@@ -73,12 +79,14 @@ void UserAPCInit() {
     pthread_sigmask(SIG_BLOCK, &block, nullptr);
 }
 
-int UserAPCCheck() { return static_cast<TvPlatformThread*>(GetCurrentThread())->CheckAPC(); }
+int UserAPCCheck() {
+    return static_cast<TvPlatformThread*>(GetCurrentThread())->CheckAPC();
+}
 
 DWORD QueueUserAPC(void (*fn)(ULONG_PTR), Handle* thread, ULONG_PTR data) {
     if (thread == nullptr) return 0xFFFFFFFFUL;
-    static_cast<TvPlatformThread*>(thread)->QueueAPC(
-        ForwardApc, reinterpret_cast<void*>(fn), reinterpret_cast<void*>(data), nullptr);
+    static_cast<TvPlatformThread*>(thread)->QueueAPC(ForwardApc, reinterpret_cast<void*>(fn),
+                                                     reinterpret_cast<void*>(data), nullptr);
     return 0;
 }
 
@@ -119,7 +127,9 @@ DWORD SleepEx(DWORD ms, BOOL alertable) {
     return 0;
 }
 
-void Sleep(DWORD ms) { SleepEx(ms, FALSE); }
+void Sleep(DWORD ms) {
+    SleepEx(ms, FALSE);
+}
 
 BOOL GetMessage(void*, void*, UINT, UINT) {
     pause();

@@ -35,13 +35,21 @@ TvPlatformThread::TvPlatformThread(pthread_t tid, int initialCount)
     Handle::GetSynch(ignored);
 }
 
-TvPlatformThread::~TvPlatformThread() { pthread_mutex_destroy(&mutex_); }
+TvPlatformThread::~TvPlatformThread() {
+    pthread_mutex_destroy(&mutex_);
+}
 
-int TvPlatformThread::What() { return kHandleThread; }
+int TvPlatformThread::What() {
+    return kHandleThread;
+}
 
-pthread_t TvPlatformThread::GetTid() const { return __atomic_load_n(&tid_, __ATOMIC_ACQUIRE); }
+pthread_t TvPlatformThread::GetTid() const {
+    return __atomic_load_n(&tid_, __ATOMIC_ACQUIRE);
+}
 
-void TvPlatformThread::SetTid(pthread_t tid) { __atomic_store_n(&tid_, tid, __ATOMIC_RELEASE); }
+void TvPlatformThread::SetTid(pthread_t tid) {
+    __atomic_store_n(&tid_, tid, __ATOMIC_RELEASE);
+}
 
 void TvPlatformThread::SetState(ThreadState_t state) {
     pthread_mutex_lock(&mutex_);
@@ -202,7 +210,9 @@ AlertableWaitScope::~AlertableWaitScope() {
 
 namespace {
 
-void TerminateThroughAbort() { kw_abort(); }
+void TerminateThroughAbort() {
+    kw_abort();
+}
 
 }  // namespace
 
@@ -261,15 +271,25 @@ Handle* GetCurrentThread() {
     return t;
 }
 
-void ExitThread(DWORD) { pthread_exit(nullptr); }
+void ExitThread(DWORD) {
+    pthread_exit(nullptr);
+}
 
-BOOL TerminateThread(Handle*, DWORD) { return TRUE; }
+BOOL TerminateThread(Handle*, DWORD) {
+    return TRUE;
+}
 
-DWORD SuspendThread(Handle* h) { return static_cast<TvPlatformThread*>(h)->Suspend(); }
+DWORD SuspendThread(Handle* h) {
+    return static_cast<TvPlatformThread*>(h)->Suspend();
+}
 
-DWORD ResumeThread(Handle* h) { return static_cast<TvPlatformThread*>(h)->Resume(); }
+DWORD ResumeThread(Handle* h) {
+    return static_cast<TvPlatformThread*>(h)->Resume();
+}
 
-BOOL SetThreadPriority(Handle*, int) { return FALSE; }
+BOOL SetThreadPriority(Handle*, int) {
+    return FALSE;
+}
 
 int GetThreadPriority(Handle* h) {
     int policy = 0;
@@ -279,7 +299,9 @@ int GetThreadPriority(Handle* h) {
     return rc != 0 ? rc : param.sched_priority;
 }
 
-int unixthread_attr_init(pthread_attr_t* attr) { return pthread_attr_init(attr); }
+int unixthread_attr_init(pthread_attr_t* attr) {
+    return pthread_attr_init(attr);
+}
 
 int unixthread_create(pthread_t* tid, pthread_attr_t* attr, void* (*start)(void*), void* arg) {
     return pthread_create(tid, attr, start, arg);

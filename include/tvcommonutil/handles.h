@@ -84,13 +84,13 @@ private:
 // ---------------------------------------------------------------------------
 // Interlocked operations (on the full 64-bit long)
 // ---------------------------------------------------------------------------
-TV_API long InterlockedIncrement(long* p);                  // new value
-TV_API long InterlockedDecrement(long* p);                  // new value
-TV_API long InterlockedExchange(long* p, long v);           // old value
-TV_API long InterlockedExchangeAdd(long* p, long delta);    // old value
+TV_API long InterlockedIncrement(long* p);                // new value
+TV_API long InterlockedDecrement(long* p);                // new value
+TV_API long InterlockedExchange(long* p, long v);         // old value
+TV_API long InterlockedExchangeAdd(long* p, long delta);  // old value
 // New value, or the old one when returnOld is non-zero.
 TV_API long AtomicAdd32(long* p, long delta, int returnOld);
-TV_API long AtomicExchange32(long* p, long v);              // old value
+TV_API long AtomicExchange32(long* p, long v);  // old value
 // Start-up probe for native atomic instructions; run once at load.
 TV_API void __init_InterLockedSwitch();
 // Non-zero once the probe found native atomics; 0 selects the mutex fallback.
@@ -224,8 +224,8 @@ public:
     virtual int What();
     // An object without wait logic counts as always signalled.
     virtual unsigned long WaitForHandle(unsigned long ms, int alertable);
-    virtual unsigned long WaitForMultipleHandles(unsigned long count, Handle** handles,
-                                                 int waitAll, unsigned long ms, int alertable);
+    virtual unsigned long WaitForMultipleHandles(unsigned long count, Handle** handles, int waitAll,
+                                                 unsigned long ms, int alertable);
     virtual int Set();
     virtual int Reset();
     virtual int Pulse();

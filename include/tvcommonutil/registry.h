@@ -319,7 +319,6 @@ private:
     bool fdClosed_;   // CloseFile() closed fd_ but left its value in place
 };
 
-
 // ---------------------------------------------------------------------------
 // Registry status for tools
 // ---------------------------------------------------------------------------

@@ -1,4 +1,5 @@
-// UUIDs, host names, dynamic libraries and FormatMessage, system information and calendar time, the server load region, CTvAsciiEncode, integer/text conversions, KwRandom.
+// UUIDs, host names, dynamic libraries and FormatMessage, system information and calendar time, the
+// server load region, CTvAsciiEncode, integer/text conversions, KwRandom.
 #ifndef TVCOMMONUTIL_SERVICES_H
 #define TVCOMMONUTIL_SERVICES_H
 
@@ -43,7 +44,6 @@ TV_API long RpcStringFree(unsigned char** string);
 // Orders by Data1, Data2, Data3, then Data4[0..7], all unsigned: -1, 0 or 1.
 // *status (when given) is set to 0. Both records must be non-null.
 TV_API int UuidCompare(_GUID* a, _GUID* b, long* status);
-
 
 // ---------------------------------------------------------------------------
 // Host names (CTvOS)
@@ -92,7 +92,6 @@ public:
     // which must hold 32 bytes. skipIPv6 passes over IPv6 results.
     static bool tv_resolveIP(const char* host, int port, char* numericHost, bool skipIPv6);
 };
-
 
 // ---------------------------------------------------------------------------
 // Dynamic libraries, message catalogs and FormatMessage
@@ -144,7 +143,6 @@ TV_API int FormatMessage(unsigned long flags, const void* source, unsigned long 
 // modifier or I64, one of d i o u x X c s p); any other <fmt>, or a null
 // argument array, inserts nothing.
 TV_API int DoFormatMsg(const char* text, char* out, int size, unsigned long* arguments);
-
 
 // ---------------------------------------------------------------------------
 // System information and calendar time
@@ -229,7 +227,6 @@ constexpr DWORD TIME_ZONE_ID_DAYLIGHT = 2;
 // saving time, else 1.
 TV_API DWORD GetTimeZoneInformation(_TIME_ZONE_INFORMATION* tz);
 
-
 // ---------------------------------------------------------------------------
 // Server load region
 // ---------------------------------------------------------------------------
@@ -261,7 +258,6 @@ TV_API int KwSetServerLoad(unsigned long load, long* target);
 // Always 1; they change nothing.
 TV_API int KwSetServerRestricted();
 TV_API int KwSetServerUnrestricted();
-
 
 // ---------------------------------------------------------------------------
 // Small conversions: CTvAsciiEncode, integer/text, case, KwRandom

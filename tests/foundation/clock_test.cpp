@@ -24,7 +24,9 @@ TEST(TimeValue, NormalisesSignsAndCarries) {
 }
 
 namespace {
-long long Nanos(const timespec& t) { return t.tv_sec * 1000000000LL + t.tv_nsec; }
+long long Nanos(const timespec& t) {
+    return t.tv_sec * 1000000000LL + t.tv_nsec;
+}
 long long NowNanos() {
     timespec t;
     clock_gettime(CLOCK_REALTIME, &t);

@@ -58,7 +58,8 @@ TEST(Diagnostics, BeepAndUnixErr) {
     std::string out = CaptureStderr([] { EXPECT_EQ(0, Beep(440, 100)); });
     EXPECT_EQ("Beep( 440, 100 ) consider yourself \a beeped\n", out);
     // No newline is added; the text is written as formatted.
-    EXPECT_EQ("cannot open /x/y, 2", CaptureStderr([] { unix_err("cannot open %s, %d", "/x/y", 2); }));
+    EXPECT_EQ("cannot open /x/y, 2",
+              CaptureStderr([] { unix_err("cannot open %s, %d", "/x/y", 2); }));
     // The buffer holds 2048 bytes; longer texts are cut, never overflowed.
     std::string big(5000, 'a');
     EXPECT_EQ(2047u, CaptureStderr([&] { unix_err("%s", big.c_str()); }).size());
@@ -76,7 +77,8 @@ TEST(Diagnostics, AssertPromptDialogue) {
     fclose(out);
     std::string prompt(outbuf, outlen);
     free(outbuf);
-    EXPECT_NE(std::string::npos, prompt.find(", Assertion in file.cpp, line 12. Expression: x > 0\n"));
+    EXPECT_NE(std::string::npos,
+              prompt.find(", Assertion in file.cpp, line 12. Expression: x > 0\n"));
     EXPECT_EQ(0u, prompt.find("Thread="));
     // Asked twice: once answered with an unsupported reply, then y.
     size_t first = prompt.find("Continue? y/[n] ");

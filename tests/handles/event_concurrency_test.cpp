@@ -35,10 +35,9 @@ struct Slots {
 
 // Waits for one of the slot events; with a single slot a plain wait.
 long WaitSlot(std::vector<Handle*>& events) {
-    DWORD r = events.size() == 1
-                  ? WaitForSingleObjectEx(events[0], kStuck, FALSE)
-                  : WaitForMultipleObjectsEx(static_cast<DWORD>(events.size()), events.data(),
-                                             FALSE, kStuck, FALSE);
+    DWORD r = events.size() == 1 ? WaitForSingleObjectEx(events[0], kStuck, FALSE)
+                                 : WaitForMultipleObjectsEx(static_cast<DWORD>(events.size()),
+                                                            events.data(), FALSE, kStuck, FALSE);
     return r < events.size() ? static_cast<long>(r) : -1;
 }
 
@@ -102,6 +101,10 @@ void RunStress(int slotCount) {
 
 }  // namespace
 
-TEST(EventStress, SingleSlotEveryWakeUpAccountedFor) { RunStress(1); }
+TEST(EventStress, SingleSlotEveryWakeUpAccountedFor) {
+    RunStress(1);
+}
 
-TEST(EventStress, WaitAnyOverSixteenEvents) { RunStress(16); }
+TEST(EventStress, WaitAnyOverSixteenEvents) {
+    RunStress(16);
+}

@@ -18,7 +18,9 @@ long MsSince(Clock::time_point t) {
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
 }
 
-bool IsSignalled(Handle* h) { return static_cast<Event*>(h)->EventIsSignaled() != 0; }
+bool IsSignalled(Handle* h) {
+    return static_cast<Event*>(h)->EventIsSignaled() != 0;
+}
 
 // Starts `fn` on a thread and returns once that thread is asleep in the
 // kernel (inside the wait under test).

@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -382,8 +382,8 @@ TV_TEST_CHILD(reg_lock_and_log) {
 TEST(RegistryMultiProcess, AttachingWhileTheLastProcessCleansUp) {
     RegistryEnv env;
     const std::string log = env.file("order.log");
-    pid_t a = tvtest::SpawnChild("reg_clean_while_attaching",
-                                 {env.lockFile(), env.file("a.ready"), log});
+    pid_t a =
+        tvtest::SpawnChild("reg_clean_while_attaching", {env.lockFile(), env.file("a.ready"), log});
     ASSERT_TRUE(regtest::WaitForFile(env.file("a.ready")));
     pid_t b = tvtest::SpawnChild("reg_lock_and_log", {env.lockFile(), log, "B", "hold"});
     ASSERT_EQ(0, regtest::WaitChildFor(a, 60));

@@ -53,7 +53,9 @@ TempDir::TempDir() {
     path_ = buf.data();
 }
 
-TempDir::~TempDir() { RemoveTree(path_); }
+TempDir::~TempDir() {
+    RemoveTree(path_);
+}
 
 bool RegisterChild(const std::string& name, ChildMain fn) {
     Children()[name] = std::move(fn);

@@ -47,10 +47,10 @@ bool FileExists(const std::string& path);
 #define TV_TEST_CONCAT2(a, b) a##b
 #define TV_TEST_CONCAT(a, b) TV_TEST_CONCAT2(a, b)
 // Registers a child entry point: TV_TEST_CHILD(name) { ... return 0; }
-#define TV_TEST_CHILD(name)                                                            \
-    static int tv_child_##name(const std::vector<std::string>& args);                \
-    static const bool TV_TEST_CONCAT(tv_child_reg_, name) =                           \
-        ::tvtest::RegisterChild(#name, tv_child_##name);                              \
+#define TV_TEST_CHILD(name)                                           \
+    static int tv_child_##name(const std::vector<std::string>& args); \
+    static const bool TV_TEST_CONCAT(tv_child_reg_, name) =           \
+        ::tvtest::RegisterChild(#name, tv_child_##name);              \
     static int tv_child_##name(const std::vector<std::string>& args)
 
 #endif  // TV_TEST_SUPPORT_H

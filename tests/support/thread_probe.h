@@ -16,7 +16,9 @@
 
 namespace tvtest {
 
-inline pid_t CurrentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+inline pid_t CurrentTid() {
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
 
 // The scheduler state letter of thread `tid` ('R', 'S', 'D', 'T', ...).
 inline char ThreadState(pid_t tid) {

@@ -565,7 +565,6 @@ TEST_F(Tvreg, ConcurrentSetsAllLand) {
     }
 }
 
-
 TEST_F(Tvreg, WatchSeesAnotherProcessChangeAndEndsOnSigterm) {
     ASSERT_EQ(Run({"set", "HKLM\\Watched", "Level", "dword", "1"}).status, 0);
     int fds[2];
