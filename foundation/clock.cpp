@@ -1,10 +1,11 @@
 // Time values and the millisecond clocks. Everything reads the wall clock;
 // callers only ever compare or subtract readings.
+#include <errno.h>
 #include <limits.h>
 #include <sys/time.h>
 #include <time.h>
 
-#include "handles/wait_internal.h"
+#include "foundation/clock_internal.h"
 #include "tvcommonutil/foundation.h"
 #include "tvcommonutil/handles.h"
 
@@ -104,6 +105,12 @@ void DeadlineAfter(long secs, long msecs, timespec& deadline) {
         deadline.tv_nsec = sum * 1000000;
     }
     deadline.tv_sec += secs;
+}
+
+void SleepMs(long ms) {
+    timespec left = {ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&left, &left) == -1 && errno == EINTR) {
+    }
 }
 
 }  // namespace detail

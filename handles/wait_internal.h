@@ -4,6 +4,8 @@
 
 #include <time.h>
 
+#include "foundation/clock_internal.h"
+
 class Event;
 class Handle;
 class TvPlatformThread;
@@ -14,9 +16,6 @@ namespace detail {
 // Splits a millisecond time-out into whole seconds and milliseconds; 0 and
 // INFINITE give 0/0. Sub-second time-outs are kept (unlike FixTimeout).
 void SplitTimeout(unsigned long ms, long& secs, long& msecs);
-// CLOCK_REALTIME now plus the split time-out, with the nanoseconds rounded
-// up to whole milliseconds when a millisecond part is added.
-void DeadlineAfter(long secs, long msecs, timespec& deadline);
 
 // Records a finite alertable wait on `object` with the calling thread, so
 // that QueueAPC can end it through `wake` (which must take the object's lock

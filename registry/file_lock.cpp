@@ -25,6 +25,7 @@
 
 #include <string>
 
+#include "foundation/clock_internal.h"
 #include "foundation/diagnostics_internal.h"
 #include "tvcommonutil/registry.h"
 
@@ -46,12 +47,6 @@ bool TakesLock(int oflag) {
             return true;
         default:
             return false;
-    }
-}
-
-void SleepMs(long ms) {
-    timespec left = {0, ms * 1000000L};
-    while (nanosleep(&left, &left) == -1 && errno == EINTR) {
     }
 }
 
@@ -121,7 +116,7 @@ bool FileLock::OpenAndLockFile(const char* path, int oflag, int* status, bool ho
         if (fd < 0) {
             int err = errno;
             if (err == EMFILE) {
-                SleepMs(10);
+                tv::detail::SleepMs(10);
                 continue;
             }
             if (err == EEXIST && oflag != 0) {
@@ -152,7 +147,7 @@ bool FileLock::OpenAndLockFile(const char* path, int oflag, int* status, bool ho
         if (errno == EMFILE) {
             if (fd_ >= 0) close(fd_);
             fd_ = -1;
-            SleepMs(10);
+            tv::detail::SleepMs(10);
             continue;
         }
         if ((oflag & O_TRUNC) != 0 && fd_ >= 0) {

@@ -27,6 +27,7 @@
 #include <iomanip>
 #include <ostream>
 
+#include "foundation/clock_internal.h"
 #include "registry/registry_internal.h"
 #include "tvcommonutil/files.h"
 #include "tvcommonutil/services.h"
@@ -121,12 +122,6 @@ void AppendValueLine(std::string& out, const RegValue& v) {
     }
     out += word;
     out += '\n';
-}
-
-void SleepMs(long ms) {
-    timespec t = {ms / 1000, (ms % 1000) * 1000000L};
-    while (nanosleep(&t, &t) == -1 && errno == EINTR) {
-    }
 }
 
 }  // namespace

@@ -83,6 +83,7 @@
 
 #include <iostream>
 
+#include "foundation/clock_internal.h"
 #include "registry/registry_internal.h"
 
 namespace tv {
@@ -134,12 +135,6 @@ FileId IdOf(const struct stat& st) {
     id.mtime = st.st_mtim;
     id.ctime = st.st_ctim;
     return id;
-}
-
-void SleepMs(long ms) {
-    timespec t = {ms / 1000, (ms % 1000) * 1000000L};
-    while (nanosleep(&t, &t) == -1 && errno == EINTR) {
-    }
 }
 
 // SemLock / SemUnlock: semaphore 0, -1 / +1, with SEM_UNDO. A signal (the

@@ -18,6 +18,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "foundation/clock_internal.h"
 #include "registry/registry_internal.h"
 #include "tvcommonutil/files.h"
 
@@ -42,12 +43,6 @@ pthread_cond_t g_initCond = PTHREAD_COND_INITIALIZER;
 
 int g_lazyFlush = 0;    // bLazyFlush
 int g_flushNeeded = 0;  // bRegistryFlushNeeded
-
-void SleepMs(long ms) {
-    timespec t = {ms / 1000, (ms % 1000) * 1000000L};
-    while (nanosleep(&t, &t) == -1 && errno == EINTR) {
-    }
-}
 
 CKWString InstallPath() {
     CriticalSectionHolder hold(g_pathLock);
