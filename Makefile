@@ -1,6 +1,9 @@
 # Thin wrapper over the CMake presets. `make test` is the one command that
-# builds everything and runs every test; `make demo` runs the example server.
+# builds everything and runs every test; `make demo` builds only the library,
+# tvreg and the examples, then runs the example server; `make install` builds
+# only what it installs.
 JOBS ?= $(shell nproc)
+PROGRAMS = tvreg tvdemo first_program
 
 .PHONY: all dev release asan tsan fuzz test test-asan test-tsan bench demo install format clean
 
@@ -22,11 +25,19 @@ test-tsan: tsan
 bench: release
 	@for b in build/release/bench/bench_*; do echo "== $$b"; $$b; done
 
-demo: dev
+# The dev build directory, so that a later `make test` reuses these objects.
+demo:
+	cmake --preset dev >/dev/null
+	cmake --build --preset dev -j $(JOBS) --target $(PROGRAMS)
 	@bash examples/run_demo.sh build/dev
 
-install: release
-	cmake --install build/release --prefix $(or $(PREFIX),/usr/local)
+# A build directory of its own without tests or benchmarks, so an install
+# compiles the library, tvreg and the examples and nothing else.
+install:
+	cmake -S . -B build/install -G Ninja -DCMAKE_BUILD_TYPE=Release \
+	  -DTV_BUILD_TESTS=OFF -DTV_BUILD_BENCH=OFF >/dev/null
+	cmake --build build/install -j $(JOBS)
+	cmake --install build/install --prefix $(or $(PREFIX),/usr/local)
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

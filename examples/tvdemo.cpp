@@ -194,26 +194,22 @@ void DropJob(void* item) {
 // Parses the records of one collection and queues every added file.
 void QueueAdded(const unsigned char* buf, unsigned long bytes, const std::string& inbox,
                 TvThreadPool& pool) {
-    unsigned long off = 0;
-    while (off + 88 <= bytes) {
-        const unsigned char* rec = buf + off;
-        unsigned long next, action, attributes;
-        int nameLen;
-        memcpy(&next, rec, 8);
-        memcpy(&action, rec + 8, 8);
-        memcpy(&nameLen, rec + 16, 4);
-        memcpy(&attributes, rec + 24, 8);
-        if (nameLen < 0 || off + 88 + static_cast<unsigned long>(nameLen) > bytes) break;
-        std::string name(reinterpret_cast<const char*>(rec + 88), static_cast<size_t>(nameLen));
+    if (bytes < sizeof(NOTIFY_RECORD)) return;
+    for (const NOTIFY_RECORD* rec = reinterpret_cast<const NOTIFY_RECORD*>(buf); rec != nullptr;
+         rec = rec->Next()) {
+        const unsigned long off =
+            static_cast<unsigned long>(reinterpret_cast<const unsigned char*>(rec) - buf);
+        if (off + sizeof(NOTIFY_RECORD) > bytes || rec->FileNameLength < 0 ||
+            off + sizeof(NOTIFY_RECORD) + static_cast<unsigned long>(rec->FileNameLength) > bytes)
+            break;
+        std::string name(rec->FileName(), static_cast<size_t>(rec->FileNameLength));
         while (!name.empty() && name[0] == '/') name.erase(0, 1);
-        if (action == FILE_ACTION_ADDED && attributes != TV_FILE_ATTRIBUTE_DIRECTORY &&
+        if (rec->Action == FILE_ACTION_ADDED && rec->Attributes != TV_FILE_ATTRIBUTE_DIRECTORY &&
             !name.empty()) {
             InterlockedIncrement(&g_pending);
             PublishLoad();
             pool.Produce(new Job{inbox + "/" + name, name});
         }
-        if (next == 0) break;
-        off += next;
     }
 }
 
@@ -316,8 +312,7 @@ int main(int argc, char** argv) {
     CloseHandle(inbox);
     delete[] static_cast<unsigned char*>(buffer);
 
-    pthread_cancel(static_cast<TvPlatformThread*>(lazyWriter)->GetTid());  // writes via RegCleanup
-    WaitForSingleObjectEx(lazyWriter, INFINITE, FALSE);
+    RegStopLazyWriter(lazyWriter);  // writes what is still pending
     CloseHandle(lazyWriter);
 
     char stamp[64];

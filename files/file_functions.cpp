@@ -82,6 +82,12 @@ int DispositionFlags(unsigned long disposition, int flags) {
     }
 }
 
+// A null name is the caller's error, reported before any system call sees it.
+BOOL NullName() {
+    errno = EINVAL;
+    return FALSE;
+}
+
 }  // namespace
 
 Handle* CreateFile(const char* name, unsigned long desiredAccess, unsigned long /*shareMode*/,
@@ -101,6 +107,10 @@ Handle* CreateFile(const char* name, unsigned long desiredAccess, unsigned long 
         return tv::detail::OpenDirectoryForNotification(name);
     }
 
+    if (name == nullptr) {
+        NullName();
+        return INVALID_HANDLE_VALUE;
+    }
     const int fd = open(name, flags | O_CLOEXEC, 0644);
     if (fd < 0) return INVALID_HANDLE_VALUE;
     return new File(fd);
@@ -121,10 +131,12 @@ BOOL WriteFile(Handle* h, const void* buffer, unsigned long length, unsigned lon
 }
 
 BOOL DeleteFile(const char* name) {
+    if (name == nullptr) return NullName();
     return unlink(name) == 0 ? TRUE : FALSE;
 }
 
 BOOL SetCurrentDirectory(const char* path) {
+    if (path == nullptr) return NullName();
     return chdir(path) == 0 ? TRUE : FALSE;
 }
 
@@ -134,6 +146,7 @@ BOOL CreateDirectory(const char* path, _SECURITY_ATTRIBUTES* security) {
 
 BOOL CreateDirectoryEx(const char* templateDir, const char* path,
                        _SECURITY_ATTRIBUTES* /*security*/) {
+    if (path == nullptr) return NullName();
     if (mkdir(path, 0755) != 0 && errno != EEXIST) return FALSE;
     if (templateDir == nullptr) return TRUE;
     struct stat st;
@@ -202,13 +215,27 @@ BOOL MoveFileEx(const char* from, const char* to, unsigned long flags) {
         fprintf(stderr,
                 "MoveFileEx: MOVEFILE_COPY_ALLOWED not yet implemented, guess we need it!!!\n");
     }
-    // Without the rename bit nothing moves and the call still succeeds;
-    // callers use that to ask for a move only where one is wanted.
-    if ((flags & TV_MOVEFILE_RENAME) == 0) return TRUE;
-    return rename(from, to) == 0 ? TRUE : FALSE;
+    if (from == nullptr || to == nullptr) return NullName();
+    if (flags & TV_MOVEFILE_RENAME) return rename(from, to) == 0 ? TRUE : FALSE;
+    // Without the rename bit the move must not replace an existing file.
+    if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return TRUE;
+    if (errno != EINVAL && errno != ENOSYS) return FALSE;
+    // A file system without the no-replace rename: link, then unlink.
+    if (link(from, to) != 0) return FALSE;
+    if (unlink(from) != 0) {
+        const int saved = errno;
+        unlink(to);
+        errno = saved;
+        return FALSE;
+    }
+    return TRUE;
 }
 
 DWORD GetFileAttributes(const char* path) {
+    if (path == nullptr) {
+        NullName();
+        return INVALID_FILE_ATTRIBUTES;
+    }
     struct stat st;
     if (stat(path, &st) != 0) return INVALID_FILE_ATTRIBUTES;
     DWORD attributes = 0;
@@ -222,6 +249,7 @@ DWORD GetFileAttributes(const char* path) {
 }
 
 BOOL SetFileAttributes(const char* path, unsigned long attributes) {
+    if (path == nullptr) return NullName();
     struct stat st;
     if (stat(path, &st) != 0) return FALSE;
     mode_t mode = st.st_mode & 07777;

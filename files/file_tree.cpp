@@ -101,6 +101,10 @@ char* basename_r(const char* path, char* out, int size) {
 }
 
 BOOL RemoveDirectory(const char* path) {
+    if (path == nullptr) {
+        errno = EINVAL;
+        return FALSE;
+    }
     if (rmdir(path) == 0) return TRUE;
     // Linux reports a non-empty directory as ENOTEMPTY; EEXIST is the other
     // spelling of the same refusal. Both get the ".KW" clean-up.

@@ -82,6 +82,7 @@ Handle* FindFirstFile(const char* pattern, _WIN32_FIND_DATA* data) {
     FindFileHandle* h = new FindFileHandle(directory, namePattern);
     if (data != nullptr && h->CopyOutFile(data, 0) == INVALID_HANDLE_VALUE) {
         h->DecRefCount();
+        errno = ERROR_FILE_NOT_FOUND;
         return INVALID_HANDLE_VALUE;
     }
     return h;
@@ -96,8 +97,12 @@ int FindNextFile(Handle* h, _WIN32_FIND_DATA* data) {
         errno = ERROR_INVALID_PARAMETER;
         return FALSE;
     }
-    return static_cast<FindFileHandle*>(h)->CopyOutFile(data, 1) != INVALID_HANDLE_VALUE ? TRUE
-                                                                                         : FALSE;
+    // The usual loop ends on GetLastError() == ERROR_NO_MORE_FILES.
+    if (static_cast<FindFileHandle*>(h)->CopyOutFile(data, 1) == INVALID_HANDLE_VALUE) {
+        errno = ERROR_NO_MORE_FILES;
+        return FALSE;
+    }
+    return TRUE;
 }
 
 // Drops the caller's reference, which ends the search unless the handle was

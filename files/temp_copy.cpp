@@ -71,6 +71,13 @@ BOOL CopyFile(const char* from, const char* to, unsigned char failIfExists) {
     }
     struct stat st;
     if (stat(from, &st) != 0) return 0;
+    // Opening the destination truncates it, so a copy onto the source itself
+    // (under any of its names) must be refused before anything is opened.
+    struct stat target;
+    if (stat(to, &target) == 0 && target.st_dev == st.st_dev && target.st_ino == st.st_ino) {
+        errno = ERROR_SHARING_VIOLATION;
+        return 0;
+    }
     FileLock source;
     if (!source.OpenAndLockFile(from, O_RDONLY)) return 0;
     FileLock dest;
@@ -121,6 +128,13 @@ BOOL CopyFile(const char* from, const char* to, unsigned char failIfExists) {
         if (fchown(fd, st.st_uid, st.st_gid) != 0) {
         }
         if (fchmod(fd, st.st_mode & 07777) != 0) {
+        }
+    }
+    // A copy carries the source's times, as callers comparing last-write
+    // times to find changed files expect.
+    if (ok) {
+        const timespec times[2] = {st.st_atim, st.st_mtim};
+        if (futimens(dest.GetFileDescriptor(), times) != 0) {
         }
     }
     dest.CloseAndUnLockFile();

@@ -13,8 +13,10 @@
 #include "foundation/diagnostics_internal.h"
 #include "tvcommonutil/foundation.h"
 
+// Codes are 32-bit values kept in an int: widen without sign extension, so
+// SetLastError(0xdeadbeef) reads back as 0xdeadbeef.
 DWORD GetLastError() {
-    return static_cast<DWORD>(errno);
+    return static_cast<DWORD>(static_cast<unsigned int>(errno));
 }
 
 void SetLastError(DWORD code) {

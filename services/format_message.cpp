@@ -226,18 +226,23 @@ int DoFormatMsg(const char* text, char* out, int size, unsigned long* arguments)
     return written;
 }
 
-int FormatMessage(unsigned long flags, const void* source, unsigned long /*messageId*/,
+int FormatMessage(unsigned long flags, const void* source, unsigned long messageId,
                   unsigned long /*languageId*/, char* buffer, unsigned long size,
                   va_list* arguments) {
     if (buffer == nullptr) return 0;
-    // FROM_HMODULE, FROM_SYSTEM and the line-width byte are accepted without
-    // effect: there is no message table to read and lines are never wrapped.
+    // FROM_HMODULE and the line-width byte are accepted without effect: there
+    // is no message table to read and lines are never wrapped. The system's
+    // messages are the C library's texts of the errno values, which is what
+    // GetLastError() holds here.
     const bool allocate = (flags & FORMAT_MESSAGE_ALLOCATE_BUFFER) != 0;
     const char* text = kUnknownError;
     bool ignoreInserts = true;
+    char systemText[256];
     if ((flags & FORMAT_MESSAGE_FROM_STRING) != 0 && source != nullptr) {
         text = static_cast<const char*>(source);
         ignoreInserts = (flags & FORMAT_MESSAGE_IGNORE_INSERTS) != 0;
+    } else if ((flags & FORMAT_MESSAGE_FROM_SYSTEM) != 0) {
+        text = strerror_r(static_cast<int>(messageId), systemText, sizeof systemText);
     }
 
     char area[kAllocateArea];

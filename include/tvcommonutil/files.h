@@ -35,7 +35,7 @@ constexpr DWORD TV_FILE_FLAG_BACKUP_SEMANTICS = 0x4000;  // a directory: notific
 // MoveFileEx flags, the product's own numbering:
 constexpr DWORD TV_MOVEFILE_COPY_ALLOWED = 0x1;  // reported as not implemented
 constexpr DWORD TV_MOVEFILE_UNSUPPORTED = 0xA;   // reported as unsupported
-constexpr DWORD TV_MOVEFILE_RENAME = 0x4;        // the only bit that moves anything
+constexpr DWORD TV_MOVEFILE_RENAME = 0x4;        // rename, replacing an existing target
 // Attribute values of Get/SetFileAttributes (the library's own numbering).
 constexpr DWORD TV_FILE_ATTRIBUTE_READONLY = 0x10;  // SetFileAttributes only
 constexpr DWORD TV_FILE_ATTRIBUTE_EXECUTABLE = 0x20;
@@ -81,8 +81,9 @@ TV_API DWORD SetFilePointer(Handle* h, long offset, long* high, unsigned long me
 TV_API long tell(int fd);
 // Truncates (or extends) the file at the current position.
 TV_API BOOL SetEndOfFile(Handle* h);
-// Renames only when bit 0x4 is set. Deliberately, without it the call
-// returns TRUE and moves nothing. Bits 0xA and 0x1 print a line each.
+// With bit 0x4, rename(2), replacing an existing target. Without it the file
+// is moved only when the target does not exist (else FALSE, errno EEXIST).
+// Bits 0xA and 0x1 print a line each. Null names: FALSE, errno EINVAL.
 TV_API BOOL MoveFileEx(const char* from, const char* to, unsigned long flags);
 // INVALID_FILE_ATTRIBUTES when stat fails; else 0x100 directory, 0x80
 // regular file, 0 anything else, OR 0x20 when any execute bit is set. The
@@ -127,7 +128,9 @@ TV_API CKWString KWTempNam(CKWString dir);
 // destination gives 0; otherwise the destination is truncated first. Unless
 // the process runs as a server (bRunningInServer), the copy gets the
 // source's owner, group and mode. 1 on success, 0 when an open, the stat,
-// the allocation, a read or a write fails.
+// the allocation, a read or a write fails. The copy keeps the source's
+// access and modification times. A copy onto the source itself (however
+// named) is refused untouched: 0, errno ERROR_SHARING_VIOLATION.
 TV_API BOOL CopyFile(const char* from, const char* to, unsigned char failIfExists);
 
 // ---------------------------------------------------------------------------
@@ -274,10 +277,11 @@ private:
 // the last character, or the pattern is not wild and names a directory: then
 // the whole text is the directory and "*" the name pattern. Unlike Win32, a
 // directory name lists the directory's contents. INVALID_HANDLE_VALUE when
-// data is given and nothing matches (no handle is left behind); errno is not
-// set.
+// data is given and nothing matches (no handle is left behind), errno
+// ERROR_FILE_NOT_FOUND.
 TV_API Handle* FindFirstFile(const char* pattern, _WIN32_FIND_DATA* data);
-// TRUE when data was filled with the next entry.
+// TRUE when data was filled with the next entry; at the end FALSE with errno
+// ERROR_NO_MORE_FILES.
 TV_API int FindNextFile(Handle* h, _WIN32_FIND_DATA* data);
 // Releases the search; returns 2 in every case, which callers test for.
 TV_API int FindClose(Handle* h);

@@ -288,4 +288,30 @@ private:
 // pass took longer than that). Returns 0 once the stop test answers.
 TV_API DWORD WatchDirsThread(void* threadObject);
 
+// ---------------------------------------------------------------------------
+// Reading a collected buffer by field
+// ---------------------------------------------------------------------------
+// One record of a buffer collected after ReadDirectoryChanges, laid over the
+// bytes in place (records are 8-byte aligned in a new[] block). The name is
+// not NUL-terminated: it is FileNameLength bytes from FileName().
+struct NOTIFY_RECORD {
+    unsigned long NextEntryOffset;  // 0 in the last record
+    unsigned long Action;           // FILE_ACTION_*
+    int FileNameLength;
+    unsigned int reserved0;
+    unsigned long Attributes;  // 0x100 directory, 0x80 anything else
+    unsigned char reserved1[32];
+    unsigned long long LastWriteTime[2];  // 100-ns count since 1601, then 0
+    unsigned long Size;
+
+    const char* FileName() const { return reinterpret_cast<const char*>(this + 1); }
+    // The record after this one, or null after the last.
+    const NOTIFY_RECORD* Next() const {
+        return NextEntryOffset == 0 ? nullptr
+                                    : reinterpret_cast<const NOTIFY_RECORD*>(
+                                          reinterpret_cast<const char*>(this) + NextEntryOffset);
+    }
+};
+static_assert(sizeof(NOTIFY_RECORD) == 88, "the name follows the fixed part at byte 88");
+
 #endif  // TVCOMMONUTIL_NOTIFY_H

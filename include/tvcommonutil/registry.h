@@ -209,6 +209,11 @@ TV_API BOOL RegBackupRegistry();
 TV_API DWORD RegLazyWriteThread(LPVOID interval);
 // Writes the registry; the lazy writer's cancellation clean-up.
 TV_API void RegCleanup(void* unused = 0);
+// Stops a lazy writer started through CreateThread: it writes pending
+// changes once more and ends. Returns once the thread has ended (the caller
+// still closes its handle); FALSE, errno ERROR_INVALID_HANDLE, when `thread`
+// is not a thread handle.
+TV_API BOOL RegStopLazyWriter(HANDLE thread);
 
 // Reads the registry file into the tree: refresh 0 for the first load of an
 // empty tree, 1 to bring a live tree up to date. Callers hold the cache lock

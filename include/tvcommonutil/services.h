@@ -120,8 +120,10 @@ TV_API void* GetProcAddress(void* module, const char* symbol);
 // Formats a message with numbered inserts.
 // Flags: FORMAT_MESSAGE_ALLOCATE_BUFFER (buffer is a char** that receives a
 // malloc'd copy, release it with free()), FORMAT_MESSAGE_IGNORE_INSERTS,
-// FORMAT_MESSAGE_FROM_STRING (source is the text). Any other source gives
-// "Unknown Error" with inserts ignored; messageId and languageId are unused.
+// FORMAT_MESSAGE_FROM_STRING (source is the text). Without a string source,
+// FORMAT_MESSAGE_FROM_SYSTEM gives strerror_r's text of messageId (an errno
+// value, as GetLastError() returns), anything else "Unknown Error"; inserts
+// are ignored for both. languageId is unused.
 // arguments always points to an array of 64-bit values, one per insert
 // number (as with FORMAT_MESSAGE_ARGUMENT_ARRAY); the text must not name an
 // insert beyond the caller's array.

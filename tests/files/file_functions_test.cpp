@@ -235,23 +235,45 @@ TEST(FileSystem, MoveDeleteAndDirectories) {
     const std::string a = dir.file("a"), b = dir.file("b");
     tvtest::WriteFile(a, "A");
 
-    EXPECT_TRUE(MoveFileEx(a.c_str(), b.c_str(), 0));  // no rename bit: nothing moves
-    EXPECT_TRUE(tvtest::FileExists(a));
-    EXPECT_FALSE(tvtest::FileExists(b));
+    // Without the rename bit the file moves, but never over another one.
+    EXPECT_TRUE(MoveFileEx(a.c_str(), b.c_str(), 0));
+    EXPECT_FALSE(tvtest::FileExists(a));
+    EXPECT_EQ("A", tvtest::ReadFile(b));
+    tvtest::WriteFile(a, "A2");
+    EXPECT_FALSE(MoveFileEx(a.c_str(), b.c_str(), 0));
+    EXPECT_EQ(EEXIST, errno);
+    EXPECT_EQ("A2", tvtest::ReadFile(a));
+    EXPECT_EQ("A", tvtest::ReadFile(b));
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(MoveFileEx(a.c_str(), b.c_str(), 0x2 | 0x1));
+    EXPECT_FALSE(MoveFileEx(a.c_str(), b.c_str(), 0x2 | 0x1));
     EXPECT_EQ(
         "MoveFileEx: called with unsupported dwflags\n"
         "MoveFileEx: MOVEFILE_COPY_ALLOWED not yet implemented, guess we need it!!!\n",
         testing::internal::GetCapturedStderr());
-    EXPECT_TRUE(tvtest::FileExists(a));
-    EXPECT_TRUE(MoveFileEx(a.c_str(), b.c_str(), TV_MOVEFILE_RENAME));
+    EXPECT_TRUE(MoveFileEx(a.c_str(), b.c_str(), TV_MOVEFILE_RENAME));  // replaces b
     EXPECT_FALSE(tvtest::FileExists(a));
-    EXPECT_EQ("A", tvtest::ReadFile(b));
+    EXPECT_EQ("A2", tvtest::ReadFile(b));
     EXPECT_FALSE(MoveFileEx(a.c_str(), b.c_str(), TV_MOVEFILE_RENAME));
 
     EXPECT_TRUE(DeleteFile(b.c_str()));
     EXPECT_FALSE(DeleteFile(b.c_str()));
+
+    // Null names fail with EINVAL before any system call sees them.
+    errno = 0;
+    EXPECT_FALSE(DeleteFile(nullptr));
+    EXPECT_EQ(EINVAL, errno);
+    errno = 0;
+    EXPECT_FALSE(MoveFileEx(nullptr, b.c_str(), 0));
+    EXPECT_EQ(EINVAL, errno);
+    errno = 0;
+    EXPECT_FALSE(RemoveDirectory(nullptr));
+    EXPECT_EQ(EINVAL, errno);
+    errno = 0;
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributes(nullptr));
+    EXPECT_EQ(EINVAL, errno);
+    errno = 0;
+    EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFile(nullptr, 0, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_EQ(EINVAL, errno);
 
     const std::string d = dir.file("d");
     EXPECT_TRUE(CreateDirectory(d.c_str(), nullptr));
@@ -392,6 +414,28 @@ TEST(FileSystem, RemoveDirectory) {
     EXPECT_FALSE(RemoveDirectory(dir.file("plain").c_str()));
     EXPECT_TRUE(tvtest::FileExists(dir.file("plain")));
     EXPECT_FALSE(RemoveDirectory(dir.file("none").c_str()));
+}
+
+// A copy onto the source itself, under any name, is refused and leaves the
+// data; a real copy carries the source's modification time.
+TEST(FileSystem, CopyFileIdentityAndTimes) {
+    tvtest::TempDir dir;
+    const std::string a = dir.file("a"), link = dir.file("hard"), b = dir.file("b");
+    tvtest::WriteFile(a, "precious");
+    ASSERT_EQ(0, ::link(a.c_str(), link.c_str()));
+    for (const std::string& to : {a, link, dir.path() + "/./a"}) {
+        errno = 0;
+        EXPECT_FALSE(CopyFile(a.c_str(), to.c_str(), FALSE)) << to;
+        EXPECT_EQ(ERROR_SHARING_VIOLATION, errno);
+        EXPECT_EQ("precious", tvtest::ReadFile(a));
+    }
+    const timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, a.c_str(), old, 0));
+    ASSERT_TRUE(CopyFile(a.c_str(), b.c_str(), FALSE));
+    struct stat st;
+    ASSERT_EQ(0, stat(b.c_str(), &st));
+    EXPECT_EQ(1000000000, st.st_mtim.tv_sec);
+    EXPECT_EQ("precious", tvtest::ReadFile(b));
 }
 
 }  // namespace

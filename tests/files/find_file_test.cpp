@@ -25,10 +25,15 @@ std::set<std::string> Names(const std::string& pattern) {
     std::set<std::string> out;
     WIN32_FIND_DATA data;
     Handle* h = FindFirstFile(pattern.c_str(), &data);
-    if (h == INVALID_HANDLE_VALUE) return out;
+    if (h == INVALID_HANDLE_VALUE) {
+        EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), GetLastError());
+        return out;
+    }
     do {
         out.insert(data.cFileName);
     } while (FindNextFile(h, &data));
+    // The usual loop's end test: the end is reported, not a stale code.
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_FILES), GetLastError());
     EXPECT_EQ(2, FindClose(h));
     return out;
 }
@@ -121,6 +126,7 @@ TEST_F(FindFile, NoMatchAndOddArguments) {
     EXPECT_EQ(INVALID_HANDLE_VALUE, FindFirstFile(dir_.file("missing").c_str(), &data));
     EXPECT_EQ(INVALID_HANDLE_VALUE, FindFirstFile("no-such-relative-directory", &data));
     EXPECT_EQ(INVALID_HANDLE_VALUE, FindFirstFile("./x*", &data));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), GetLastError());
     // Without a record the handle comes back even when it is empty.
     Handle* h = FindFirstFile((dir_.path() + "/*.none").c_str(), nullptr);
     ASSERT_NE(INVALID_HANDLE_VALUE, h);

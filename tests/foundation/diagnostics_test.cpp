@@ -29,6 +29,8 @@ TEST(LastError, IsErrnoItself) {
     EXPECT_EQ(ERROR_MORE_DATA, errno);
     SetLastError(ERROR_INVALID_HANDLE);
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_HANDLE), GetLastError());
+    SetLastError(0xdeadbeef);  // a 32-bit code reads back without sign extension
+    EXPECT_EQ(0xdeadbeefUL, GetLastError());
     // A failing call stores its code where GetLastError reads it.
     EXPECT_EQ(FALSE, CloseHandle(nullptr) ? TRUE : (errno = ERROR_INVALID_HANDLE, FALSE));
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_HANDLE), GetLastError());

@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
@@ -115,12 +116,19 @@ TEST(FormatMessage, FlagsSourceAndAllocation) {
     EXPECT_STREQ("ab", small);
     EXPECT_EQ('#', small[3]);
 
-    // Without a string source the text is "Unknown Error", inserts ignored.
-    for (unsigned long id : {0UL, 5UL, 0xFFFFFFFFUL}) {
-        EXPECT_EQ(14, FormatMessage(FORMAT_MESSAGE_FROM_SYSTEM, "ignored %1", id, 0, out,
-                                    sizeof(out), nullptr));
-        EXPECT_STREQ("Unknown Error", out);
+    // Without a string source the system flag gives the C library's text of
+    // the code; anything else gives "Unknown Error". Inserts are ignored.
+    for (unsigned long id : {static_cast<unsigned long>(ENOENT), 5UL, 0UL}) {
+        char want[256];
+        const std::string text = strerror_r(static_cast<int>(id), want, sizeof want);
+        EXPECT_EQ(static_cast<int>(text.size() + 1),
+                  FormatMessage(FORMAT_MESSAGE_FROM_SYSTEM, "ignored %1", id, 0, out, sizeof(out),
+                                nullptr));
+        EXPECT_EQ(text, out);
     }
+    EXPECT_EQ(14, FormatMessage(FORMAT_MESSAGE_FROM_HMODULE, nullptr, ENOENT, 0, out, sizeof(out),
+                                nullptr));
+    EXPECT_STREQ("Unknown Error", out);
     EXPECT_EQ(14,
               FormatMessage(FORMAT_MESSAGE_FROM_STRING, nullptr, 0, 0, out, sizeof(out), nullptr));
     EXPECT_STREQ("Unknown Error", out);
