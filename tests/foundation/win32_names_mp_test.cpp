@@ -1,0 +1,92 @@
+// The optional Win32 names, and the porting differences the README lists
+// that no other test pins down.
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <gtest/gtest.h>
+
+#include <tvcommonutil.h>
+#include <tvcommonutil/win32_names.h>
+
+namespace {
+
+DWORD g_seenId = 0;
+
+DWORD WINAPI RecordId(LPVOID) {
+    g_seenId = GetCurrentThreadId();
+    return 0;
+}
+
+TEST(Win32Names, MeanWhatTheLibraryDoes) {
+    // A-suffixed names are the same functions.
+    EXPECT_EQ(&RegQueryValueEx, &RegQueryValueExA);
+    EXPECT_EQ(&FormatMessage, &FormatMessageA);
+    EXPECT_EQ(0x400, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT));
+    EXPECT_EQ(static_cast<DWORD>(getpid()), GetCurrentProcessId());
+
+    // GetCurrentThreadId is the id CreateThread reported for the thread.
+    DWORD id = 0;
+    HANDLE t = CreateThread(nullptr, 0, RecordId, nullptr, 0, &id);
+    ASSERT_NE(nullptr, t);
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, 10000, FALSE));
+    CloseHandle(t);
+    EXPECT_EQ(id, g_seenId);
+
+    long v = 5;
+    EXPECT_EQ(5, InterlockedCompareExchange(&v, 9, 4));  // no match: unchanged
+    EXPECT_EQ(5, v);
+    EXPECT_EQ(5, InterlockedCompareExchange(&v, 9, 5));
+    EXPECT_EQ(9, v);
+
+    CRITICAL_SECTION cs;
+    InitializeCriticalSection(&cs);
+    EXPECT_EQ(0, EnterCriticalSection(&cs));
+    EXPECT_EQ(0, EnterCriticalSection(&cs));  // recursive, as in Win32
+    LeaveCriticalSection(&cs);
+    LeaveCriticalSection(&cs);
+    DeleteCriticalSection(&cs);
+
+    // LocalFree releases what FormatMessage allocated.
+    char* text = nullptr;
+    ASSERT_GT(FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, nullptr,
+                             EACCES, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                             reinterpret_cast<char*>(&text), 0, nullptr),
+              0);
+    EXPECT_STREQ(strerror(EACCES), text);
+    EXPECT_EQ(nullptr, LocalFree(text));
+}
+
+// Differences a porter would otherwise learn the hard way.
+TEST(Win32Names, PortingDifferences) {
+    // Object names are ignored: two events of one name are two objects.
+    HANDLE a = CreateEvent(nullptr, TRUE, FALSE, "shared");
+    HANDLE b = CreateEvent(nullptr, TRUE, FALSE, "shared");
+    SetEvent(a);
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(b, 0, FALSE));
+    CloseHandle(a);
+    CloseHandle(b);
+
+    // CreateProcess does not search PATH: a bare program name fails.
+    STARTUPINFOA si;
+    ZeroMemory(&si, sizeof si);
+    PROCESS_INFORMATION pi;
+    ZeroMemory(&pi, sizeof pi);
+    char bare[] = "true";
+    EXPECT_FALSE(
+        CreateProcessA(nullptr, bare, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi));
+    char full[] = "/bin/true";
+    ASSERT_TRUE(
+        CreateProcessA(nullptr, full, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi));
+    DWORD code = 1;
+    EXPECT_TRUE(GetExitCodeProcess(pi.hProcess, &code));  // waits for the end
+    EXPECT_EQ(0u, code);
+    CloseHandle(pi.hProcess);
+
+    // DWORD is 64 bits wide, and so are the records built from it.
+    EXPECT_EQ(8u, sizeof(DWORD));
+    EXPECT_EQ(16u, sizeof(FILETIME));
+    EXPECT_EQ(4200u, sizeof(WIN32_FIND_DATAA));
+}
+
+}  // namespace
