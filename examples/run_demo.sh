@@ -12,8 +12,8 @@ rm -rf "$root"
 mkdir -p "$root"
 printf '[server]\nname=tvdemo\nscan_ms=300\n' > "$root/tvdemo.ini"
 
-echo "== starting tvdemo in $root (it runs for 8 seconds)"
-"$server" --root "$root" --run-seconds 8 &
+echo "== starting tvdemo in $root (it runs for 5 seconds)"
+"$server" --root "$root" --run-seconds 5 &
 pid=$!
 # Wait until the server has made its inbox (it starts in well under a second).
 for _ in $(seq 1 100); do [ -d "$root/inbox" ] && break; sleep 0.1; done
@@ -46,3 +46,9 @@ fi
 echo
 echo "== profile after the run"
 cat "$root/tvdemo.ini"
+first="$build/examples/first_program"
+if [ -x "$first" ]; then
+  echo
+  echo "== examples/first_program.cpp: the everyday Win32 calls, each checked"
+  "$first"
+fi
