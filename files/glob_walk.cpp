@@ -5,13 +5,14 @@
 // KWGLOB_RECURSE, walked) in reading order. Directories are reported without
 // being matched against the patterns.
 //
-// Entries are classified by stat, so links are followed: a link to a
+// Links are classified by stat, so they are followed: a link to a
 // directory is walked like a directory. To keep a link back up the tree from
 // making the walk endless (or, with two such links per level, exponential),
 // a directory whose device and inode are already on the current branch is
 // still reported but not entered again. Trees without such cycles are
 // walked exactly as they are.
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -88,23 +89,34 @@ void KWSuperGlob::Walk(const CKWString& prefix, const WalkFrame* parent) {
         frame.ino = self.st_ino;
     }
 
+    // Entries are classified by the type readdir reports where the file
+    // system gives one, so only what is reported or walked is stat-ed: a
+    // file that does not match, or a directory neither reported nor
+    // entered, costs no system call. Links and unknown types are stat-ed to
+    // be classified, as before.
+    const bool wantDirs = (mode_ & (KWGLOB_NO_DIRS | KWGLOB_RECURSE)) != KWGLOB_NO_DIRS;
+    const int fd = dirfd(dir);
     std::vector<SetAside> directories;
-    std::string path;
     // readdir is safe here: the stream is this call's own (readdir_r is
     // deprecated and no safer).
     while (struct dirent* entry = readdir(dir)) {
         const char* name = entry->d_name;
         if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0))) continue;
-        path.assign(dirPath.c_str());
-        path += '/';
-        path += name;
+        const unsigned char type = entry->d_type;
+        bool matched = false;
+        if (type == DT_DIR) {
+            if (!wantDirs) continue;
+        } else if (type != DT_LNK && type != DT_UNKNOWN) {
+            if ((mode_ & KWGLOB_ONLY_DIRS) || !(matched = Match(name))) continue;
+        }
         struct stat st;
         // A dangling link is taken as itself; an entry gone since it was read
         // is skipped.
-        if (stat(path.c_str(), &st) != 0 && lstat(path.c_str(), &st) != 0) continue;
+        if (fstatat(fd, name, &st, 0) != 0 && fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
         if (!S_ISDIR(st.st_mode)) {
             if (mode_ & KWGLOB_ONLY_DIRS) continue;
-            if (Match(name)) Report(prefix.empty() ? CKWString(name) : prefix + "/" + name, st);
+            if (matched || Match(name)) Report(prefix.empty() ? CKWString(name) : prefix + "/" + name, st);
         } else {
             directories.push_back({CKWString(name), st});
         }
