@@ -56,10 +56,10 @@ int FindFileHandle::What() {
 
 Handle* FindFileHandle::CopyOutFile(_WIN32_FIND_DATA* data, unsigned char /*next*/) {
     if (glob_.end()) return INVALID_HANDLE_VALUE;
+    // The result stays in place when the cursor moves on: no copies.
     const GlobResult_t& r = *glob_;
-    const struct stat st = r.statData;
-    const CKWString name = r.path;
-    glob_++;
+    const struct stat& st = r.statData;
+    const CKWString& name = r.path;
 
     memset(data, 0, sizeof *data);
     data->dwFileAttributes =
@@ -73,6 +73,7 @@ Handle* FindFileHandle::CopyOutFile(_WIN32_FIND_DATA* data, unsigned char /*next
     const size_t n = strnlen(name.c_str(), sizeof data->cFileName - 1);
     memcpy(data->cFileName, name.c_str(), n);
     data->cFileName[n] = '\0';
+    glob_++;
     return this;
 }
 

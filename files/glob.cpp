@@ -367,7 +367,9 @@ bool KWSuperGlob::Match(const char* name) const {
 // --- results ---------------------------------------------------------------
 
 void KWSuperGlob::FoundItem(const CKWString& path, const struct stat* st) {
-    GlobResult_t& r = results_[resultCounter_++];
+    // Keys only grow, so the end is the right place: no search per result.
+    GlobResult_t& r =
+        results_.emplace_hint(results_.end(), resultCounter_++, GlobResult_t())->second;
     r.path = path;
     if (st != nullptr) {
         r.statData = *st;
