@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -259,21 +260,16 @@ TEST(FileSystem, MoveDeleteAndDirectories) {
     EXPECT_FALSE(DeleteFile(b.c_str()));
 
     // Null names fail with EINVAL before any system call sees them.
-    errno = 0;
-    EXPECT_FALSE(DeleteFile(nullptr));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_FALSE(MoveFileEx(nullptr, b.c_str(), 0));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_FALSE(RemoveDirectory(nullptr));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributes(nullptr));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFile(nullptr, 0, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    EXPECT_EQ(EINVAL, errno);
+    const std::function<bool()> nullNameFails[] = {
+        [] { return !DeleteFile(nullptr); }, [&] { return !MoveFileEx(nullptr, b.c_str(), 0); },
+        [] { return !RemoveDirectory(nullptr); },
+        [] { return GetFileAttributes(nullptr) == INVALID_FILE_ATTRIBUTES; },
+        [] { return CreateFile(nullptr, 0, 0, nullptr, 3, 0, nullptr) == INVALID_HANDLE_VALUE; }};
+    for (const auto& call : nullNameFails) {
+        errno = 0;
+        EXPECT_TRUE(call());
+        EXPECT_EQ(EINVAL, errno);
+    }
 
     const std::string d = dir.file("d");
     EXPECT_TRUE(CreateDirectory(d.c_str(), nullptr));
