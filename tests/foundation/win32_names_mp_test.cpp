@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include <tvcommonutil.h>
@@ -76,6 +78,27 @@ TEST(Win32Names, PortingDifferences) {
     EXPECT_TRUE(GetExitCodeProcess(pi.hProcess, &code));  // waits for the end
     EXPECT_EQ(0u, code);
     CloseHandle(pi.hProcess);
+    // The environment block is ignored: the child gets the parent's.
+    char environment[] = "TV_PORT_PROBE=1\0";
+    char probe[] = "/bin/sh -c 'test -z $TV_PORT_PROBE'";
+    ASSERT_TRUE(
+        CreateProcessA(nullptr, probe, nullptr, nullptr, FALSE, 0, environment, nullptr, &si, &pi));
+    EXPECT_TRUE(GetExitCodeProcess(pi.hProcess, &code));
+    EXPECT_EQ(0u, code);
+    CloseHandle(pi.hProcess);
+
+    // A mixed wait set holds at most MAXIMUM_WAIT_OBJECTS handles.
+    std::vector<HANDLE> set(MAXIMUM_WAIT_OBJECTS + 1);
+    for (HANDLE& h : set) h = CreateEvent(nullptr, TRUE, TRUE, nullptr);
+    CloseHandle(set.front());
+    set.front() = CreateSemaphore(nullptr, 1, 1, nullptr);
+    EXPECT_EQ(WAIT_FAILED, WaitForMultipleObjectsEx(static_cast<DWORD>(set.size()), set.data(),
+                                                    FALSE, 0, FALSE));
+    CloseHandle(set.back());
+    set.pop_back();  // one fewer: the set is waited on
+    EXPECT_LT(WaitForMultipleObjectsEx(static_cast<DWORD>(set.size()), set.data(), FALSE, 0, FALSE),
+              set.size());
+    for (HANDLE h : set) CloseHandle(h);
 
     // DWORD is 64 bits wide, and so are the records built from it.
     EXPECT_EQ(8u, sizeof(DWORD));
