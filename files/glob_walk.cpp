@@ -116,7 +116,8 @@ void KWSuperGlob::Walk(const CKWString& prefix, const WalkFrame* parent) {
             continue;
         if (!S_ISDIR(st.st_mode)) {
             if (mode_ & KWGLOB_ONLY_DIRS) continue;
-            if (matched || Match(name)) Report(prefix.empty() ? CKWString(name) : prefix + "/" + name, st);
+            if (matched || Match(name))
+                Report(prefix.empty() ? CKWString(name) : prefix + "/" + name, st);
         } else {
             directories.push_back({CKWString(name), st});
         }
