@@ -253,3 +253,42 @@ TEST(ProfileRead, FilesBeyondTheSixteenBitCountsAreRefused) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ProfileRead, IntSectionAndSectionNamesReaders) {
+    ProfileDir dir;
+    std::string f = dir.file("n.ini");
+    tvtest::WriteFile(f, "[N]\ndec = 42 ; note\nhex=0x1F\nneg=-5\ntext=abc\n; c\n\nbare\n[M]\n");
+    const struct {
+        const char* key;
+        unsigned int expected;
+    } ints[] = {{"dec", 42}, {"hex", 31}, {"neg", 0}, {"text", 0}, {"missing", 7}};
+    for (const auto& c : ints) {
+        EXPECT_EQ(GetPrivateProfileInt("N", c.key, 7, f.c_str()), c.expected) << c.key;
+    }
+    EXPECT_EQ(GetPrivateProfileInt("X", "dec", 9, f.c_str()), 9u);
+
+    char buf[64];
+    unsigned long n = GetPrivateProfileSection("n", buf, sizeof buf, f.c_str());
+    EXPECT_EQ(profiletest::SplitList(buf, n),
+              (Strings{"dec = 42 ; note", "hex=0x1F", "neg=-5", "text=abc", "bare"}));
+    // Too small: cut, two closing NULs inside the buffer, result size - 2.
+    buf[10] = 'X';
+    EXPECT_EQ(GetPrivateProfileSection("N", buf, 10, f.c_str()), 8u);
+    EXPECT_EQ(buf[8], '\0');
+    EXPECT_EQ(buf[9], '\0');
+    EXPECT_EQ(buf[10], 'X');
+    EXPECT_EQ(GetPrivateProfileSection("none", buf, sizeof buf, f.c_str()), 0u);
+    EXPECT_EQ(buf[0], '\0');
+
+    n = GetPrivateProfileSectionNames(buf, sizeof buf, f.c_str());
+    EXPECT_EQ(profiletest::SplitList(buf, n), (Strings{"N", "M"}));
+    // An exact fit of the names alone has no room for the closing NUL.
+    buf[4] = 'X';
+    EXPECT_EQ(GetPrivateProfileSectionNames(buf, 4, f.c_str()), 2u);
+    EXPECT_EQ(buf[4], 'X');
+    EXPECT_EQ(GetPrivateProfileSectionNames(buf, sizeof buf, (f + ".none").c_str()), 0u);
+}
+
+}  // namespace
