@@ -9,6 +9,9 @@
 #include <strings.h>
 #include <sys/stat.h>
 
+#include <string>
+#include <vector>
+
 #include "profile/profile_cache.h"
 #include "tvcommonutil/profile.h"
 #include "tvcommonutil/types.h"
@@ -88,12 +91,18 @@ unsigned long DefaultAnswer(const char* defaultValue, char* buffer, unsigned lon
 // at buffer[size].
 class ListWriter {
 public:
-    ListWriter(char* buffer, unsigned long size) : buf_(buffer), size_(size) {}
+    // A strict list keeps its closing NUL inside the given size (the readers
+    // added later); otherwise the spare-byte contract above holds.
+    ListWriter(char* buffer, unsigned long size, bool strict = false)
+        : buf_(buffer),
+          size_(size),
+          strict_(strict),
+          room_(strict && size != 0 ? size - 1 : size) {}
 
     void Add(const char* item) {
         if (full_) return;
         size_t len = strlen(item);
-        if (pos_ + len + 1 <= size_) {
+        if (pos_ + len + 1 <= room_) {
             memcpy(buf_ + pos_, item, len + 1);
             pos_ += len + 1;
             return;
@@ -113,29 +122,32 @@ public:
 
     unsigned long Finish() {
         if (full_) return result_;
-        buf_[pos_] = '\0';  // may be buf_[size_]: the caller's spare byte
+        if (strict_ && size_ == 0) return 0;
+        buf_[pos_] = '\0';  // non-strict: may be buf_[size_], the caller's spare byte
         return pos_;
     }
 
 private:
     char* buf_;
     unsigned long size_;
+    bool strict_;
+    unsigned long room_;
     unsigned long pos_ = 0;
     bool full_ = false;
     unsigned long result_ = 0;
 };
 
-// The table for a read: cached, reloaded when the file's status-change time
-// moved past cachedTime, or loaded. Null when the file cannot be read.
+// The table for a read: cached, reloaded when the file on disk is no longer
+// the one loaded (this process's pending changes stay on top), or loaded.
+// Null when the file cannot be read. A cached read costs one stat.
 yufiletable* TableForRead(const char* fileName) TV_REQUIRES(yuProfileMutex) {
     if (!ProfileNameUsable(fileName)) return nullptr;
     yufiletable* t = FindProfileTable(fileName);
     if (t != nullptr) {
-        struct stat st;
-        if (stat(fileName, &st) != 0) return nullptr;
-        if (static_cast<int64_t>(st.st_ctime) <= t->cachedTime) return t;
-        // Newer on disk: the disk copy wins, cached changes included.
-        yuFreeProfileStructures(fileName);
+        ProfileFileState now = StatProfileFile(fileName);
+        if (!now.ok) return nullptr;
+        if (SameProfileFileState(now, t->cached)) return t;
+        return ReloadKeepingPending(t) ? t : nullptr;
     }
     if (!ReadIniFile(fileName, &pYUFileTable)) return nullptr;
     return pYUFileTable;
@@ -172,8 +184,9 @@ unsigned long ListKeys(const yusection* s, char* buffer, unsigned long size) {
     return list.Finish();
 }
 
-unsigned long ListSections(const yufiletable* t, char* buffer, unsigned long size) {
-    ListWriter list(buffer, size);
+unsigned long ListSections(const yufiletable* t, char* buffer, unsigned long size,
+                           bool strict = false) {
+    ListWriter list(buffer, size, strict);
     for (int i = 0; i < t->sectionCount; ++i) {
         // An empty name would read as the end of the list.
         if (t->sections[i] != nullptr && t->sections[i]->name[0] != '\0') {
@@ -183,19 +196,22 @@ unsigned long ListSections(const yufiletable* t, char* buffer, unsigned long siz
     return list.Finish();
 }
 
-// Ends a change: with write caching the table is only marked dirty.
-int CommitChange(yufiletable* t) TV_REQUIRES(yuProfileMutex) {
-    if (yuProfileWriteCaching) {
-        t->dirty = 1;
-        return 1;
-    }
-    return yuFlushProfileToDisk(t);
+}  // namespace
+
+struct PendingChanges {
+    enum class Kind { kSet, kDeleteKey, kDeleteSection };
+    struct Change {
+        Kind kind;
+        std::string section, key, value;
+    };
+    std::vector<Change> changes;
+};
+
+void FreePendingChanges(PendingChanges* p) {
+    delete p;
 }
 
-int SetValue(yufiletable* t, char* section, char* key, char* value) TV_REQUIRES(yuProfileMutex) {
-    strip_spaces(section);
-    strip_spaces(key);
-    strip_spaces(value);
+bool ApplySet(yufiletable* t, const char* section, const char* key, const char* value) {
     yusection* s = FindProfileSection(t, section);
     if (s == nullptr) {
         char* header = nullptr;
@@ -204,8 +220,7 @@ int SetValue(yufiletable* t, char* section, char* key, char* value) TV_REQUIRES(
         s = NewProfileSection(name.release(), header);
         if (!AppendProfileSlot(&t->sections, &t->sectionCount, s)) {
             FreeProfileSection(s);
-            errno = ERROR_INVALID_DATA;
-            return 0;
+            return false;
         }
     }
     for (int i = 0; i < s->lineCount; ++i) {
@@ -219,13 +234,12 @@ int SetValue(yufiletable* t, char* section, char* key, char* value) TV_REQUIRES(
         free(lineKey);
         free(s->lines[i]);
         s->lines[i] = replacement;
-        return CommitChange(t);
+        return true;
     }
     char* added = Format2(key, value);
     if (!AppendProfileSlot(&s->lines, &s->lineCount, added)) {
         free(added);
-        errno = ERROR_INVALID_DATA;
-        return 0;
+        return false;
     }
     // Move the new line in front of the section's trailing run of blank and
     // comment lines, so it lands with the keys and not after a comment that
@@ -242,12 +256,10 @@ int SetValue(yufiletable* t, char* section, char* key, char* value) TV_REQUIRES(
                 sizeof(char*) * static_cast<size_t>(last - first));
         s->lines[first] = added;
     }
-    return CommitChange(t);
+    return true;
 }
 
-int DeleteKey(yufiletable* t, char* section, char* key) TV_REQUIRES(yuProfileMutex) {
-    strip_spaces(section);
-    strip_spaces(key);
+bool ApplyDeleteKey(yufiletable* t, const char* section, const char* key) {
     for (int si = 0; si < t->sectionCount; ++si) {
         yusection* s = t->sections[si];
         if (s == nullptr || strcasecmp(s->name, section) != 0) continue;
@@ -257,40 +269,55 @@ int DeleteKey(yufiletable* t, char* section, char* key) TV_REQUIRES(yuProfileMut
             // Case-sensitive, unlike every other comparison of the profile
             // code: deleting "Key" leaves "KEY" alone.
             if (!LineKeyEquals(line, strchr(line, '='), key, strlen(key), strncmp)) continue;
-            if (!yuProfileWriteCaching) {
-                s->lines[i] = nullptr;
-                int flushed = yuFlushProfileToDisk(t);
-                s->lines[i] = line;
-                if (flushed == 0) return 0;
-            } else {
-                t->dirty = 1;
-            }
             free(line);
             s->lines[i] = nullptr;
-            return 1;
+            return true;
         }
     }
-    return 0;
+    return false;
 }
 
-int DeleteSection(yufiletable* t, char* section) TV_REQUIRES(yuProfileMutex) {
-    strip_spaces(section);
+bool ApplyDeleteSection(yufiletable* t, const char* section) {
     for (int si = 0; si < t->sectionCount; ++si) {
         yusection* s = t->sections[si];
         if (s == nullptr || strcasecmp(s->name, section) != 0) continue;
-        if (!yuProfileWriteCaching) {
-            t->sections[si] = nullptr;
-            int flushed = yuFlushProfileToDisk(t);
-            t->sections[si] = s;
-            if (flushed == 0) return 0;
-        } else {
-            t->dirty = 1;
-        }
         FreeProfileSection(s);
         t->sections[si] = nullptr;
-        return 1;
+        return true;
     }
-    return 0;
+    return false;
+}
+
+void ReplayPending(yufiletable* t, const PendingChanges* p) {
+    if (p == nullptr) return;
+    for (const PendingChanges::Change& c : p->changes) {
+        switch (c.kind) {
+            case PendingChanges::Kind::kSet:
+                ApplySet(t, c.section.c_str(), c.key.c_str(), c.value.c_str());
+                break;
+            case PendingChanges::Kind::kDeleteKey:
+                ApplyDeleteKey(t, c.section.c_str(), c.key.c_str());
+                break;
+            case PendingChanges::Kind::kDeleteSection:
+                ApplyDeleteSection(t, c.section.c_str());
+                break;
+        }
+    }
+}
+
+namespace {
+
+// Ends a change that was applied to the table: it is remembered for a merge
+// and, without write caching, written at once (the flush's result is the
+// caller's).
+int CommitChange(yufiletable* t, PendingChanges::Kind kind, const char* section, const char* key,
+                 const char* value) TV_REQUIRES(yuProfileMutex) {
+    if (t->pending == nullptr) t->pending = new PendingChanges;
+    t->pending->changes.push_back(
+        {kind, section, key != nullptr ? key : "", value != nullptr ? value : ""});
+    t->dirty = 1;
+    if (yuProfileWriteCaching) return 1;
+    return yuFlushProfileToDisk(t);
 }
 
 }  // namespace
@@ -322,9 +349,23 @@ int yuWritePrivateProfileString(const char* section, const char* key, const char
         errno = ERROR_INVALID_PARAMETER;
         return 0;
     }
-    if (key != nullptr && value != nullptr) return SetValue(t, sec.get(), k.get(), v.get());
-    if (key != nullptr) return DeleteKey(t, sec.get(), k.get());
-    return DeleteSection(t, sec.get());
+    strip_spaces(sec.get());
+    if (key != nullptr && value != nullptr) {
+        strip_spaces(k.get());
+        strip_spaces(v.get());
+        if (!ApplySet(t, sec.get(), k.get(), v.get())) {
+            errno = ERROR_INVALID_DATA;
+            return 0;
+        }
+        return CommitChange(t, PendingChanges::Kind::kSet, sec.get(), k.get(), v.get());
+    }
+    if (key != nullptr) {
+        strip_spaces(k.get());
+        if (!ApplyDeleteKey(t, sec.get(), k.get())) return 0;
+        return CommitChange(t, PendingChanges::Kind::kDeleteKey, sec.get(), k.get(), nullptr);
+    }
+    if (!ApplyDeleteSection(t, sec.get())) return 0;
+    return CommitChange(t, PendingChanges::Kind::kDeleteSection, sec.get(), nullptr, nullptr);
 }
 
 }  // namespace detail
@@ -360,4 +401,67 @@ int WritePrivateProfileString(const char* section, const char* key, const char* 
                               const char* fileName) {
     ProfileMutexHolder hold(tv::detail::yuProfileMutex);
     return tv::detail::yuWritePrivateProfileString(section, key, value, fileName, true);
+}
+
+unsigned int GetPrivateProfileInt(const char* section, const char* key, int defaultValue,
+                                  const char* fileName) {
+    if (section == nullptr || key == nullptr) return static_cast<unsigned int>(defaultValue);
+    char buf[128];
+    // A distinct default tells "missing" from a value that reads as zero.
+    unsigned long n = GetPrivateProfileString(section, key, "\x01", buf, sizeof buf, fileName);
+    if (n == 1 && buf[0] == '\x01') return static_cast<unsigned int>(defaultValue);
+    const char* p = buf;
+    bool negative = *p == '-';
+    if (*p == '-' || *p == '+') ++p;
+    int base = 10;
+    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
+        base = 16;
+        p += 2;
+    }
+    unsigned long long v = 0;
+    for (; *p != '\0'; ++p) {
+        int d;
+        if (*p >= '0' && *p <= '9') {
+            d = *p - '0';
+        } else if (base == 16 && *p >= 'a' && *p <= 'f') {
+            d = *p - 'a' + 10;
+        } else if (base == 16 && *p >= 'A' && *p <= 'F') {
+            d = *p - 'A' + 10;
+        } else {
+            break;
+        }
+        v = v * static_cast<unsigned>(base) + static_cast<unsigned>(d);
+        if (v > 0xffffffffULL) v = 0xffffffffULL;
+    }
+    return negative ? 0 : static_cast<unsigned int>(v);
+}
+
+unsigned long GetPrivateProfileSection(const char* section, char* buffer, unsigned long size,
+                                       const char* fileName) {
+    if (buffer == nullptr || section == nullptr) return 0;
+    tv::detail::TextCopy sec(section);
+    tv::detail::strip_spaces(sec.get());
+    ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+    tv::detail::ListWriter list(buffer, size, true);
+    tv::detail::yufiletable* t = tv::detail::TableForRead(fileName);
+    tv::detail::yusection* s =
+        t != nullptr ? tv::detail::FindProfileSection(t, sec.get()) : nullptr;
+    for (int i = 0; s != nullptr && i < s->lineCount; ++i) {
+        const char* line = s->lines[i];
+        if (line == nullptr || line[0] == '\0' || line[0] == ';' || line[0] == '#') continue;
+        list.Add(line);
+    }
+    return list.Finish();
+}
+
+unsigned long GetPrivateProfileSectionNames(char* buffer, unsigned long size,
+                                            const char* fileName) {
+    if (buffer == nullptr) return 0;
+    ProfileMutexHolder hold(tv::detail::yuProfileMutex);
+    tv::detail::yufiletable* t = tv::detail::TableForRead(fileName);
+    if (t == nullptr) {
+        tv::detail::ListWriter empty(buffer, size, true);
+        return empty.Finish();
+    }
+    return tv::detail::ListSections(t, buffer, size, true);
 }

@@ -24,8 +24,32 @@ namespace {
 pthread_once_t g_profileMutexOnce = PTHREAD_ONCE_INIT;
 std::atomic<bool> g_profileMutexNeedToInit{true};
 
+// Held across fork so the child never inherits it locked by a thread that
+// does not exist there; the child starts with a fresh mutex and keeps the
+// parent's tables (its own copy, as with any memory).
+void LockBeforeFork() TV_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_lock(&yuProfileMutex.mutex_);
+}
+void UnlockInParent() TV_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_unlock(&yuProfileMutex.mutex_);
+}
+void ReinitInChild() TV_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_init(&yuProfileMutex.mutex_, nullptr);
+}
+
+// Cached changes are written at a normal exit, as an explicit
+// yuWriteAndFreeAllProfiles would; the tables themselves are left to the OS.
+void FlushAllAtExit() {
+    ProfileMutexHolder hold(yuProfileMutex);
+    for (yufiletable* t = pYUFileTable; t != nullptr; t = t->next) {
+        if (t->dirty) yuFlushProfileToDisk(t);
+    }
+}
+
 void InitProfileMutex() {
     pthread_mutex_init(&yuProfileMutex.mutex_, nullptr);
+    pthread_atfork(LockBeforeFork, UnlockInParent, ReinitInChild);
+    atexit(FlushAllAtExit);
     g_profileMutexNeedToInit.store(false, std::memory_order_release);
 }
 
@@ -113,6 +137,7 @@ void FreeProfileTable(yufiletable* t) {
     if (t->sectionCount != 0) free(t->sections);
     for (int i = 0; i < t->headerCount; ++i) free(t->headerLines[i]);
     if (t->headerCount != 0) free(t->headerLines);
+    FreePendingChanges(t->pending);
     free(t);
 }
 

@@ -17,12 +17,14 @@
 // library is taken while it is held.
 //
 // Between processes a flush is ordered by an exclusively created lock file,
-// "/tmp/<path with every '/' turned into '-'>-lock". A flush rewrites the file
-// in place (same inode, no temporary file), so readers, which take no
-// cross-process lock, guard their snapshot instead: a load notes the file's
-// status-change time (to the nanosecond), its size and whether a live lock file
-// exists before reading, checks all three again afterwards and reads again if a
-// flush overlapped (see ReadIniFile).
+// "/tmp/<path with every '/' turned into '-'>-lock", which names its holder
+// (pid and start time) so a waiter can break a lock left by a dead process.
+// Under that lock the flush compares the file with the state it had when this
+// process loaded it; if another process changed it, the file is read again and
+// this process's own pending changes are replayed over it in the order they
+// were made, so processes that change different keys never undo each other.
+// The result goes to a temporary file that is synced and renamed over the
+// profile, so a reader always opens a complete file and needs no lock.
 #ifndef TV_PROFILE_PROFILE_CACHE_H
 #define TV_PROFILE_PROFILE_CACHE_H
 
@@ -30,6 +32,8 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/types.h>
+#include <time.h>
 
 #include "tvcommonutil/thread_annotations.h"
 
@@ -44,6 +48,24 @@ constexpr size_t kProfileLockNameSize = kProfileNameSize + 16;
 // Section, line and header counts are 16-bit signed.
 constexpr int kProfileMaxCount = 32767;
 
+// What identifies one version of a file on disk. Any rewrite of a profile
+// changes at least one of these: a rename brings a new inode, an in-place
+// rewrite a new status-change time.
+struct ProfileFileState {
+    bool ok = false;  // stat succeeded
+    bool regular = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    timespec ctim{};
+};
+ProfileFileState StatProfileFile(const char* path);
+bool SameProfileFileState(const ProfileFileState& a, const ProfileFileState& b);
+
+// Changes this process made to a table and has not written yet, in order.
+struct PendingChanges;
+void FreePendingChanges(PendingChanges* p);
+
 // One section of a cached file.
 struct yusection {
     char* name;         // text between '[' and the first ']', not trimmed
@@ -55,7 +77,8 @@ struct yusection {
 // One cached file. Fields are guarded by yuProfileMutex.
 struct yufiletable {
     char name[kProfileNameSize];  // the path exactly as the caller gave it
-    int64_t cachedTime;           // st_ctime (seconds) at load or last counted flush
+    ProfileFileState cached;      // the file as loaded or last written by this process
+    PendingChanges* pending;      // null while there are none
     uint16_t dirty;               // 1 while changes are not on disk (and while loading)
     int16_t headerCount;          // lines before the first section header
     char** headerLines;
@@ -103,7 +126,6 @@ char* strip_spaces(char* s);
 int strip_quotes(char* s);
 char* strip_comments(char* s);
 void yuStrncpy(char* dst, const char* src, size_t n);
-void _yu_Sleep2(unsigned long milliseconds);
 
 // The file-open routine used for profile files: fopen with the same mode. The
 // third argument selects no conversion; only 0 is used and accepted.
@@ -114,6 +136,11 @@ FILE* TvFopen(const char* path, const char* mode, int flags);
 // nothing written) for a null name or one of kProfileNameSize characters or
 // more.
 bool BuildProfileLockName(const char* name, char* out, size_t outSize);
+// Takes the lock file, waiting for a live holder with a growing pause for at
+// most kProfileLockWaitMs, and breaking a lock whose holder is gone or that is
+// older than kProfileStaleLockSec. 1 once taken, 0 otherwise.
+constexpr long kProfileLockWaitMs = 2000;
+constexpr long kProfileStaleLockSec = 30;
 int yuLock(const char* lockPath);
 int yuUnlock(const char* lockPath);
 
@@ -155,10 +182,24 @@ int ReadIniFile(const char* path, yufiletable** list) TV_REQUIRES(yuProfileMutex
 // ---- writing ---------------------------------------------------------------
 // Writes the table in file form; false if any write failed (writing goes on).
 bool WriteIniStream(FILE* f, const yufiletable* t);
-// Rewrites t's file under its lock file. Deliberately returns 0 when the lock
-// file was removed normally (the table stays dirty, cachedTime unchanged); 1
+// Writes t's file under its lock file, merging with what another process
+// wrote meanwhile. A write that succeeded clears dirty and the pending
+// changes. Deliberately returns 0 when the lock file was removed normally; 1
 // only when the lock file could not be removed and no write failed.
 int yuFlushProfileToDisk(yufiletable* t) TV_REQUIRES(yuProfileMutex);
+// The edits themselves, on a table only (no flush, nothing recorded). Set is
+// false when a count limit is reached; the deletes are false when nothing
+// matched.
+bool ApplySet(yufiletable* t, const char* section, const char* key, const char* value);
+bool ApplyDeleteKey(yufiletable* t, const char* section, const char* key);
+bool ApplyDeleteSection(yufiletable* t, const char* section);
+// Re-applies p to t in order.
+void ReplayPending(yufiletable* t, const PendingChanges* p);
+// Replaces t's lines with the file's current contents and this process's
+// pending changes on top. False (t unchanged) when the file cannot be read;
+// a missing file counts as empty.
+bool ReloadKeepingPending(yufiletable* t) TV_REQUIRES(yuProfileMutex);
+
 // The write worker behind WritePrivateProfileString; `flag` is ignored.
 int yuWritePrivateProfileString(const char* section, const char* key, const char* value,
                                 const char* fileName, bool flag) TV_REQUIRES(yuProfileMutex);

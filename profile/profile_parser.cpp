@@ -5,16 +5,11 @@
 // been read: a last line without one is dropped, deliberately, so a file caught
 // half-written never contributes a half line.
 //
-// Snapshot check. Another process flushes a file by truncating and rewriting
-// it in place while holding the lock file, and readers take no lock, so a load
-// can meet a partial file. A writer that loaded such a copy would write it
-// back and lose sections. ReadIniFile therefore notes, before reading, the
-// file's status-change time with nanoseconds, its identity and size and
-// whether a live lock file exists; after reading it checks that the time,
-// identity and size are unchanged, that it consumed exactly that many bytes
-// and that no live lock file appeared; otherwise it reads again. A lock file
-// older than kStaleLockAge is taken as left behind by a crashed process and no
-// longer holds readers back, so a stale lock costs a load at most that long.
+// Snapshot check. Flushes of this library replace the file by rename, so an
+// open file is always complete. Another program may still rewrite a profile
+// in place; ReadIniFile therefore notes the file's status-change time with
+// nanoseconds, its identity and size before reading, and reads again when
+// any of them changed meanwhile or fewer bytes were read than the file holds.
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -29,9 +24,8 @@ namespace tv {
 namespace detail {
 namespace {
 
-constexpr size_t kLineChunk = 512;             // initial line capacity and its growth step
-constexpr long kStaleLockAgeNs = 2000000000L;  // kStaleLockAge: 2 s
-constexpr int kMaxReadAttempts = 5000;         // ~5 s of 1 ms pauses under constant flushing
+constexpr size_t kLineChunk = 512;      // initial line capacity and its growth step
+constexpr int kMaxReadAttempts = 1000;  // only a file rewritten in place keeps a load retrying
 
 // Splits a stream into lines terminated by a line feed. The line buffer grows
 // in steps of kLineChunk, so there is no limit on line length.
@@ -115,17 +109,10 @@ const char* HeaderNameEnd(const char* trimmed) {
     return nullptr;
 }
 
-struct FileState {
-    bool ok = false;
-    bool regular = false;
-    dev_t dev = 0;
-    ino_t ino = 0;
-    off_t size = 0;
-    timespec ctim{};
-};
+}  // namespace
 
-FileState StatFile(const char* path) {
-    FileState s;
+ProfileFileState StatProfileFile(const char* path) {
+    ProfileFileState s;
     struct stat st;
     if (stat(path, &st) != 0) return s;
     s.ok = true;
@@ -137,29 +124,10 @@ FileState StatFile(const char* path) {
     return s;
 }
 
-bool SameFileState(const FileState& a, const FileState& b) {
+bool SameProfileFileState(const ProfileFileState& a, const ProfileFileState& b) {
     return a.ok && b.ok && a.dev == b.dev && a.ino == b.ino && a.size == b.size &&
            a.ctim.tv_sec == b.ctim.tv_sec && a.ctim.tv_nsec == b.ctim.tv_nsec;
 }
-
-// True while a flush lock file exists that is young enough to belong to a
-// flush in progress.
-bool LiveLockExists(const char* lockName) {
-    struct stat st;
-    if (stat(lockName, &st) != 0) return false;
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    long long ageNs = (static_cast<long long>(now.tv_sec) - st.st_ctim.tv_sec) * 1000000000LL +
-                      (now.tv_nsec - st.st_ctim.tv_nsec);
-    return ageNs < kStaleLockAgeNs;
-}
-
-void PauseForFlush() {
-    timespec ts{0, 1000000};  // 1 ms: a flush of an ordinary file takes well under that
-    nanosleep(&ts, nullptr);
-}
-
-}  // namespace
 
 ParseResult ParseIniStream(FILE* f, yufiletable* t, long long* bytesRead) {
     LineReader reader(f);
@@ -200,17 +168,13 @@ ParseResult ParseIniStream(FILE* f, yufiletable* t, long long* bytesRead) {
 
 int ReadIniFile(const char* path, yufiletable** list) {
     if (!ProfileNameUsable(path)) return 0;
-    char lockName[kProfileLockNameSize];
-    bool haveLock = BuildProfileLockName(path, lockName, sizeof lockName);
-
     for (int attempt = 1;; ++attempt) {
-        FileState before = StatFile(path);
-        bool lockedBefore = haveLock && LiveLockExists(lockName);
+        ProfileFileState before = StatProfileFile(path);
         FILE* f = TvFopen(path, "r", 0);
         if (f == nullptr) return 0;
 
         yufiletable* t = NewProfileTable(path);
-        t->cachedTime = before.ok ? static_cast<int64_t>(before.ctim.tv_sec) : 0;
+        t->cached = before;
         t->dirty = 1;
         long long consumed = 0;
         ParseResult parsed = ParseIniStream(f, t, &consumed);
@@ -221,13 +185,12 @@ int ReadIniFile(const char* path, yufiletable** list) {
             return 0;
         }
 
-        FileState after = StatFile(path);
-        bool lockedAfter = haveLock && LiveLockExists(lockName);
+        ProfileFileState after = StatProfileFile(path);
         bool consistent;
         if (!before.ok && !after.ok) {
             consistent = true;  // nothing to compare against (not a stat-able file)
         } else {
-            consistent = SameFileState(before, after) && !lockedBefore && !lockedAfter &&
+            consistent = SameProfileFileState(before, after) &&
                          (!after.regular || consumed == static_cast<long long>(after.size));
         }
         if (consistent || attempt >= kMaxReadAttempts) {
@@ -237,7 +200,6 @@ int ReadIniFile(const char* path, yufiletable** list) {
             return 1;
         }
         FreeProfileTable(t);
-        if (lockedBefore || lockedAfter) PauseForFlush();
     }
 }
 

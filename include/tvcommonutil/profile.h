@@ -4,9 +4,8 @@
 // lines included, and written back with them. All functions are thread-safe:
 // one process-wide lock serialises them. Between processes, a flush takes the
 // lock file "/tmp/<path with each '/' turned into '-'>-lock"; a lock file left
-// behind by a crashed process makes every flush of that file fail until it is
-// removed by hand. File paths must be shorter than 256 characters; longer ones
-// are refused (default answer on read, 0 on write, errno ENAMETOOLONG).
+// behind by a crashed process is broken by the next writer. File paths must be shorter than 256
+// characters; longer ones are refused (default answer on read, 0 on write, errno ENAMETOOLONG).
 //
 // Section names, keys and file names compare without regard to case (the same
 // file reached through two spellings of its path is cached twice). The one
@@ -35,12 +34,31 @@
 // NULs at buffer[size - 2] and buffer[size - 1], with the last entry cut, and
 // the result is size - 2 (0 for a size below 2).
 //
-// The cached copy is replaced by the disk copy when the file's status-change
-// time (in whole seconds) is newer than when it was loaded or last flushed;
-// cached changes not yet written are then lost — the disk copy wins.
+// The cached copy is replaced by the disk copy whenever the file on disk is no
+// longer the one loaded or last written (status-change time to the
+// nanosecond, size, inode); changes this process has not written yet are
+// kept on top of it, so a process always reads its own writes.
 TV_API unsigned long GetPrivateProfileString(const char* section, const char* key,
                                              const char* defaultValue, char* buffer,
                                              unsigned long size, const char* fileName);
+
+// The integer value of a key: decimal, or hexadecimal after "0x"; reading
+// stops at the first other character. defaultValue when the section or key
+// is missing, 0 for a negative or non-numeric value.
+TV_API unsigned int GetPrivateProfileInt(const char* section, const char* key, int defaultValue,
+                                         const char* fileName);
+
+// The lines of a section other than blank and comment lines ("key=value" as
+// written, trimmed), each NUL-terminated, followed by one more NUL; nothing
+// is written past size. A list that does not fit ends in two NULs at
+// buffer[size - 2] and buffer[size - 1] and the result is size - 2. A missing
+// section or file gives an empty list (result 0).
+TV_API unsigned long GetPrivateProfileSection(const char* section, char* buffer, unsigned long size,
+                                              const char* fileName);
+
+// The section names of a file in the same list form as GetPrivateProfileSection.
+TV_API unsigned long GetPrivateProfileSectionNames(char* buffer, unsigned long size,
+                                                   const char* fileName);
 
 // Changes a profile file (creating it when missing):
 // - section, key, value: set the key (an existing line keeps its key's spelling;
@@ -53,6 +71,14 @@ TV_API unsigned long GetPrivateProfileString(const char* section, const char* ke
 // With write caching on (the default) changes stay in memory and the result
 // is 1; with it off each change is flushed at once and the result is that of
 // the flush, which is 0 for a flush that completed normally.
+//
+// A flush takes the file's lock file, re-reads the file if another process
+// changed it and re-applies this process's changes over it in the order they
+// were made (for one key the later flush wins; comments and untouched lines
+// stay), then replaces the file by rename (owner and mode kept), so readers
+// never see a partial file. A lock file whose holder has died, or that is
+// older than 30 seconds, is removed by the next writer; a live holder is
+// waited for up to about 2 seconds. Cached changes are flushed at normal exit.
 TV_API int WritePrivateProfileString(const char* section, const char* key, const char* value,
                                      const char* fileName);
 

@@ -1,6 +1,6 @@
-// Profile files shared by real processes: flushes from two writers, a reader
-// that loads while others rewrite the file in place, and a reader that picks
-// up another process's flush once the status-change time has moved.
+// Profile files shared by real processes: concurrent writers of one file,
+// readers while they flush, exit-time flushes, dead lock holders and fork.
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,83 +34,128 @@ const char kSeed[] =
     "t=1\n"
     "\n";
 
-// args: file section key iterations. Each round loads the file afresh, sets
-// the key and flushes, so every load can meet the other writer's flush.
+constexpr int kKeysPerWriter = 10;
+
+// args: file writer-index rounds caching(on|off). Sets its own keys w<i>_<k>
+// in the shared section [Common] and its own section [W<i>], round r setting
+// key r % kKeysPerWriter to r. With caching on it flushes every 25 rounds and
+// leaves the rest to the flush at exit.
 TV_TEST_CHILD(profile_writer) {
     const std::string& file = args.at(0);
-    const char* section = args.at(1).c_str();
-    const char* key = args.at(2).c_str();
-    int rounds = std::stoi(args.at(3));
-    for (int i = 1; i <= rounds; ++i) {
-        std::string value = std::to_string(i);
-        if (WritePrivateProfileString(section, key, value.c_str(), file.c_str()) != 1) return 2;
-        yuWriteAndFreeAllProfiles();  // flush (lock contention may make it fail) and forget
+    const std::string& w = args.at(1);
+    int rounds = std::stoi(args.at(2));
+    bool caching = args.at(3) == "on";
+    yuSetProfileWriteCaching(caching);
+    std::string own = "W" + w;
+    for (int r = 1; r <= rounds; ++r) {
+        std::string key = "w" + w + "_" + std::to_string(r % kKeysPerWriter);
+        std::string value = std::to_string(r);
+        const char* section = r % 2 == 0 ? "Common" : own.c_str();
+        WritePrivateProfileString(section, key.c_str(), value.c_str(), file.c_str());
+        if (caching && r % 25 == 0)
+            WritePrivateProfileString(nullptr, nullptr, nullptr, file.c_str());
     }
     return 0;
 }
 
-// args: file section key value. One write, flushed at once.
+// args: file section key value. One cached write, never flushed by hand.
 TV_TEST_CHILD(profile_setter) {
-    const std::string& file = args.at(0);
-    if (WritePrivateProfileString(args.at(1).c_str(), args.at(2).c_str(), args.at(3).c_str(),
-                                  file.c_str()) != 1) {
-        return 2;
-    }
-    WritePrivateProfileString(nullptr, nullptr, nullptr, file.c_str());
-    return 0;
+    return WritePrivateProfileString(args.at(1).c_str(), args.at(2).c_str(), args.at(3).c_str(),
+                                     args.at(0).c_str()) == 1
+               ? 0
+               : 2;
 }
 
-TEST(ProfileMultiProcess, TwoWritersNeverLeaveAFileMissingASection) {
-    profiletest::ProfileDir dir;
-    std::string f = dir.file("shared.ini");
-    tvtest::WriteFile(f, kSeed);
-    const Strings all = {"Common", "A", "B", "Tail"};
+// args: lock path. Takes the lock and dies holding it.
+TV_TEST_CHILD(profile_lock_holder) {
+    if (tv::detail::yuLock(args.at(0).c_str()) != 1) return 2;
+    raise(SIGKILL);
+    return 3;
+}
 
-    std::vector<pid_t> pids = {tvtest::SpawnChild("profile_writer", {f, "A", "a", "400"}),
-                               tvtest::SpawnChild("profile_writer", {f, "B", "b", "400"})};
-    ASSERT_GT(pids[0], 0);
-    ASSERT_GT(pids[1], 0);
-
-    // Meanwhile this process loads the file over and over: every load must
-    // see a whole file, however the writers' in-place rewrites interleave.
-    // The children are always waited for, so none outlives this directory.
-    int loads = 0, running = 2;
-    bool whole = true;
-    std::vector<int> status(2, -1);
-    while (running > 0) {
-        if (whole) {
-            yuWriteAndFreeAllProfiles();  // nothing dirty here: just forget the copy
-            Strings seen = Sections(f);
-            std::string name = Get("Common", "name", f);
-            EXPECT_EQ(seen, all) << "after " << loads << " loads";
-            EXPECT_EQ(name, "shared ; comment kept");
-            whole = seen == all && name == "shared ; comment kept";
-            ++loads;
+TEST(ProfileMultiProcess, FourWritersKeepEveryKeyAndReadersSeeWholeFiles) {
+    constexpr int kWriters = 4, kRounds = 500;
+    for (const char* caching : {"off", "on"}) {
+        SCOPED_TRACE(caching);
+        profiletest::ProfileDir dir;
+        std::string f = dir.file("shared.ini");
+        tvtest::WriteFile(f, kSeed);
+        std::vector<pid_t> pids;
+        for (int w = 0; w < kWriters; ++w) {
+            pids.push_back(tvtest::SpawnChild(
+                "profile_writer", {f, std::to_string(w), std::to_string(kRounds), caching}));
+            ASSERT_GT(pids.back(), 0);
         }
-        for (size_t i = 0; i < pids.size(); ++i) {
-            int st;
-            if (status[i] == -1 && waitpid(pids[i], &st, whole ? WNOHANG : 0) == pids[i]) {
-                status[i] = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-                --running;
+        // Meanwhile this process re-reads the file: every load is a whole file.
+        int running = kWriters;
+        bool whole = true;
+        std::vector<int> status(kWriters, -1);
+        while (running > 0) {
+            if (whole) {
+                yuWriteAndFreeAllProfiles();  // nothing dirty here: just forget the copy
+                Strings seen = Sections(f);
+                whole = seen.size() >= 4 &&
+                        Strings(seen.begin(), seen.begin() + 4) ==
+                            Strings{"Common", "A", "B", "Tail"} &&
+                        Get("Common", "name", f) == "shared ; comment kept";
+                EXPECT_TRUE(whole) << tvtest::ReadFile(f);
+            }
+            for (int i = 0; i < kWriters; ++i) {
+                int st;
+                if (status[i] == -1 && waitpid(pids[i], &st, whole ? WNOHANG : 0) == pids[i]) {
+                    status[i] = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+                    --running;
+                }
             }
         }
+        for (int i = 0; i < kWriters; ++i) EXPECT_EQ(status[i], 0);
+        yuWriteAndFreeAllProfiles();
+        int wrong = 0;
+        for (int w = 0; w < kWriters; ++w) {
+            for (int k = 0; k < kKeysPerWriter; ++k) {
+                int last = kRounds - ((kRounds - k) % kKeysPerWriter);
+                std::string section = last % 2 == 0 ? "Common" : "W" + std::to_string(w);
+                std::string key = "w" + std::to_string(w) + "_" + std::to_string(k);
+                if (Get(section.c_str(), key.c_str(), f) != std::to_string(last)) ++wrong;
+            }
+        }
+        EXPECT_EQ(wrong, 0) << tvtest::ReadFile(f);
+        std::string text = tvtest::ReadFile(f);
+        EXPECT_EQ(text.find("; shared settings\n[Common]\nname = shared ; comment kept\n"), 0u);
+        EXPECT_NE(text.find("\n; end of A\n"), std::string::npos);
+        EXPECT_EQ(Get("Tail", "t", f), "1");
     }
-    ASSERT_TRUE(whole);
-    EXPECT_EQ(status[0], 0);
-    EXPECT_EQ(status[1], 0);
-    EXPECT_GT(loads, 0);
+}
 
-    yuWriteAndFreeAllProfiles();
-    EXPECT_EQ(Sections(f), all);
-    EXPECT_NE(Get("A", "a", f), "<default>");
-    EXPECT_NE(Get("B", "b", f), "<default>");
-    EXPECT_EQ(Get("Tail", "t", f), "1");
+TEST(ProfileMultiProcess, ExitFlushesAndADeadLockHolderDoesNotBlock) {
+    profiletest::ProfileDir dir;
+    std::string f = dir.file("exit.ini");
+    tvtest::WriteFile(f, "[S]\nk=old\n");
+    pid_t pid = tvtest::SpawnChild("profile_lock_holder", {profiletest::LockPathFor(f)});
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(tvtest::WaitChild(pid), 128 + SIGKILL);
+    pid = tvtest::SpawnChild("profile_setter", {f, "S", "k", "new"});
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(tvtest::WaitChild(pid), 0);
+    EXPECT_EQ(tvtest::ReadFile(f), "[S]\nk=new\n\n");
     EXPECT_FALSE(tvtest::FileExists(profiletest::LockPathFor(f)));
-    // The file is still in the flushed layout: comments and order intact.
-    std::string text = tvtest::ReadFile(f);
-    EXPECT_EQ(text.find("; shared settings\n[Common]\nname = shared ; comment kept\n\n[A]\na="), 0u)
-        << text;
-    EXPECT_NE(text.find("\n; end of A\n\n[B]\nb="), std::string::npos) << text;
+}
+
+TEST(ProfileMultiProcess, AForkedChildReadsAndWritesProfiles) {
+    profiletest::ProfileDir dir;
+    std::string f = dir.file("fork.ini");
+    ASSERT_EQ(WritePrivateProfileString("S", "k", "parent", f.c_str()), 1);
+    pid_t pid = fork();
+    if (pid == 0) {
+        bool ok = Get("S", "k", f) == "parent" &&
+                  WritePrivateProfileString("S", "c", "child", f.c_str()) == 1;
+        WritePrivateProfileString(nullptr, nullptr, nullptr, f.c_str());
+        _exit(ok ? 0 : 1);
+    }
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(tvtest::WaitChild(pid), 0);
+    EXPECT_EQ(Get("S", "c", f), "child");
+    EXPECT_EQ(Get("S", "k", f), "parent");
 }
 
 TEST(ProfileMultiProcess, ReaderSeesAnotherProcessFlushOnceTheTimeMoves) {

@@ -190,31 +190,20 @@ TEST(ProfileRead, UnreadableAndRefusedFilesGiveTheDefault) {
     EXPECT_EQ(Get("S", "k", std::string(5000, 'z')), "<default>");
 }
 
-TEST(ProfileRead, ReloadsWhenTheStatusChangeTimeMoves) {
+TEST(ProfileRead, NoticesAnyRewriteAndKeepsItsOwnPendingChangesOnTop) {
     ProfileDir dir;
     std::string f = dir.file("r.ini");
     tvtest::WriteFile(f, "[S]\nk=old\n");
     EXPECT_EQ(Get("S", "k", f), "old");
-
-    // Same second: the cached copy is still used.
-    time_t loaded = profiletest::CtimeOf(f);
+    // Same size, same second: still noticed.
     tvtest::WriteFile(f, "[S]\nk=new\n");
-    if (profiletest::CtimeOf(f) == loaded) {
-        EXPECT_EQ(Get("S", "k", f), "old");
-    }
+    EXPECT_EQ(Get("S", "k", f), "new");
 
-    profiletest::WaitPastSecond(profiletest::CtimeOf(f));
-    tvtest::WriteFile(f, "[S]\nk=newer\n");
-    EXPECT_EQ(Get("S", "k", f), "newer");
-
-    // A cached write is lost when the disk copy is newer: the disk wins.
     ASSERT_EQ(WritePrivateProfileString("S", "k", "mine", f.c_str()), 1);
+    tvtest::WriteFile(f, "[S]\nk=theirs\nx=1\n");
     EXPECT_EQ(Get("S", "k", f), "mine");
-    profiletest::WaitPastSecond(profiletest::CtimeOf(f));
-    tvtest::WriteFile(f, "[S]\nk=theirs\n");
-    EXPECT_EQ(Get("S", "k", f), "theirs");
+    EXPECT_EQ(Get("S", "x", f), "1");
 
-    // A file removed behind the cache reads as the default.
     unlink(f.c_str());
     EXPECT_EQ(Get("S", "k", f), "<default>");
 }
@@ -229,7 +218,7 @@ TEST(ProfileRead, TablesHoldTheTrimmedLinesVerbatim) {
     tv::detail::yufiletable* t = tv::detail::pYUFileTable;
     EXPECT_STREQ(t->name, f.c_str());
     EXPECT_EQ(t->dirty, 0);
-    EXPECT_EQ(t->cachedTime, profiletest::CtimeOf(f));
+    EXPECT_EQ(t->cached.ctim.tv_sec, profiletest::CtimeOf(f));
     ASSERT_EQ(t->headerCount, 2);
     EXPECT_STREQ(t->headerLines[0], "; head");
     EXPECT_STREQ(t->headerLines[1], "");
@@ -261,6 +250,45 @@ TEST(ProfileRead, FilesBeyondTheSixteenBitCountsAreRefused) {
     tvtest::WriteFile(f, text + "one-too-many\n");
     EXPECT_EQ(Get("S", "last", f), "<default>");  // never a partial table
     EXPECT_EQ(WritePrivateProfileString("S", "k", "v", f.c_str()), 0);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ProfileRead, IntSectionAndSectionNamesReaders) {
+    ProfileDir dir;
+    std::string f = dir.file("n.ini");
+    tvtest::WriteFile(f, "[N]\ndec = 42 ; note\nhex=0x1F\nneg=-5\ntext=abc\n; c\n\nbare\n[M]\n");
+    const struct {
+        const char* key;
+        unsigned int expected;
+    } ints[] = {{"dec", 42}, {"hex", 31}, {"neg", 0}, {"text", 0}, {"missing", 7}};
+    for (const auto& c : ints) {
+        EXPECT_EQ(GetPrivateProfileInt("N", c.key, 7, f.c_str()), c.expected) << c.key;
+    }
+    EXPECT_EQ(GetPrivateProfileInt("X", "dec", 9, f.c_str()), 9u);
+
+    char buf[64];
+    unsigned long n = GetPrivateProfileSection("n", buf, sizeof buf, f.c_str());
+    EXPECT_EQ(profiletest::SplitList(buf, n),
+              (Strings{"dec = 42 ; note", "hex=0x1F", "neg=-5", "text=abc", "bare"}));
+    // Too small: cut, two closing NULs inside the buffer, result size - 2.
+    buf[10] = 'X';
+    EXPECT_EQ(GetPrivateProfileSection("N", buf, 10, f.c_str()), 8u);
+    EXPECT_EQ(buf[8], '\0');
+    EXPECT_EQ(buf[9], '\0');
+    EXPECT_EQ(buf[10], 'X');
+    EXPECT_EQ(GetPrivateProfileSection("none", buf, sizeof buf, f.c_str()), 0u);
+    EXPECT_EQ(buf[0], '\0');
+
+    n = GetPrivateProfileSectionNames(buf, sizeof buf, f.c_str());
+    EXPECT_EQ(profiletest::SplitList(buf, n), (Strings{"N", "M"}));
+    // An exact fit of the names alone has no room for the closing NUL.
+    buf[4] = 'X';
+    EXPECT_EQ(GetPrivateProfileSectionNames(buf, 4, f.c_str()), 2u);
+    EXPECT_EQ(buf[4], 'X');
+    EXPECT_EQ(GetPrivateProfileSectionNames(buf, sizeof buf, (f + ".none").c_str()), 0u);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <unistd.h>
 // Round trips of real configuration files shipped by Debian packages (kept in
 // data/): load, set one existing key, flush. The result must equal the
 // original apart from that one line and the documented rewriting: every line
@@ -13,8 +14,12 @@
 namespace {
 
 std::string DataFile(const char* name) {
+    // __FILE__ may be relative to the build directory (ccache base_dir), one
+    // level above where the tests run.
     std::string here = __FILE__;
-    return here.substr(0, here.rfind('/')) + "/data/" + name;
+    std::string p = here.substr(0, here.rfind('/')) + "/data/" + name;
+    if (p[0] != '/' && access(p.c_str(), R_OK) != 0) p = "../" + p;
+    return p;
 }
 
 std::vector<std::string> SplitLines(const std::string& text) {
