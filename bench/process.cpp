@@ -43,11 +43,11 @@ void SpawnWaitExitCode(benchmark::State& state, bool wait) {
     state.SetItemsProcessed(state.iterations());
 }
 
-void BM_LibWaitTracing(benchmark::State& state) {
+void BM_LibWaitAuto(benchmark::State& state) {
     tv::detail::SetProcessWaitMethod(tv::detail::kWaitAuto);
     SpawnWaitExitCode(state, true);
 }
-BENCHMARK(BM_LibWaitTracing)->UseRealTime();
+BENCHMARK(BM_LibWaitAuto)->UseRealTime();
 
 void BM_LibWaitPidFd(benchmark::State& state) {
     tv::detail::SetProcessWaitMethod(tv::detail::kWaitPidFd);
@@ -86,8 +86,8 @@ int main(int argc, char** argv) {
     const char* floor = "BM_RawPosixSpawnWaitpid/real_time";
     return tvbench::Main(
         argc, argv,
-        {{"spawn+wait+exit code of /bin/true (tracing) / posix_spawn+waitpid",
-          "BM_LibWaitTracing/real_time", floor},
+        {{"spawn+wait+exit code of /bin/true (auto: pidfd for own children) / posix_spawn+waitpid",
+          "BM_LibWaitAuto/real_time", floor},
          {"spawn+wait+exit code (pidfd) / posix_spawn+waitpid", "BM_LibWaitPidFd/real_time", floor},
          {"spawn+GetExitCodeProcess / posix_spawn+waitpid", "BM_LibExitCodeOnly/real_time",
           floor}});

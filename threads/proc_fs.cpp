@@ -52,18 +52,22 @@ const char* AfterBlanks(const char* text, int blanks) {
     return p;
 }
 
+const char* AfterName(const char* stat) {
+    const char* close = strrchr(stat, ')');
+    return close ? close + 1 : nullptr;
+}
+
 bool ParseStatHead(const char* stat, int* pid, char* name, size_t nameSize, char* state,
                    int* ppid) {
-    // Field by field, so the name is cut to the caller's buffer.
+    // The name may hold blanks and parentheses of its own; only the last ')'
+    // of the line closes it.
     char* end = nullptr;
     long v = strtol(stat, &end, 10);
     if (end == stat || *end != ' ') return false;
     *pid = static_cast<int>(v);
-    const char* p = end;
-    while (*p == ' ') ++p;
-    const char* nameStart = p;
-    while (*p && *p != ' ' && *p != '\t' && *p != '\n') ++p;
-    if (p == nameStart || nameSize == 0) return false;
+    const char* nameStart = strchr(end, '(');
+    const char* p = AfterName(stat);
+    if (nameStart == nullptr || p == nullptr || p <= nameStart || nameSize == 0) return false;
     size_t n = static_cast<size_t>(p - nameStart);
     if (n > nameSize - 1) n = nameSize - 1;
     memcpy(name, nameStart, n);

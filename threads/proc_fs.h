@@ -22,13 +22,16 @@ ssize_t ReadProcFile(const char* path, char* buf, size_t max);
 void ProcPath(char* out, size_t outSize, const char* pid, const char* leaf);
 void ProcPath(char* out, size_t outSize, long pid, const char* leaf);
 
-// The text after the first `blanks` blanks of a stat line, or null when it
-// has fewer. Blanks inside the command name count like any other: a name
-// holding a blank shifts every later field.
+// The text after the first `blanks` blanks of `text`, or null when it has
+// fewer.
 const char* AfterBlanks(const char* text, int blanks);
 
-// "%d %s %c %d" of a stat line: pid, name (with its parentheses, cut to
-// nameSize - 1), state letter, parent pid. False when any is missing.
+// The text of a stat line after the command name, that is after its last
+// ')' (a name may hold blanks and parentheses), or null without one.
+const char* AfterName(const char* stat);
+
+// pid, name (with its parentheses, cut to nameSize - 1), state letter and
+// parent pid of a stat line. False when any is missing.
 bool ParseStatHead(const char* stat, int* pid, char* name, size_t nameSize, char* state, int* ppid);
 
 // The entries of /proc in directory order, "." and ".." included.

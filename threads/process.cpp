@@ -86,7 +86,7 @@ DWORD WatcherMain(void*) {
             pthread_mutex_lock(&g_requestLock);
             RequestQueue().erase(p);
             pthread_mutex_unlock(&g_requestLock);
-            p->Signal();
+            p->WakeEndWaiters();
         } else if (r == WAIT_FAILED) {
             // Do not spin on a persistent failure; queue changes still wake us.
             timespec until;
@@ -130,8 +130,18 @@ int ExitCodeFromStatus(int raw) {
 namespace tv {
 namespace detail {
 
-void ResetProcessWatcherAfterFork() {
-    // The child has no watcher thread and nobody waiting; start afresh.
+void WatcherForkPrepare() {
+    pthread_mutex_lock(&g_requestLock);
+}
+
+void WatcherForkParent() {
+    pthread_mutex_unlock(&g_requestLock);
+}
+
+void WatcherForkChild() {
+    // The child has no watcher thread and nobody waiting; it starts afresh
+    // and makes a new watcher on its first mixed wait. The old thread's
+    // handle and the queued processes' references are left behind.
     pthread_mutex_init(&g_requestLock, nullptr);
     pthread_cond_init(&g_requestWait, nullptr);
     g_watcher = nullptr;
@@ -146,9 +156,23 @@ void ResetProcessWatcherAfterFork() {
 // Process
 
 Process::Process(int pid)
-    : Handle(1), pid_(pid), exitStatus_(0), state_(kProcRunning), queued_(0), statusKnown_(false) {}
+    : Handle(1),
+      pid_(pid),
+      exitStatus_(0),
+      state_(kProcRunning),
+      queued_(0),
+      statusKnown_(false),
+      ownChild_(false) {}
 
-Process::~Process() {}
+Process::~Process() {
+    // The last reference: nobody else can look at the state any more.
+    bool running;
+    {
+        CriticalSectionHolder hold(lock_);
+        running = state_ == kProcRunning;
+    }
+    if (ownChild_ && running) tv::detail::AdoptChild(pid_);
+}
 
 int Process::What() {
     return kHandleProcess;
@@ -186,7 +210,7 @@ void Process::FreeSynch() {
     }
     if (--queued_ == 0 && RequestQueue().erase(this) != 0) WakeWatcher();
     pthread_mutex_unlock(&g_requestLock);
-    if (HasEnded()) Signal();
+    if (HasEnded()) WakeEndWaiters();
     Handle::FreeSynch();
     DecRefCount();
 }
@@ -238,7 +262,7 @@ int Process::CollectStatus(int options, int* raw) {
     }
     int err = errno;
     if (raw) *raw = status;
-    if (ended) Signal();
+    if (ended) WakeEndWaiters();
     errno = err;
     return static_cast<int>(r);
 }
@@ -252,7 +276,11 @@ void Process::MarkEnded() {
             changed = true;
         }
     }
-    if (changed) Signal();
+    if (changed) WakeEndWaiters();
+}
+
+void Process::WakeEndWaiters() {
+    Signal();
 }
 
 int Process::TakeExitCode(unsigned long* code) {
@@ -391,10 +419,14 @@ BOOL CreateProcessAsUser(Handle* token, const char* applicationName, char* comma
     int pid = Spawn(creationFlags, token, buffer, currentDirectory, startup);
     if (pid <= 0) return FALSE;
     if (info) {
-        info->hProcess = new Process(pid);
+        Process* p = new Process(pid);
+        if (!(creationFlags & kSpawnDetached)) p->SetOwnChild();
+        info->hProcess = p;
         info->hThread = nullptr;
         info->dwProcessId = static_cast<DWORD>(pid);
         info->dwThreadId = 0;
+    } else if (!(creationFlags & kSpawnDetached)) {
+        tv::detail::AdoptChild(pid);  // nobody can ever wait for it
     }
     return TRUE;
 }

@@ -34,7 +34,7 @@ using tv::detail::ProcPath;
 using tv::detail::ReadProcFile;
 
 constexpr size_t kStatReadMax = 512;
-constexpr int kExitSignalBlanks = 37;  // field 38 follows the 37th blank
+constexpr int kExitSignalBlanks = 36;  // field 38, counted from the end of the name
 constexpr int kSigChld = 17;
 
 struct EnumProcState {
@@ -91,7 +91,9 @@ BOOL EnumProcesses(DWORD* ids, DWORD bytes, DWORD* bytesReturned) {
         ProcPath(path, sizeof path, name, "stat");
         char stat[kStatReadMax + 1];
         if (ReadProcFile(path, stat, kStatReadMax) < 0) continue;
-        const char* field = tv::detail::AfterBlanks(stat, kExitSignalBlanks);
+        const char* afterName = tv::detail::AfterName(stat);
+        const char* field =
+            afterName ? tv::detail::AfterBlanks(afterName, kExitSignalBlanks) : nullptr;
         if (field == nullptr) {
             SetDumb();
             return DumbEnumProcesses(ids, bytes, bytesReturned);
@@ -174,7 +176,7 @@ CKWString GetProcessName(DWORD pid, int preferExecutable) {
     }
     const char* open = strchr(comm, '(');
     if (open == nullptr) return CKWString();
-    const char* close = strchr(open + 1, ')');
+    const char* close = strrchr(open + 1, ')');
     if (close == nullptr) return CKWString();
     return CKWString(std::string(open + 1, static_cast<size_t>(close - open - 1)));
 }

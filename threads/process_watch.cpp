@@ -221,6 +221,26 @@ int OpenPidFd(pid_t pid) {
     return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
 }
 
+// Decided once per process, on the first wait: whether this kernel (and any
+// seccomp filter) gives process descriptors. Where it does, our own children
+// are never traced.
+bool DescriptorsAvailable() {
+    static const bool available = [] {
+        int fd = OpenPidFd(getpid());
+        if (fd < 0) return false;
+        close(fd);
+        return true;
+    }();
+    return available;
+}
+
+// A child of this process that nobody has reaped yet (running or a zombie).
+bool IsOwnChild(pid_t pid) {
+    siginfo_t si;
+    si.si_pid = 0;
+    return waitid(P_PID, static_cast<id_t>(pid), &si, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
 enum Method { kTrace, kDescriptors };
 
 struct Entry {
@@ -280,6 +300,20 @@ bool CheckTraced(Entry& e) {
 
 }  // namespace
 
+void WaitersForkPrepare() {
+    pthread_mutex_lock(&g_waitersLock);
+}
+
+void WaitersForkParent() {
+    pthread_mutex_unlock(&g_waitersLock);
+}
+
+void WaitersForkChild() {
+    // The registered nodes live on the stacks of the parent's threads.
+    pthread_mutex_init(&g_waitersLock, nullptr);
+    g_waiters = nullptr;
+}
+
 void SetProcessWaitMethod(ProcessWaitMethod m) {
     __atomic_store_n(&g_method, static_cast<int>(m), __ATOMIC_RELAXED);
 }
@@ -324,6 +358,10 @@ unsigned long WaitForProcesses(unsigned long count, Handle** handles, int waitAl
         for (unsigned long i = 0; i < count && method == kTrace; ++i) {
             Entry& e = entries[i];
             if (e.p == nullptr || e.ended) continue;
+            if (DescriptorsAvailable() && IsOwnChild(e.p->GetPid())) {
+                e.pidfd = OpenPidFd(e.p->GetPid());
+                if (e.pidfd >= 0) continue;
+            }
             int err = TraceAttach(e.p->GetPid());
             if (err == 0) {
                 e.traced = true;
@@ -343,19 +381,22 @@ unsigned long WaitForProcesses(unsigned long count, Handle** handles, int waitAl
                 return WAIT_FAILED;
             }
         }
-        if (method == kDescriptors) {
+        bool anyTraced = false;
+        for (const auto& t : entries) anyTraced = anyTraced || t.traced;
+        if (method == kDescriptors || !anyTraced) {
             for (auto& t : entries) {
                 if (t.traced) TraceDetach(t.p);
                 t.traced = false;
             }
             signals.Unregister();
+            method = kDescriptors;
         }
     }
     bool anyFdless = false;
     if (method == kDescriptors) {
         for (unsigned long i = 0; i < count; ++i) {
             Entry& e = entries[i];
-            if (e.p == nullptr || e.ended) continue;
+            if (e.p == nullptr || e.ended || e.pidfd >= 0) continue;
             if (configured != kWaitPoll) e.pidfd = OpenPidFd(e.p->GetPid());
             if (e.pidfd < 0) {
                 if (errno == ESRCH && configured != kWaitPoll) {

@@ -13,23 +13,26 @@
 // blocks it itself); the library keeps SIGCHLD blocked everywhere anyway so
 // that no thread discards it.
 //
-// Two methods, chosen per wait:
-//  - tracing: the thread attaches to each process with PTRACE_SEIZE (no stop
-//    is injected, unlike PTRACE_ATTACH), sleeps in sigtimedwait on SIGCHLD,
-//    polls each process with waitpid(WNOHANG | __WALL), passes every
-//    signal-delivery stop on to the tracee, and detaches from the processes
-//    still running when it returns. This sees the end of processes that are
-//    not our children (a detached spawn's grandchild), with their status.
-//    While traced, the process cannot itself be traced by anybody else (a
-//    debugger, strace, a leak checker that stops its own threads), and each
-//    signal it receives passes through the tracer.
-//  - process descriptors: pidfd_open + ppoll. Used when attaching is refused
-//    with EPERM (a hardened kernel, a process already traced by another
-//    thread of ours, a zombie), for zero time-outs (a poll must not stop
+// Two backends, chosen per process waited on:
+//  - process descriptors: pidfd_open + ppoll, the exit status then taken with
+//    waitpid. This changes nothing in the process waited on (it can be
+//    debugged, traced by strace, run a leak checker), so it is what our own
+//    children get whenever the kernel has pidfd_open (5.3 and later; decided
+//    once per process, on the first wait). It is also used for every process
+//    when tracing is refused with EPERM (a hardened kernel, a process traced
+//    by somebody else, a zombie), for zero time-outs (a poll must not stop
 //    anybody), and when forced by SetProcessWaitMethod. It sees the end of
 //    any process; the status is known only for our own children. Where
-//    pidfd_open is missing, processes are polled every 20 ms instead. Where
 //    pidfd_open is missing, processes are polled every 20 ms instead.
+//  - tracing, the fallback: for a process that is not our child (a detached
+//    spawn's grandchild, an opened pid), or for our children on a kernel
+//    without process descriptors. The thread attaches with PTRACE_SEIZE (no
+//    stop is injected, unlike PTRACE_ATTACH), sleeps in sigtimedwait on
+//    SIGCHLD, polls each process with waitpid(WNOHANG | __WALL), passes every
+//    signal-delivery stop on to the tracee, and detaches from the processes
+//    still running when it returns. It gives the exit status of processes
+//    that are not our children. While traced, the process cannot be traced
+//    by anybody else, and each signal it receives passes through the tracer.
 //
 // SIGCHLD is a single, non-queued, process-wide signal, so one waiting
 // thread can take the SIGCHLD meant for another. Waiting threads are
@@ -51,7 +54,7 @@ namespace detail {
 constexpr unsigned long kRepollMs = 1000;
 
 enum ProcessWaitMethod {
-    kWaitAuto = 0,   // tracing, descriptors where tracing is refused
+    kWaitAuto = 0,   // descriptors for own children, else tracing where allowed
     kWaitPidFd = 1,  // descriptors only, as where tracing is always refused
     kWaitPoll = 2,   // neither: waitpid/kill polling, as without pidfd_open
 };

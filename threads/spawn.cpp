@@ -28,15 +28,37 @@
 
 pthread_mutex_t SpawnMutex = PTHREAD_MUTEX_INITIALIZER;
 
+namespace {
+
+// SpawnMutex is not taken before a fork: the program may fork while holding
+// it itself. The child re-initialises it instead.
+void ProcessForkPrepare() {
+    tv::detail::WatcherForkPrepare();
+    tv::detail::ReaperForkPrepare();
+    tv::detail::WaitersForkPrepare();
+}
+
+void ProcessForkParent() {
+    tv::detail::WaitersForkParent();
+    tv::detail::ReaperForkParent();
+    tv::detail::WatcherForkParent();
+}
+
+}  // namespace
+
 void SpawnChildFork() {
-    // Runs in the child of every fork, whether or not a spawn held the
-    // mutex at the time, so it re-initialises rather than unlocks.
+    // Re-initialised rather than unlocked: a spawn's own fork reaches here
+    // with the mutex held by the spawning thread.
     pthread_mutex_init(&SpawnMutex, nullptr);
-    tv::detail::ResetProcessWatcherAfterFork();
+    tv::detail::WatcherForkChild();
+    tv::detail::ReaperForkChild();
+    tv::detail::WaitersForkChild();
 }
 
 void SpawnInit() {
-    pthread_atfork(nullptr, nullptr, SpawnChildFork);
+    // One set for all of the process code, so that the order is fixed (see
+    // process_internal.h).
+    pthread_atfork(ProcessForkPrepare, ProcessForkParent, SpawnChildFork);
 }
 
 namespace {

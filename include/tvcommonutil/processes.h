@@ -62,6 +62,13 @@ public:
     // Internal: the process is known to be gone but its status was not
     // collected here (not a child of this process, or reaped elsewhere).
     void MarkEnded();
+    // Internal: the one place where waiters on an ended process are woken
+    // (the synchronisation event is set); every recorded end goes through it.
+    void WakeEndWaiters();
+    // Internal: the process was started by CreateProcess as a direct child.
+    // If the handle goes before the end was seen, the child is handed to the
+    // library's reaper, so that it does not stay a zombie.
+    void SetOwnChild() { ownChild_ = true; }
     // Internal: 1 with *code (the stored exit code) when the end is recorded
     // with a known status, and moves the state to 2; 0 when the end is
     // recorded without a status; -1 while running.
@@ -75,6 +82,7 @@ private:
     // request queue while this is non-zero. Guarded by the watcher's lock.
     int queued_;
     bool statusKnown_ TV_GUARDED_BY(lock_);
+    bool ownChild_;  // set once, before the handle is shared
     CriticalSection lock_;
 };
 
@@ -109,9 +117,11 @@ TV_API extern sigset_t SigChildMask;
 // that threads created afterwards inherit the block and SIGCHLD is taken
 // only synchronously by the process waits. Runs at load.
 TV_API void ProcInit();
-// Registers SpawnChildFork as the child-side fork handler. Runs at load.
+// Registers the fork handlers of the process code (SpawnChildFork on the
+// child side). Runs at load.
 TV_API void SpawnInit();
-// Leaves SpawnMutex free and usable in the child of any fork.
+// Leaves SpawnMutex free and the process watcher, reaper and waiter state
+// empty and usable in the child of any fork.
 TV_API void SpawnChildFork();
 
 // Spawn flags.

@@ -1,7 +1,9 @@
 // Process enumeration and naming against real processes and threads.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,6 +93,22 @@ TEST(EnumProcesses, ListsProcessesAndNoThreads) {
     EXPECT_TRUE(Has(precise, twin.pid()));
     EXPECT_FALSE(Has(precise, thread.tid()));
     EXPECT_EQ(bDumbProcfs, 0);
+
+    // A name with blanks and parentheses shifts nothing.
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    pid_t named = fork();
+    if (named == 0) {
+        char c;
+        prctl(PR_SET_NAME, "my worker (x)");
+        close(gate[1]);
+        _exit(static_cast<int>(read(gate[0], &c, 1)));
+    }
+    close(gate[0]);
+    while (GetProcessName(named, FALSE) != CKWString("my worker (x)")) sched_yield();
+    EXPECT_TRUE(Has(List(EnumProcesses), named));
+    close(gate[1]);
+    EXPECT_EQ(tvtest::WaitChild(named), 0);
 
     // The fall-back takes a child named like its parent for a thread.
     std::vector<DWORD> dumb = List(DumbEnumProcesses);
