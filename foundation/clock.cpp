@@ -107,6 +107,34 @@ void DeadlineAfter(long secs, long msecs, timespec& deadline) {
     deadline.tv_sec += secs;
 }
 
+long long MonotonicNs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+Deadline Deadline::AfterMs(unsigned long ms) {
+    if (ms == 0xFFFFFFFFUL) return Never();
+    return Deadline(MonotonicNs() + static_cast<long long>(ms) * 1000000LL);
+}
+
+bool Deadline::Expired() const {
+    return ns_ >= 0 && MonotonicNs() >= ns_;
+}
+
+timespec Deadline::AsTimespec() const {
+    timespec ts;
+    ts.tv_sec = static_cast<time_t>(ns_ / 1000000000LL);
+    ts.tv_nsec = static_cast<long>(ns_ % 1000000000LL);
+    return ts;
+}
+
+unsigned long Deadline::RemainingMs() const {
+    if (ns_ < 0) return 0xFFFFFFFFUL;
+    long long left = ns_ - MonotonicNs();
+    return left <= 0 ? 0 : static_cast<unsigned long>((left + 999999) / 1000000);
+}
+
 void SleepMs(long ms) {
     timespec left = {ms / 1000, (ms % 1000) * 1000000L};
     while (nanosleep(&left, &left) == -1 && errno == EINTR) {

@@ -1,79 +1,24 @@
-// Events: the one real waiting primitive of the library.
+// Events. The waiting itself is the wait core's (handles/wait_core.cpp);
+// this file keeps the event's state word.
 //
-// Locking model
-// -------------
-// Each event has a mutex guarding its signalled flag and waiter count, and a
-// condition its single-object waiters sleep on. The process-wide recursive
-// Event::EventLock guards every listener set (the MultiEvents of threads
-// inside a multi-object wait). Lock order: EventLock, then an event's mutex,
-// then (through MultiEvent::PostEvent) the embedded event of a listener.
-//
-// Set() stores the signalled flag while it still holds EventLock, so a
-// multi-object wait that scans the flags under EventLock either sees the
-// event signalled or is already registered as a listener and gets the
-// posting: no wake-up can fall between the two.
-//
-// Auto-reset consumption is a test-and-clear under the event's mutex
-// (TryConsume), whoever the consumer is: a single-object waiter, a
-// multi-object wait or a synchronisation-event poll. One Set therefore
-// releases exactly one consumer even when several threads watch the event.
-//
-// APCs: an alertable finite wait records its event on its thread object.
-// QueueAPC broadcasts that event's condition after queueing, and the waiter
-// checks for queued APCs under the event's mutex before every sleep, so an
-// APC queued while the thread is already asleep ends the wait with
-// WAIT_IO_COMPLETION. The APCs themselves run after the event's mutex has
-// been released. INFINITE waits ignore APCs by design.
-#include <errno.h>
-#include <pthread.h>
+// state_ holds kSignalled and kSleepers (some wait has a node on this
+// event). Set on an event nobody sleeps on is one CAS from 0 to kSignalled,
+// and a zero-time wait one CAS clearing kSignalled; a Set that finds
+// kSleepers takes the event's lock and hands the signal to the sleepers
+// (WakeSleepersLocked). kSleepers is set under the lock before a wait makes
+// its last check, so a lock-free Set can never slip between that check and
+// the sleep. Reset is a plain clear: it never waits for anybody.
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include "handles/wait_internal.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/threads.h"
 
-CriticalSection Event::EventLock;
-
-namespace tv {
-namespace detail {
-
-void (*g_unnotify_hook)(long data, Event* e) = nullptr;
-
-void SplitTimeout(unsigned long ms, long& secs, long& msecs) {
-    secs = 0;
-    msecs = 0;
-    if (ms != 0 && ms != INFINITE) {
-        secs = ms > 999 ? static_cast<long>(ms / 1000) : 0;
-        msecs = static_cast<long>(ms % 1000);
-    }
-}
-
-}  // namespace detail
-}  // namespace tv
-
 namespace {
 
-void InitCond(pthread_cond_t* c) {
-    pthread_condattr_t attr;
-    pthread_condattr_init(&attr);
-    pthread_condattr_setclock(&attr, CLOCK_REALTIME);
-    pthread_cond_init(c, &attr);
-    pthread_condattr_destroy(&attr);
-}
-
-// Scoped pthread mutex holder for the event's own mutex.
-class MutexHolder {
-public:
-    explicit MutexHolder(pthread_mutex_t* m) : m_(m) { pthread_mutex_lock(m_); }
-    ~MutexHolder() { pthread_mutex_unlock(m_); }
-    MutexHolder(const MutexHolder&) = delete;
-    MutexHolder& operator=(const MutexHolder&) = delete;
-
-private:
-    pthread_mutex_t* m_;
-};
+constexpr unsigned kSignalled = 1;
+constexpr unsigned kSleepers = 2;
 
 }  // namespace
 
@@ -83,150 +28,93 @@ Event::Event(long data, int manualReset, int initialState, const char* name)
       lastData_(data),
       dataOwner_(0),
       lastRev_(0),
-      signalled_(initialState ? 1 : 0),
+      state_(initialState ? kSignalled : 0),
       manualReset_(manualReset ? 1 : 0),
-      waiters_(0),
-      name_(name ? strdup(name) : nullptr),
-      resetPending_(0),
-      listeners_(nullptr),
-      listenerCount_(0),
-      listenerCapacity_(0) {
-    pthread_mutex_init(&mutex_, nullptr);
-    InitCond(&cond_);
-    InitCond(&drainCond_);
-}
+      name_(name ? strdup(name) : nullptr) {}
 
 Event::~Event() {
     if (data_ != -1 && tv::detail::g_unnotify_hook) tv::detail::g_unnotify_hook(data_, this);
-    pthread_cond_destroy(&drainCond_);
-    pthread_cond_destroy(&cond_);
-    pthread_mutex_destroy(&mutex_);
     free(name_);
-    delete[] listeners_;
 }
 
 int Event::What() {
     return kHandleEvent;
 }
 
-bool Event::PeekSignalled() const {
-    return __atomic_load_n(&signalled_, __ATOMIC_ACQUIRE) != 0;
-}
-
 int Event::EventIsSignaled() const {
-    return PeekSignalled() ? 1 : 0;
+    return (__atomic_load_n(&state_, __ATOMIC_ACQUIRE) & kSignalled) ? 1 : 0;
 }
 
 bool Event::TryConsume() {
-    if (!PeekSignalled()) return false;
-    MutexHolder hold(&mutex_);
-    if (!signalled_) return false;
-    if (!manualReset_) __atomic_store_n(&signalled_, 0, __ATOMIC_RELEASE);
+    unsigned v = __atomic_load_n(&state_, __ATOMIC_ACQUIRE);
+    if (manualReset_) return (v & kSignalled) != 0;
+    do {
+        if (!(v & kSignalled)) return false;
+    } while (!__atomic_compare_exchange_n(&state_, &v, v & ~kSignalled, true, __ATOMIC_ACQ_REL,
+                                          __ATOMIC_ACQUIRE));
     return true;
 }
 
+bool Event::TakeLocked(pthread_t) {
+    return TryConsume();
+}
+
+void Event::GiveBackLocked(pthread_t) {
+    if (!manualReset_) __atomic_fetch_or(&state_, kSignalled, __ATOMIC_RELEASE);
+}
+
+bool Event::AvailableLocked(pthread_t) {
+    return EventIsSignaled() != 0;
+}
+
+void Event::SleepersChangedLocked(bool any) {
+    if (any)
+        __atomic_fetch_or(&state_, kSleepers, __ATOMIC_ACQ_REL);
+    else
+        __atomic_fetch_and(&state_, ~kSleepers, __ATOMIC_ACQ_REL);
+}
+
 unsigned long Event::WaitForHandle(unsigned long ms, int alertable) {
-    long secs, msecs;
-    tv::detail::SplitTimeout(ms, secs, msecs);
-
-    // Only a finite alertable wait can be ended by an APC; record it so the
-    // queueing side can wake us (see the top of this file).
-    tv::detail::AlertableWaitScope apcScope(
-        alertable, ms, this, [](Handle* h) { static_cast<Event*>(h)->WakeForApc(); });
-    TvPlatformThread* const self = apcScope.thread();
-
-    pthread_mutex_lock(&mutex_);
-    if (ms == 0 && !signalled_) {
-        pthread_mutex_unlock(&mutex_);
-        return WAIT_TIMEOUT;
-    }
-    for (;;) {
-        if (signalled_) {
-            if (!manualReset_) __atomic_store_n(&signalled_, 0, __ATOMIC_RELEASE);
-            pthread_mutex_unlock(&mutex_);
-            return WAIT_OBJECT_0;
-        }
-        ++waiters_;
-        if (ms != INFINITE) {
-            timespec deadline;
-            tv::detail::DeadlineAfter(secs, msecs, deadline);
-            while (!signalled_) {
-                if (self && self->HasPendingAPC()) {
-                    --waiters_;
-                    pthread_mutex_unlock(&mutex_);
-                    UserAPCCheck();
-                    return WAIT_IO_COMPLETION;
-                }
-                int rc = pthread_cond_timedwait(&cond_, &mutex_, &deadline);
-                if (rc == ETIMEDOUT && !signalled_) {
-                    --waiters_;
-                    pthread_mutex_unlock(&mutex_);
-                    return WAIT_TIMEOUT;
-                }
-                if (rc != 0 && rc != EINTR) break;
-            }
-        } else {
-            pthread_cond_wait(&cond_, &mutex_);
-        }
-        --waiters_;
-        if (signalled_ && waiters_ == 0 && resetPending_ && manualReset_) {
-            pthread_cond_broadcast(&drainCond_);
-        }
-    }
+    if (TryConsume()) return WAIT_OBJECT_0;
+    if (ms == 0) return WAIT_TIMEOUT;
+    tv::detail::Waitable* self = this;
+    Handle* h = this;
+    return tv::detail::WaitCore(1, &self, &h, false, ms, alertable);
 }
 
-void Event::WakeForApc() {
-    MutexHolder hold(&mutex_);
-    pthread_cond_broadcast(&cond_);
-}
-
-int Event::Set() {
-    if (PeekSignalled()) return 1;
-    Lock();
-    pthread_mutex_lock(&mutex_);
-    if (signalled_) {
-        pthread_mutex_unlock(&mutex_);
-        Unlock();
-        return 1;
+int Event::Signal(bool pulse) {
+    unsigned v = __atomic_load_n(&state_, __ATOMIC_ACQUIRE);
+    while (!(v & kSleepers)) {
+        // Nobody sleeps here: no lock needed. A pulse then releases nobody.
+        const unsigned want = pulse ? (v & ~kSignalled) : (v | kSignalled);
+        if (want == v) return 1;
+        if (__atomic_compare_exchange_n(&state_, &v, want, true, __ATOMIC_ACQ_REL,
+                                        __ATOMIC_ACQUIRE)) {
+            return 1;
+        }
     }
-    for (int i = 0; i < listenerCount_; ++i) listeners_[i]->PostEvent(this);
-    __atomic_store_n(&signalled_, 1, __ATOMIC_RELEASE);
-    Unlock();
-    if (waiters_ > 0) {
-        if (manualReset_)
-            pthread_cond_broadcast(&cond_);
-        else
-            pthread_cond_signal(&cond_);
-    }
-    pthread_mutex_unlock(&mutex_);
+    tv::ScopedLock<tv::PosixMutex> hold(&lock_);
+    __atomic_fetch_or(&state_, kSignalled, __ATOMIC_ACQ_REL);
+    tv::detail::WakeSleepersLocked(this);
+    if (pulse) __atomic_fetch_and(&state_, ~kSignalled, __ATOMIC_ACQ_REL);
     return 1;
 }
 
+int Event::Set() {
+    return Signal(false);
+}
+
 int Event::Reset() {
-    MutexHolder hold(&mutex_);
-    if (!signalled_) return 1;
-    if (manualReset_) {
-        // Let every waiter released by the preceding Set leave first. The
-        // last one to leave broadcasts the drain condition; both sides hold
-        // this mutex, so that broadcast cannot be missed.
-        while (waiters_ > 0) {
-            resetPending_ = 1;
-            pthread_cond_wait(&drainCond_, &mutex_);
-        }
-        resetPending_ = 0;
-    }
-    __atomic_store_n(&signalled_, 0, __ATOMIC_RELEASE);
+    __atomic_fetch_and(&state_, ~kSignalled, __ATOMIC_ACQ_REL);
     return 1;
 }
 
 int Event::Pulse() {
-    if (Set() == 0) return 0;
-    Reset();
-    return 1;
+    return Signal(true);
 }
 
 Event* Event::GetSynch(int& signalled) {
-    signalled = PeekSignalled() ? 1 : 0;
+    signalled = EventIsSignaled();
     return this;
 }
 
@@ -260,33 +148,6 @@ unsigned long Event::GetLastRev() const {
 
 long Event::GetLastData() const {
     return __atomic_load_n(&lastData_, __ATOMIC_ACQUIRE);
-}
-
-void Event::AddListener(MultiEvent* m) {
-    int pos = 0;
-    while (pos < listenerCount_ && listeners_[pos] < m) ++pos;
-    if (pos < listenerCount_ && listeners_[pos] == m) return;
-    if (listenerCount_ == listenerCapacity_) {
-        int cap = listenerCapacity_ ? listenerCapacity_ * 2 : 4;
-        MultiEvent** grown = new MultiEvent*[cap];
-        for (int i = 0; i < listenerCount_; ++i) grown[i] = listeners_[i];
-        delete[] listeners_;
-        listeners_ = grown;
-        listenerCapacity_ = cap;
-    }
-    for (int i = listenerCount_; i > pos; --i) listeners_[i] = listeners_[i - 1];
-    listeners_[pos] = m;
-    ++listenerCount_;
-}
-
-void Event::RemoveListener(MultiEvent* m) {
-    for (int i = 0; i < listenerCount_; ++i) {
-        if (listeners_[i] == m) {
-            for (int j = i; j + 1 < listenerCount_; ++j) listeners_[j] = listeners_[j + 1];
-            --listenerCount_;
-            return;
-        }
-    }
 }
 
 Handle* EventCreate(SECURITY_ATTRIBUTES*, BOOL manualReset, BOOL initialState, const char* name) {

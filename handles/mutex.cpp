@@ -1,21 +1,21 @@
 // Recursive mutexes: a one-unit semaphore with an owner and a recursion
-// count. The semaphore part does all the waiting (and so the APC handling of
-// alertable timed waits). The owner is read by any thread that asks "is it
-// me?" and written only by the thread that holds the unit, so it is kept
-// with atomic loads and stores. The recursion count is touched only by the
-// owner, except that a creator owning the mutex in name only and the thread
-// that really takes it both believe they own it; its accesses are atomic so
-// that even that case stays free of data races.
+// count. Ownership is given under the semaphore's lock, by the waiting
+// thread itself or by a release handing the mutex to a sleeping wait (the
+// wait core's protocol), so a mutex can be taken inside any multi-object
+// wait. The owner is also loaded without the lock by the "is it me?" test:
+// a thread only ever finds its own id there while it owns the mutex. The
+// recursion count is touched by the owner, or under the lock by the thread
+// making a new owner, which the previous owner's release happens-before.
 #include <pthread.h>
 
+#include "handles/wait_internal.h"
 #include "tvcommonutil/handles.h"
 
 Mutex::Mutex(int initialOwner, const char* name)
     : Semaphore(1, 1, name), owner_(NULL_PTHREAD), recursion_(0) {
     if (initialOwner) {
-        // Ownership in name only: the unit stays available (see handles.h).
-        owner_ = pthread_self();
-        recursion_ = 1;
+        tv::ScopedLock<tv::PosixMutex> hold(&lock_);
+        TakeLocked(pthread_self());
     }
 }
 
@@ -23,25 +23,44 @@ int Mutex::What() {
     return kHandleMutex;
 }
 
+bool Mutex::TakeLocked(pthread_t tid) {
+    if (pthread_equal(__atomic_load_n(&owner_, __ATOMIC_RELAXED), tid)) {
+        __atomic_add_fetch(&recursion_, 1, __ATOMIC_RELAXED);
+        return true;
+    }
+    if (count_ <= 0) return false;
+    count_ = 0;
+    __atomic_store_n(&recursion_, 1, __ATOMIC_RELAXED);
+    __atomic_store_n(&owner_, tid, __ATOMIC_RELEASE);
+    return true;
+}
+
+void Mutex::GiveBackLocked(pthread_t) {
+    if (__atomic_sub_fetch(&recursion_, 1, __ATOMIC_RELAXED) > 0) return;
+    __atomic_store_n(&owner_, NULL_PTHREAD, __ATOMIC_RELEASE);
+    count_ = 1;
+}
+
+bool Mutex::AvailableLocked(pthread_t tid) {
+    return count_ > 0 || pthread_equal(__atomic_load_n(&owner_, __ATOMIC_RELAXED), tid);
+}
+
 unsigned long Mutex::WaitForHandle(unsigned long ms, int alertable) {
-    const pthread_t self = pthread_self();
-    if (pthread_equal(__atomic_load_n(&owner_, __ATOMIC_ACQUIRE), self)) {
+    if (pthread_equal(__atomic_load_n(&owner_, __ATOMIC_ACQUIRE), pthread_self())) {
         __atomic_add_fetch(&recursion_, 1, __ATOMIC_RELAXED);
         return WAIT_OBJECT_0;
     }
-    unsigned long r = Semaphore::WaitForHandle(ms, alertable);
-    if (r == WAIT_OBJECT_0) {
-        __atomic_store_n(&owner_, self, __ATOMIC_RELEASE);
-        __atomic_store_n(&recursion_, 1, __ATOMIC_RELAXED);
-    }
-    return r;
+    return Semaphore::WaitForHandle(ms, alertable);
 }
 
 int Mutex::Release() {
     if (!pthread_equal(__atomic_load_n(&owner_, __ATOMIC_ACQUIRE), pthread_self())) return 0;
     if (__atomic_sub_fetch(&recursion_, 1, __ATOMIC_RELAXED) > 0) return 0;
+    tv::ScopedLock<tv::PosixMutex> hold(&lock_);
     __atomic_store_n(&owner_, NULL_PTHREAD, __ATOMIC_RELEASE);
-    return Semaphore::Release(1, nullptr);
+    count_ = 1;
+    tv::detail::WakeSleepersLocked(this);
+    return 1;
 }
 
 Handle* CreateMutex(SECURITY_ATTRIBUTES*, BOOL initialOwner, const char* name) {

@@ -5,7 +5,9 @@
 // complete), so user code never runs before CreateThread has returned a
 // usable handle. The thread's context owns one reference to its thread
 // object; when the thread ends the context marks the object exited and, if
-// anyone else holds the handle, signals its synchronisation event.
+// anyone else holds the handle, signals its synchronisation event. That event
+// is manual-reset and never reset: an ended thread stays signalled for every
+// waiter, single or multi-object, however many there are.
 #include <errno.h>
 #include <pthread.h>
 #include <sched.h>
@@ -27,12 +29,10 @@ TvPlatformThread::TvPlatformThread(pthread_t tid, int initialCount)
       state_(kThreadRunning),
       wakeFlag_(0),
       suspendCount_(0),
-      alertableWait_(nullptr),
-      alertableWake_(nullptr) {
+      alertableWait_(nullptr) {
     pthread_mutex_init(&mutex_, nullptr);
     // Made now so that the end of the thread always has an event to set.
-    int ignored = 0;
-    Handle::GetSynch(ignored);
+    synch_ = new Event(-1, TRUE, FALSE, nullptr);
 }
 
 TvPlatformThread::~TvPlatformThread() {
@@ -65,37 +65,14 @@ ThreadState_t TvPlatformThread::GetState() {
 }
 
 unsigned long TvPlatformThread::WaitForHandle(unsigned long ms, int alertable) {
-    pthread_mutex_lock(&mutex_);
-    if (state_ == kThreadExited) {
-        pthread_mutex_unlock(&mutex_);
-        return WAIT_OBJECT_0;
-    }
-    if (ms == 0) {
-        pthread_mutex_unlock(&mutex_);
-        return WAIT_TIMEOUT;
-    }
-    int signalled = 0;
-    Event* e = Handle::GetSynch(signalled);
-    pthread_mutex_unlock(&mutex_);
-    if (e == nullptr) return WAIT_FAILED;
-    if (signalled) {
-        // Pass the end on to any other waiter of this handle.
-        Signal();
-        return WAIT_OBJECT_0;
-    }
-    unsigned long r = e->WaitForHandle(ms, alertable);
-    if (r == WAIT_OBJECT_0) {
-        // The event is auto-reset and set once at the thread's end; hand it
-        // on so that every thread waiting on this handle wakes.
-        Signal();
-    }
-    return r;
+    if (GetState() == kThreadExited) return WAIT_OBJECT_0;
+    return synch_->WaitForHandle(ms, alertable);
 }
 
-unsigned long TvPlatformThread::WaitForMultipleHandles(unsigned long, Handle**, int, unsigned long,
-                                                       int) {
-    std::cerr << "TvPlatformThread::WaitForMultiple: called without an event!" << std::endl;
-    return WAIT_FAILED;
+unsigned long TvPlatformThread::WaitForMultipleHandles(unsigned long count, Handle** handles,
+                                                       int waitAll, unsigned long ms,
+                                                       int alertable) {
+    return tv::detail::WaitForAnyObjects(count, handles, waitAll, ms, alertable);
 }
 
 Event* TvPlatformThread::GetSynch(int& signalled) {
@@ -112,17 +89,10 @@ void TvPlatformThread::QueueAPC(void (*fn)(void*, void*, void*), void* a1, void*
     }
     apcs_.push_back(_threadapc{fn, a1, a2, a3});
     if (wakeFlag_) pthread_kill(GetTid(), tv::detail::ApcSignal());
-    Handle* waiting = alertableWait_;
-    void (*wake)(Handle*) = alertableWake_;
-    if (waiting) waiting->IncRefCount();
+    // The waiter stays registered, and so alive, until it has taken this
+    // mutex to leave.
+    if (alertableWait_) alertableWait_->Alert();
     pthread_mutex_unlock(&mutex_);
-    if (waiting) {
-        // The target sleeps in an alertable timed wait on this object; it
-        // checks for APCs under the object's lock before each sleep, so a
-        // wake-up taken under that lock cannot be missed.
-        wake(waiting);
-        waiting->DecRefCount();
-    }
 }
 
 bool TvPlatformThread::HasPendingAPC() {
@@ -155,17 +125,17 @@ int TvPlatformThread::CheckAPC() {
     return 1;
 }
 
-void TvPlatformThread::EnterAlertableWait(Handle* object, void (*wake)(Handle*)) {
+bool TvPlatformThread::EnterAlertableWait(tv::detail::Waiter* waiter) {
     pthread_mutex_lock(&mutex_);
-    alertableWait_ = object;
-    alertableWake_ = wake;
+    alertableWait_ = waiter;
+    const bool pending = !apcs_.empty();
     pthread_mutex_unlock(&mutex_);
+    return pending;
 }
 
 void TvPlatformThread::LeaveAlertableWait() {
     pthread_mutex_lock(&mutex_);
     alertableWait_ = nullptr;
-    alertableWake_ = nullptr;
     pthread_mutex_unlock(&mutex_);
 }
 
@@ -191,16 +161,20 @@ unsigned long TvPlatformThread::Resume() {
 namespace tv {
 namespace detail {
 
-AlertableWaitScope::AlertableWaitScope(int alertable, unsigned long ms, Handle* object,
-                                       void (*wake)(Handle*))
-    : thread_(nullptr) {
+AlertableWaitScope::AlertableWaitScope(int alertable, unsigned long ms, Waiter* waiter)
+    : thread_(nullptr), active_(false), pending_(false) {
     if (!alertable || ms == 0 || ms == INFINITE) return;
-    thread_ = static_cast<TvPlatformThread*>(GetCurrentThread());
-    thread_->EnterAlertableWait(object, wake);
+    thread_ = GetCurrentThread();
+    active_ = true;
+    pending_ = static_cast<TvPlatformThread*>(thread_)->EnterAlertableWait(waiter);
 }
 
 AlertableWaitScope::~AlertableWaitScope() {
-    if (thread_) thread_->LeaveAlertableWait();
+    if (active_) static_cast<TvPlatformThread*>(thread_)->LeaveAlertableWait();
+}
+
+int RunQueuedApcs() {
+    return UserAPCCheck();
 }
 
 }  // namespace detail

@@ -286,13 +286,62 @@ TV_API DWORD WaitForSingleObject(Handle* h, DWORD ms);
 // ---------------------------------------------------------------------------
 // Events and multi-object waits
 // ---------------------------------------------------------------------------
+namespace tv {
+
+// A plain pthread mutex as a named capability for the thread-safety
+// analysis; held through tv::ScopedLock.
+class TV_CAPABILITY("mutex") PosixMutex {
+public:
+    PosixMutex() { pthread_mutex_init(&raw_, nullptr); }
+    ~PosixMutex() { pthread_mutex_destroy(&raw_); }
+    PosixMutex(const PosixMutex&) = delete;
+    PosixMutex& operator=(const PosixMutex&) = delete;
+    void Lock() TV_ACQUIRE() { pthread_mutex_lock(&raw_); }
+    void Unlock() TV_RELEASE() { pthread_mutex_unlock(&raw_); }
+
+private:
+    pthread_mutex_t raw_;
+};
+
+namespace detail {
+
+struct WaitNode;
+
+// What the wait core (handles/wait_core.cpp) needs of a waitable object: its
+// own lock, the list of waits sleeping on it, and three operations run with
+// that lock held. Only the object's own lock is ever taken by a signaller.
+class Waitable {
+public:
+    Waitable() : head_(nullptr), tail_(nullptr) {}
+    virtual ~Waitable() {}
+    Waitable(const Waitable&) = delete;
+    Waitable& operator=(const Waitable&) = delete;
+
+    // Consumes one unit for thread `tid` (an auto-reset signal, a semaphore
+    // unit, ownership of a mutex); false when there is none.
+    virtual bool TakeLocked(pthread_t tid) TV_REQUIRES(lock_) = 0;
+    // Undoes a TakeLocked whose waiter turned out to be finished already.
+    virtual void GiveBackLocked(pthread_t tid) TV_REQUIRES(lock_) = 0;
+    // True when TakeLocked would succeed; consumes nothing.
+    virtual bool AvailableLocked(pthread_t tid) TV_REQUIRES(lock_) = 0;
+    // Called when the list turns empty or non-empty.
+    virtual void SleepersChangedLocked(bool any) TV_REQUIRES(lock_) { (void)any; }
+
+    PosixMutex lock_;
+    WaitNode* head_ TV_GUARDED_BY(lock_);
+    WaitNode* tail_ TV_GUARDED_BY(lock_);
+};
+
+}  // namespace detail
+}  // namespace tv
+
 class MultiEvent;
 
-// A manual- or auto-reset event on a mutex and a condition variable: the one
-// real waiting primitive of the library. Thread-safe. Lock order:
-// Event::EventLock, then an event's own mutex (then, through a posting, the
-// embedded event of a listening MultiEvent).
-class TV_API Event : public Handle {
+// A manual- or auto-reset event. Thread-safe. The signalled state and a
+// "someone sleeps here" bit share one atomic word, so Set on an event nobody
+// waits for and a zero-time wait are a single compare-and-swap; everything
+// else runs under the event's own lock (see handles/wait_core.cpp).
+class TV_API Event : public Handle, public tv::detail::Waitable {
 public:
     Event(long data, int manualReset, int initialState, const char* name);
     ~Event() override;
@@ -302,16 +351,13 @@ public:
     // are honoured. An alertable finite wait ends with WAIT_IO_COMPLETION when
     // an APC is queued to the waiting thread; an INFINITE wait ignores APCs.
     unsigned long WaitForHandle(unsigned long ms, int alertable) override;
-    // Wait-any returns the lowest signalled index. A wait-all that does not
-    // complete at once ends at the first event that is set, returns its
-    // index and resets every auto-reset event of the set; the immediate
-    // wait-all path resets nothing. Callers rely on both.
+    // The general multi-object wait over any waitable handles.
     unsigned long WaitForMultipleHandles(unsigned long count, Handle** handles, int waitAll,
                                          unsigned long ms, int alertable) override;
     int Set() override;
-    // A manual-reset event first lets every waiter released by the preceding
-    // Set leave its wait.
     int Reset() override;
+    // Releases every waiter already asleep (manual-reset) or exactly one
+    // (auto-reset), and leaves the event non-signalled.
     int Pulse() override;
     Event* GetSynch(int& signalled) override;
 
@@ -326,58 +372,33 @@ public:
     long GetLastData() const;
     const char* GetName() const { return name_; }
 
-    // The one recursive lock that guards every listener set.
-    static CriticalSection EventLock;
-    static void Lock() TV_ACQUIRE(EventLock) { EventLock.Lock(); }
-    static void Unlock() TV_RELEASE(EventLock) { EventLock.Unlock(); }
-
-    // Internal: listener registration and consuming test-and-clear.
-    void AddListener(MultiEvent* m) TV_REQUIRES(EventLock);
-    void RemoveListener(MultiEvent* m) TV_REQUIRES(EventLock);
+    // Internal: consuming test-and-clear (an auto-reset signal is taken,
+    // a manual-reset one only looked at).
     bool TryConsume();
-    // Wakes the waiters so that an alertable one notices a queued APC.
-    void WakeForApc();
+
+    bool TakeLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    void GiveBackLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    bool AvailableLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    void SleepersChangedLocked(bool any) override TV_REQUIRES(lock_);
 
 private:
-    friend class MultiEvent;
-    bool PeekSignalled() const;
+    int Signal(bool pulse);
 
     long data_;
     long lastData_;
     pthread_t dataOwner_;
     unsigned long lastRev_;
-    int signalled_;  // atomic loads outside the mutex; stores under it
+    unsigned state_;  // kSignalled | kSleepers; atomic
     int manualReset_;
-    long waiters_;
-    pthread_mutex_t mutex_;
-    pthread_cond_t cond_;
     char* name_;
-    int resetPending_;
-    pthread_cond_t drainCond_;
-    // Sorted; capacity is kept so registrations do not allocate per wait.
-    MultiEvent** listeners_ TV_GUARDED_BY(EventLock);
-    int listenerCount_ TV_GUARDED_BY(EventLock);
-    int listenerCapacity_ TV_GUARDED_BY(EventLock);
 };
 
-// The per-thread object that the events of a multi-object wait post to; the
-// thread sleeps on its embedded auto-reset event. Reused by every
-// multi-object wait of its thread (kept in the thread's context).
+// Kept for the thread context's slot; multi-object waits no longer need a
+// per-thread object.
 class TV_API MultiEvent : public Handle {
 public:
     explicit MultiEvent(int capacity);
-    ~MultiEvent() override;
     int What() override;
-    // 1 (also when e is not in the set), or 0 when there is no array.
-    int PostEvent(Event* e);
-
-private:
-    friend class Event;
-    Event event_;
-    int capacity_;
-    int needed_;
-    int signalledIndex_;  // first posting wins; -1 = none yet
-    Handle** array_;
 };
 
 TV_API Handle* EventCreate(SECURITY_ATTRIBUTES* sa, BOOL manualReset, BOOL initialState,
@@ -391,10 +412,12 @@ TV_API BOOL EventReset(Handle* h);
 TV_API BOOL PulseEvent(Handle* h);
 TV_API BOOL EventPulse(Handle* h);
 
-// Dispatches by the first handle's type: a set of one type goes to that
-// class's own multi-object wait (so a set of mutexes or semaphores returns 0
-// at once); a mixed set waits on each object's synchronisation event, and
-// gives WAIT_FAILED when it holds more than MAXIMUM_WAIT_OBJECTS handles.
+// Waits for any one (waitAll FALSE) or all of up to MAXIMUM_WAIT_OBJECTS
+// handles of any kinds: events, mutexes (acquired), semaphores (one unit
+// taken), threads and processes (ended), change-notification handles and
+// completion ports; a handle without wait logic counts as signalled. Wait-any
+// returns WAIT_OBJECT_0 + the index of the object it consumed; wait-all
+// consumes every object in one step or none. More handles: WAIT_FAILED.
 TV_API DWORD WaitForMultipleObjectsEx(DWORD count, Handle** handles, BOOL waitAll, DWORD ms,
                                       BOOL alertable);
 TV_API DWORD WaitForMultipleObjects(DWORD count, Handle** handles, BOOL waitAll, DWORD ms);
@@ -402,11 +425,10 @@ TV_API DWORD WaitForMultipleObjects(DWORD count, Handle** handles, BOOL waitAll,
 // ---------------------------------------------------------------------------
 // Mutexes and semaphores
 // ---------------------------------------------------------------------------
-// A counting semaphore. Thread-safe: its own mutex guards every field below
-// it and is a leaf lock (nothing else is taken while it is held). A homogeneous
-// multi-object wait on semaphores or mutexes returns 0 at once (base class);
-// only single-object waits block.
-class TV_API Semaphore : public Handle {
+// A counting semaphore. Thread-safe: lock_ guards the count and the
+// sleepers; a release hands units straight to sleeping waiters. Takes part
+// in multi-object waits like any waitable object (one unit taken).
+class TV_API Semaphore : public Handle, public tv::detail::Waitable {
 public:
     Semaphore(long initial, long maximum, const char* name);
     ~Semaphore() override;
@@ -416,36 +438,32 @@ public:
     // are honoured. An alertable finite wait ends with WAIT_IO_COMPLETION when
     // an APC is queued to the waiting thread; an INFINITE wait ignores APCs.
     unsigned long WaitForHandle(unsigned long ms, int alertable) override;
+    unsigned long WaitForMultipleHandles(unsigned long count, Handle** handles, int waitAll,
+                                         unsigned long ms, int alertable) override;
     // Adds n to the count. 0 (and nothing changed, *previous not written)
     // when the count would pass the maximum; otherwise 1, with the count
     // before the release in *previous when previous is given.
     int Release(long n, long* previous);
-
-    // Internal: wakes the waiters so that an alertable one notices an APC.
-    void WakeForApc();
     const char* GetName() const { return name_.c_str(); }
 
-private:
-    pthread_mutex_t mutex_;
-    pthread_cond_t cond_;
-    long count_;
+    bool TakeLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    void GiveBackLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    bool AvailableLocked(pthread_t tid) override TV_REQUIRES(lock_);
+
+protected:
+    long count_ TV_GUARDED_BY(lock_);
     long maximum_;
-    long waiters_;
-    int released_;
-    long wakeTokens_;
     std::string name_;
 };
 
 // A recursive mutex: a semaphore of one unit plus an owner and a recursion
-// count. The owner and the recursion count are written only by the owning
-// thread (or by the thread that has just taken the unit); other threads only
-// compare the owner with themselves.
+// count, all under the semaphore's lock. The owner is also loaded without
+// the lock (atomically) by the "is it me?" test of a recursive wait, which
+// can only see the caller's own id while the caller really owns it.
 class TV_API Mutex : public Semaphore {
 public:
-    // With initialOwner the creator is recorded as owner (recursion 1) but
-    // the unit is not taken: the creator owns the mutex in name only and the
-    // first other thread to wait on it also succeeds. Existing callers
-    // depend on this, so it is kept.
+    // With initialOwner the creator owns the mutex (recursion 1) until it
+    // releases it.
     Mutex(int initialOwner, const char* name);
 
     int What() override;
@@ -456,9 +474,13 @@ public:
     int Release();
     using Semaphore::Release;
 
+    bool TakeLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    void GiveBackLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    bool AvailableLocked(pthread_t tid) override TV_REQUIRES(lock_);
+
 private:
-    pthread_t owner_;  // NULL_PTHREAD when free; atomic loads and stores
-    long recursion_;
+    pthread_t owner_;  // NULL_PTHREAD when free; stored under lock_
+    long recursion_;   // touched by the owner only
 };
 
 // Null (setting no error) unless 0 <= initial <= maximum.

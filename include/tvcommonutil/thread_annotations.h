@@ -23,4 +23,24 @@
 #define TV_EXCLUDES(...) TV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define TV_NO_THREAD_SAFETY_ANALYSIS TV_THREAD_ANNOTATION(no_thread_safety_analysis)
 
+#ifdef __cplusplus
+namespace tv {
+
+// The library's one scoped lock: holds any lock with Lock()/Unlock() for the
+// enclosing scope, so that every guarded field is checked by the analysis.
+template <class Lockable>
+class TV_SCOPED_CAPABILITY ScopedLock {
+public:
+    explicit ScopedLock(Lockable* mu) TV_ACQUIRE(mu) : mu_(mu) { mu_->Lock(); }
+    ~ScopedLock() TV_RELEASE() { mu_->Unlock(); }
+    ScopedLock(const ScopedLock&) = delete;
+    ScopedLock& operator=(const ScopedLock&) = delete;
+
+private:
+    Lockable* const mu_;
+};
+
+}  // namespace tv
+#endif
+
 #endif  // TVCOMMONUTIL_THREAD_ANNOTATIONS_H

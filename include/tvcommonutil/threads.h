@@ -23,21 +23,28 @@ struct _threadapc {
     void* a3;
 };
 
+namespace tv {
+namespace detail {
+class Waiter;
+}  // namespace detail
+}  // namespace tv
+
 enum ThreadState_t { kThreadRunning = 0, kThreadExited = 1 };
 
 // A POSIX thread as a Windows thread handle. Thread-safe. Its mutex guards
-// the APC queue, the wake flag, the state and the record of the alertable
-// wait the thread is in. It is a leaf lock: APCs run without it held.
+// the APC queue, the wake flag, the state and the alertable wait the thread
+// is in; it comes after every object lock (QueueAPC alerts the registered
+// wait under it) and APCs run without it held.
 class TV_API TvPlatformThread : public Handle {
 public:
     explicit TvPlatformThread(pthread_t tid, int initialCount = 1);
     ~TvPlatformThread() override;
 
     int What() override;
-    // WAIT_OBJECT_0 once the thread has ended, WAIT_TIMEOUT, or the result
-    // of the wait on the thread's synchronisation event.
+    // WAIT_OBJECT_0 once the thread has ended (and from then on, for every
+    // waiter), WAIT_TIMEOUT or WAIT_IO_COMPLETION.
     unsigned long WaitForHandle(unsigned long ms, int alertable) override;
-    // A multi-object wait on threads alone is not supported: WAIT_FAILED.
+    // The general multi-object wait.
     unsigned long WaitForMultipleHandles(unsigned long count, Handle** handles, int waitAll,
                                          unsigned long ms, int alertable) override;
     // Reports an ended thread as signalled, so a mixed wait on a thread that
@@ -60,10 +67,9 @@ public:
     ThreadState_t GetState();
     long GetSuspendCount() const { return suspendCount_; }
 
-    // Internal: an alertable timed wait records the object it sleeps on and
-    // how to wake it, so that QueueAPC can end the wait. `wake` must make the
-    // waiter re-check HasPendingAPC() under the lock it checks it under.
-    void EnterAlertableWait(Handle* object, void (*wake)(Handle*));
+    // Internal: an alertable timed wait registers its waiter so that QueueAPC
+    // can alert it; true when APCs were already queued.
+    bool EnterAlertableWait(tv::detail::Waiter* waiter);
     void LeaveAlertableWait();
 
 private:
@@ -73,8 +79,7 @@ private:
     std::deque<_threadapc> apcs_;
     int wakeFlag_;
     long suspendCount_;
-    Handle* alertableWait_;
-    void (*alertableWake_)(Handle*);
+    tv::detail::Waiter* alertableWait_;
 };
 
 // The start record handed to a new thread.

@@ -108,3 +108,64 @@ TEST(EventStress, SingleSlotEveryWakeUpAccountedFor) {
 TEST(EventStress, WaitAnyOverSixteenEvents) {
     RunStress(16);
 }
+
+// A homogeneous set of mutexes excludes: two threads each take "either"
+// mutex of a pair and then both, and nobody is ever inside with another.
+TEST(WaitStress, MutexSetsExcludeAndWaitAllTakesAllOrNothing) {
+    Handle* m[2] = {CreateMutex(nullptr, FALSE, nullptr), CreateMutex(nullptr, FALSE, nullptr)};
+    Handle* sem = CreateSemaphore(nullptr, 0, kItems, nullptr);
+    Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlap{false};
+    auto worker = [&] {
+        for (int i = 0; i < 20000; ++i) {
+            if (WaitForMultipleObjectsEx(2, m, TRUE, kStuck, FALSE) != WAIT_OBJECT_0) {
+                overlap = true;
+                return;
+            }
+            if (inside.fetch_add(1) != 0) overlap = true;
+            inside.fetch_sub(1);
+            ReleaseMutex(m[0]);
+            ReleaseMutex(m[1]);
+        }
+    };
+    std::thread a(worker), b(worker);
+    a.join();
+    b.join();
+    EXPECT_FALSE(overlap.load());
+
+    // Wait-all over a semaphore and an event races single-object waiters on
+    // both: every unit and every set is consumed exactly once.
+    constexpr long kRounds = 5000;
+    std::atomic<long> units{0}, sets{0};
+    std::atomic<bool> stop{false};
+    Handle* pair[2] = {sem, ev};
+    std::thread all([&] {
+        while (!stop) {
+            if (WaitForMultipleObjectsEx(2, pair, TRUE, 1, FALSE) == WAIT_OBJECT_0) {
+                ++units;
+                ++sets;
+            }
+        }
+    });
+    std::thread singles([&] {
+        while (!stop) {
+            if (WaitForSingleObjectEx(sem, 0, FALSE) == WAIT_OBJECT_0) ++units;
+            if (WaitForSingleObjectEx(ev, 0, FALSE) == WAIT_OBJECT_0) ++sets;
+        }
+    });
+    for (long i = 0; i < kRounds; ++i) {
+        ReleaseSemaphore(sem, 1, nullptr);
+        if (i % 2 == 0) SetEvent(ev);
+        if (i % 256 == 0) std::this_thread::yield();
+    }
+    while (WaitForSingleObjectEx(sem, 0, FALSE) == WAIT_OBJECT_0) ++units;
+    stop = true;
+    all.join();
+    singles.join();
+    if (WaitForSingleObjectEx(sem, 0, FALSE) == WAIT_OBJECT_0) ++units;
+    if (WaitForSingleObjectEx(ev, 0, FALSE) == WAIT_OBJECT_0) ++sets;
+    EXPECT_EQ(kRounds, units.load());
+    EXPECT_LE(sets.load(), kRounds / 2);
+    for (Handle* h : {m[0], m[1], sem, ev}) CloseHandle(h);
+}

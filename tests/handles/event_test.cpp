@@ -83,57 +83,6 @@ TEST(Event, TimedWaitHonoursSubSecondTimeouts) {
     CloseHandle(e);
 }
 
-TEST(Event, PulseReleasesAllManualWaitersAndAtMostOneAutoWaiter) {
-    Handle* manual = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    std::atomic<int> released{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 3; ++i) {
-        waiters.push_back(StartBlocked([&] {
-            if (WaitForSingleObjectEx(manual, INFINITE, FALSE) == WAIT_OBJECT_0) ++released;
-        }));
-    }
-    EXPECT_EQ(TRUE, PulseEvent(manual));
-    for (auto& t : waiters) t.join();
-    EXPECT_EQ(3, released.load());
-    EXPECT_FALSE(IsSignalled(manual));
-
-    // Nobody waiting: a pulse leaves an auto-reset event non-signalled.
-    Handle* autoEv = CreateEvent(nullptr, FALSE, FALSE, nullptr);
-    EXPECT_EQ(TRUE, PulseEvent(autoEv));
-    EXPECT_FALSE(IsSignalled(autoEv));
-    released = 0;
-    waiters.clear();
-    for (int i = 0; i < 2; ++i) {
-        waiters.push_back(StartBlocked([&] {
-            if (WaitForSingleObjectEx(autoEv, 1500, FALSE) == WAIT_OBJECT_0) ++released;
-        }));
-    }
-    PulseEvent(autoEv);
-    for (auto& t : waiters) t.join();
-    EXPECT_LE(released.load(), 1);
-    CloseHandle(manual);
-    CloseHandle(autoEv);
-}
-
-TEST(Event, ManualResetWaitsForReleasedWaitersToLeave) {
-    Handle* e = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    std::atomic<int> released{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 4; ++i) {
-        waiters.push_back(StartBlocked([&] {
-            if (WaitForSingleObjectEx(e, 20000, FALSE) == WAIT_OBJECT_0) ++released;
-        }));
-    }
-    SetEvent(e);
-    ResetEvent(e);  // returns only after every released waiter has left
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(e, 0, FALSE));
-    for (auto& t : waiters) t.join();
-    // Without the drain, waiters woken by the Set would find the event reset
-    // and sleep on until their time-out.
-    EXPECT_EQ(4, released.load());
-    CloseHandle(e);
-}
-
 TEST(MultiWait, WaitAnyPicksLowestSignalledIndexAndConsumesOnlyIt) {
     Handle* ev[3] = {CreateEvent(nullptr, FALSE, FALSE, nullptr),
                      CreateEvent(nullptr, FALSE, FALSE, nullptr),
@@ -159,57 +108,158 @@ TEST(MultiWait, WaitAnyPicksLowestSignalledIndexAndConsumesOnlyIt) {
     for (Handle* h : ev) CloseHandle(h);
 }
 
-TEST(MultiWait, WaitAllQuirks) {
+TEST(MultiWait, WaitAllWaitsForEveryObjectAndConsumesThemTogether) {
     Handle* ev[2] = {CreateEvent(nullptr, FALSE, FALSE, nullptr),
                      CreateEvent(nullptr, FALSE, FALSE, nullptr)};
-    // Both set: returns 0 at once and resets neither.
     SetEvent(ev[0]);
     SetEvent(ev[1]);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjectsEx(2, ev, TRUE, 0, FALSE));
-    EXPECT_TRUE(IsSignalled(ev[0]));
-    EXPECT_TRUE(IsSignalled(ev[1]));
-    ResetEvent(ev[0]);
-    ResetEvent(ev[1]);
-    // Only one set later: the wait ends at that first posting with its index.
-    auto waiter = StartBlocked([&] {
-        EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, ev, TRUE, INFINITE, FALSE));
-    });
-    SetEvent(ev[1]);
-    waiter.join();
+    EXPECT_FALSE(IsSignalled(ev[0]));
     EXPECT_FALSE(IsSignalled(ev[1]));
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjectsEx(2, ev, TRUE, 200, FALSE));
-    // A null entry never completes the immediate path.
+    // One of two set: nothing is consumed, the wait goes on.
+    std::atomic<DWORD> result{0xDEAD};
+    std::atomic<pid_t> tid{0};
+    std::thread waiter([&] {
+        tid = tvtest::CurrentTid();
+        result = WaitForMultipleObjectsEx(2, ev, TRUE, INFINITE, FALSE);
+    });
+    while (tid.load() == 0) std::this_thread::yield();
+    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid.load()));
+    SetEvent(ev[1]);
+    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid.load()));
+    EXPECT_EQ(0xDEADu, result.load());
+    EXPECT_TRUE(IsSignalled(ev[1]));
+    SetEvent(ev[0]);
+    waiter.join();
+    EXPECT_EQ(WAIT_OBJECT_0, result.load());
+    EXPECT_FALSE(IsSignalled(ev[0]));
+    EXPECT_FALSE(IsSignalled(ev[1]));
+    // A null entry never completes a wait-all.
     Handle* withNull[2] = {ev[0], nullptr};
     SetEvent(ev[0]);
     EXPECT_EQ(WAIT_TIMEOUT, ev[0]->WaitForMultipleHandles(2, withNull, TRUE, 0, FALSE));
+    EXPECT_TRUE(IsSignalled(ev[0]));
     for (Handle* h : ev) CloseHandle(h);
 }
 
-TEST(MultiWait, DispatchByFirstHandleType) {
+// Every kind of object in a mixed set completes the wait the way it would
+// complete a single wait, and the index returned is the object consumed.
+TEST(MultiWait, MixedSetsOfEveryKind) {
     EXPECT_EQ(WAIT_FAILED, WaitForMultipleObjectsEx(0, nullptr, FALSE, 0, FALSE));
-    // A homogeneous set of a class without its own multi-object wait returns
-    // 0 at once, whatever its state.
-    Handle* plain[2] = {new File(-1), new File(-1)};
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjectsEx(2, plain, TRUE, INFINITE, FALSE));
-    // Mixed: an event and a plain handle go through synchronisation events;
-    // the plain handle's event is not signalled, the event is.
     Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
-    Handle* mixed[2] = {plain[0], ev};
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjectsEx(2, mixed, FALSE, 0, FALSE));
-    SetEvent(ev);
-    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, mixed, FALSE, 0, FALSE));
-    // The mixed path polls an event without consuming it.
-    EXPECT_TRUE(IsSignalled(ev));
-    ResetEvent(ev);
-    // Signal() on the plain handle wakes a mixed wait at its index.
+    Handle* mtx = CreateMutex(nullptr, FALSE, nullptr);
+    Handle* sem = CreateSemaphore(nullptr, 0, 5, nullptr);
+    Handle* file = new File(-1);
+
+    // A handle without wait logic counts as signalled, alone or mixed.
+    Handle* plain[2] = {ev, file};
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, plain, FALSE, 0, FALSE));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjectsEx(2, plain, TRUE, 0, FALSE));
+
+    // Mutexes are acquired (with ownership), semaphores give one unit.
+    Handle* set[3] = {ev, mtx, sem};
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(3, set, FALSE, 0, FALSE));
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(3, set, FALSE, 0, FALSE));
+    std::thread([&] {
+        EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjectsEx(3, set, FALSE, 0, FALSE));
+        long previous = -1;
+        EXPECT_EQ(TRUE, ReleaseSemaphore(sem, 2, &previous));
+        EXPECT_EQ(0, previous);
+        EXPECT_EQ(WAIT_OBJECT_0 + 2, WaitForMultipleObjectsEx(3, set, FALSE, 0, FALSE));
+        EXPECT_EQ(WAIT_OBJECT_0 + 2, WaitForMultipleObjectsEx(3, set, FALSE, 0, FALSE));
+        EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjectsEx(3, set, FALSE, 0, FALSE));
+    }).join();
+
+    // A sleeping mixed wait completes through a mutex released elsewhere,
+    // and then owns it.
+    std::atomic<DWORD> got{0xDEAD};
     auto waiter = StartBlocked([&] {
-        EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjectsEx(2, mixed, FALSE, INFINITE, FALSE));
+        got = WaitForMultipleObjectsEx(3, set, FALSE, INFINITE, FALSE);
+        if (got == WAIT_OBJECT_0 + 1) EXPECT_EQ(TRUE, ReleaseMutex(mtx));
     });
-    plain[0]->Signal();
+    EXPECT_EQ(FALSE, ReleaseMutex(mtx));
+    EXPECT_EQ(TRUE, ReleaseMutex(mtx));
     waiter.join();
-    CloseHandle(ev);
-    CloseHandle(plain[0]);
-    CloseHandle(plain[1]);
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, got.load());
+
+    // Wait-all over a mutex, a semaphore and an event takes all three.
+    ReleaseSemaphore(sem, 1, nullptr);
+    SetEvent(ev);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjectsEx(3, set, TRUE, 0, FALSE));
+    EXPECT_FALSE(IsSignalled(ev));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(sem, 0, FALSE));
+    EXPECT_EQ(TRUE, ReleaseMutex(mtx));
+    for (Handle* h : {ev, mtx, sem, file}) CloseHandle(h);
+}
+
+// An auto-reset event set before the waits start satisfies exactly one
+// wait, whether single, wait-any over events or over a mixed set.
+TEST(MultiWait, OneSetSatisfiesOneWaitOfAnyShape) {
+    Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* sem = CreateSemaphore(nullptr, 0, 1, nullptr);
+    Handle* other = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* mixed[2] = {sem, ev};
+    Handle* events[2] = {other, ev};
+    SetEvent(ev);
+    int satisfied = 0;
+    for (int i = 0; i < 5; ++i) {
+        satisfied += WaitForMultipleObjectsEx(2, mixed, FALSE, 0, FALSE) == WAIT_OBJECT_0 + 1;
+        satisfied += WaitForMultipleObjectsEx(2, events, FALSE, 0, FALSE) == WAIT_OBJECT_0 + 1;
+        satisfied += WaitForSingleObjectEx(ev, 0, FALSE) == WAIT_OBJECT_0;
+    }
+    EXPECT_EQ(1, satisfied);
+    for (Handle* h : {ev, sem, other}) CloseHandle(h);
+}
+
+// Pulse and Set+Reset hand the signal to the waits already asleep: all of
+// them for a manual-reset event, exactly one for an auto-reset event.
+TEST(Event, PulseAndSetResetReleaseSleepersAndNeverBlock) {
+    for (int manual = 0; manual < 2; ++manual) {
+        for (int setReset = 0; setReset < 2; ++setReset) {
+            Handle* e = CreateEvent(nullptr, manual, FALSE, nullptr);
+            Handle* idle = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+            Handle* pair[2] = {idle, e};
+            std::atomic<int> released{0};
+            std::vector<std::thread> waiters;
+            for (int i = 0; i < 6; ++i) {
+                waiters.push_back(StartBlocked([&, i] {
+                    DWORD r = i % 2 ? WaitForSingleObjectEx(e, 3000, FALSE)
+                                    : WaitForMultipleObjectsEx(2, pair, FALSE, 3000, FALSE);
+                    if (r == (i % 2 ? WAIT_OBJECT_0 : WAIT_OBJECT_0 + 1)) ++released;
+                }));
+            }
+            if (setReset) {
+                SetEvent(e);
+                ResetEvent(e);
+            } else {
+                PulseEvent(e);
+            }
+            for (auto& t : waiters) t.join();
+            EXPECT_EQ(manual ? 6 : 1, released.load()) << manual << setReset;
+            EXPECT_FALSE(IsSignalled(e));
+            // Every waiter has left by time-out or release: nothing to drain.
+            SetEvent(e);
+            EXPECT_EQ(TRUE, ResetEvent(e));
+            EXPECT_EQ(TRUE, PulseEvent(e));
+            CloseHandle(e);
+            CloseHandle(idle);
+        }
+    }
+}
+
+// Closing the last reference while another thread waits returns at once;
+// the wait holds its own reference until it leaves.
+TEST(MultiWait, CloseWhileWaitedNeitherBlocksNorFrees) {
+    Handle* doomed = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    Handle* wake = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* pair[2] = {doomed, wake};
+    auto waiter = StartBlocked([&] {
+        EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, pair, FALSE, INFINITE, FALSE));
+    });
+    EXPECT_EQ(TRUE, CloseHandle(doomed));
+    SetEvent(wake);
+    waiter.join();
+    CloseHandle(wake);
 }
 
 TEST(MultiWait, OneSetWakesOneOfSeveralWaitAnyThreads) {

@@ -43,21 +43,14 @@ TEST(Mutex, RecursionNeedsAsManyReleasesAndInnerReleasesReportFalse) {
     CloseHandle(m);
 }
 
-TEST(Mutex, InitialOwnerOwnsInNameOnly) {
+TEST(Mutex, CreatedOwnedExcludesOthersUntilReleased) {
     Handle* m = CreateMutex(nullptr, TRUE, nullptr);
-    // The creator counts as owner: its wait nests, and it may release.
+    EXPECT_EQ(WAIT_TIMEOUT, OnOtherThread([&] { return WaitForSingleObjectEx(m, 0, FALSE); }));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(m, 0, FALSE));
-    EXPECT_EQ(FALSE, ReleaseMutex(m));
-    // But the unit was never taken: another thread gets the mutex at once,
-    // and is then the owner.
+    EXPECT_EQ(FALSE, ReleaseMutex(m));  // inner level
+    EXPECT_EQ(WAIT_TIMEOUT, OnOtherThread([&] { return WaitForSingleObjectEx(m, 0, FALSE); }));
+    EXPECT_EQ(TRUE, ReleaseMutex(m));
     EXPECT_EQ(WAIT_OBJECT_0, OnOtherThread([&] { return WaitForSingleObjectEx(m, 0, FALSE); }));
-    EXPECT_EQ(FALSE, ReleaseMutex(m));
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(m, 0, FALSE));
     CloseHandle(m);
-
-    // The creator's last release tries to return a unit that is still there.
-    Handle* n = CreateMutex(nullptr, TRUE, nullptr);
-    EXPECT_EQ(FALSE, ReleaseMutex(n));
-    EXPECT_EQ(WAIT_OBJECT_0, OnOtherThread([&] { return WaitForSingleObjectEx(n, 0, FALSE); }));
-    CloseHandle(n);
 }

@@ -88,9 +88,14 @@ TEST(Semaphore, CountsLimitsAndOverRelease) {
     EXPECT_GE(MsSince(start), 140);
     EXPECT_LT(MsSince(start), 5000);
 
-    // A set of semaphores alone returns 0 at once, by design.
-    Handle* set[2] = {s, s};
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjectsEx(2, set, FALSE, INFINITE, FALSE));
+    // A set of semaphores waits and takes one unit.
+    Handle* t = CreateSemaphore(nullptr, 0, 1, nullptr);
+    Handle* set[2] = {s, t};
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjectsEx(2, set, FALSE, 20, FALSE));
+    ReleaseSemaphore(t, 1, nullptr);
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, set, FALSE, INFINITE, FALSE));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(t, 0, FALSE));
+    CloseHandle(t);
     EXPECT_EQ(TRUE, CloseHandle(s));
 }
 

@@ -89,11 +89,69 @@ TEST(Thread, MixedWaitOnEventAndThread) {
     EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE));
     // Already ended: still reported at once.
     EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE));
-    // Threads alone cannot be waited on together.
     Handle* threads[2] = {t, t};
-    EXPECT_EQ(WAIT_FAILED, WaitForMultipleObjectsEx(2, threads, FALSE, 0, FALSE));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjectsEx(2, threads, TRUE, 0, FALSE));
     CloseHandle(ev);
     CloseHandle(t);
+}
+
+// Every waiter sees the end of a thread, whatever the shape of its wait.
+TEST(Thread, EndSeenByEverySingleAndMixedWaiter) {
+    for (int run = 0; run < 10; ++run) {
+        Gate g;
+        DWORD id = 0;
+        Handle* t = CreateThread(nullptr, 0, WaitForGo, &g, 0, &id);
+        Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+        Handle* set[2] = {ev, t};
+        std::atomic<int> seen{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 3; ++i) {
+            std::atomic<pid_t> wtid{0};
+            waiters.emplace_back([&, i] {
+                wtid = tvtest::CurrentTid();
+                DWORD r = i == 0 ? WaitForSingleObjectEx(t, 20000, FALSE)
+                                 : WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE);
+                if (r == (i == 0 ? WAIT_OBJECT_0 : WAIT_OBJECT_0 + 1)) ++seen;
+            });
+            while (wtid.load() == 0) std::this_thread::yield();
+            ASSERT_TRUE(tvtest::WaitUntilSleeping(wtid.load()));
+        }
+        SetEvent(g.go);
+        for (auto& w : waiters) w.join();
+        EXPECT_EQ(3, seen.load()) << "run " << run;
+        CloseHandle(ev);
+        CloseHandle(t);
+    }
+}
+
+// The usual "an APC tells the worker to quit": the worker ends right after
+// the APC ran, while the queuing thread may still be inside QueueUserAPC.
+TEST(Apc, WorkerThatQuitsFromItsApc) {
+    struct Worker {
+        Handle* ready = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+        Handle* idle[2] = {CreateEvent(nullptr, FALSE, FALSE, nullptr),
+                           CreateEvent(nullptr, FALSE, FALSE, nullptr)};
+        std::atomic<bool> quit{false};
+    };
+    for (int run = 0; run < 20; ++run) {
+        Worker w;
+        Handle* t = CreateThread(
+            nullptr, 0,
+            [](void* p) -> DWORD {
+                Worker* w = static_cast<Worker*>(p);
+                SetEvent(w->ready);
+                while (!w->quit) WaitForMultipleObjectsEx(2, w->idle, FALSE, 20000, TRUE);
+                return 0;
+            },
+            &w, 0, nullptr);
+        WaitForSingleObjectEx(w.ready, INFINITE, FALSE);
+        static std::atomic<bool>* quit;
+        quit = &w.quit;
+        QueueUserAPC([](ULONG_PTR) { *quit = true; }, t, 0);
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, 20000, FALSE));
+        CloseHandle(t);
+        for (Handle* h : {w.ready, w.idle[0], w.idle[1]}) CloseHandle(h);
+    }
 }
 
 TEST(Thread, CurrentThreadOfForeignThreadAndSimpleCalls) {
