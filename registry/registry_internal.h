@@ -374,6 +374,14 @@ bool UpdateCache(bool alwaysCheckFile);
 void RecordFileId(int fd);
 // Detaches from the shared objects and forgets the stamps (test support).
 void ResetSharingForTests();
+// Defined with the start-up code, for the sharing code: the install
+// directory as start-up finds it (without starting anything), and the fork
+// handlers' part for the start-up state (leaf locks, a start-up begun by
+// another thread, the lazy writer; see registry_sharing.cpp).
+CKWString RegistryInstallDir();
+void StartupForkPrepare();
+void StartupForkParent();
+void StartupForkChild();
 
 // --- start-up state --------------------------------------------------------
 bool RegistryReady();

@@ -249,9 +249,10 @@ bool MakeEmptyTemplate(const Install& in) {
 }
 
 // Checks what the library's start-up would otherwise end the process for,
-// with a message that says what to do, and starts the registry. Returns -1
-// to go on, or the exit status.
-int StartRegistry(const Install& in, bool mayCreate) {
+// with a message that says what to do, and starts the registry (or, without
+// start, only points the library at it). Returns -1 to go on, or the exit
+// status.
+int StartRegistry(const Install& in, bool mayCreate, bool start = true) {
     const bool haveRegistry = Exists(in.RegistryFile());
     if (!haveRegistry && !Exists(in.TemplateFile())) {
         if (!mayCreate) {
@@ -281,7 +282,11 @@ int StartRegistry(const Install& in, bool mayCreate) {
         return Fail(kExitNotFound, "the registry file %s is not writable: %s",
                     in.RegistryFile().c_str(), strerror(err));
     }
-    InitRegistry(0, 1);
+    if (start) {
+        InitRegistry(0, 1);
+    } else {
+        SetRegistryPath(in.dir.c_str());
+    }
     return -1;
 }
 
@@ -799,7 +804,9 @@ int CmdWatch(const Args& a) {
 
 int CmdStatus(const Args& a) {
     if (!a.positional.empty()) return Usage("status takes no arguments");
-    int ready = Ready(a);
+    // Not started: the status must answer while another process holds the
+    // registry lock, however long.
+    int ready = StartRegistry(a.install, false, false);
     if (ready >= 0) return ready;
     RegStatusInfo s;
     if (RegQueryStatus(&s) != ERROR_SUCCESS) {

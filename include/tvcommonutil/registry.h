@@ -339,8 +339,10 @@ struct RegStatusInfo {
     long processesAttached;        // processes attached now, as the kernel counts
                                    // them (the caller included); -1 if unknown
 };
-// Starts the registry when needed and fills *status. 0 on success; -1 for a
-// null pointer or when the shared page is not attached.
+// Fills *status without waiting: neither the registry semaphore is taken
+// nor the registry started (a process that has not started it looks at the
+// page of TV_REGISTRY's install directory). 0 on success; -1 for a null
+// pointer or when no shared page exists.
 TV_API LONG RegQueryStatus(RegStatusInfo* status);
 
 // The subtree at hKey (0: the whole registry) in the registry file's own
