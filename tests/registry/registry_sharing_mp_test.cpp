@@ -81,6 +81,19 @@ TV_TEST_CHILD(share_set_and_exit) {
     return SetAndClose(args.at(0), args.at(1), args.at(2)) == 0 ? 0 : 1;
 }
 
+// args: key, name, cycles. Leaves and attaches again `cycles` times, then
+// writes and leaves: start-up and leaving at a high rate.
+TV_TEST_CHILD(share_churn) {
+    InitRegistry(0, 1);
+    for (int i = std::stoi(args.at(2)); i > 0; --i) {
+        CleanSystemResources();
+        RegInitSharedState(1);
+    }
+    LONG r = SetAndClose(args.at(0), args.at(1), "1");
+    CleanSystemResources();
+    return r == 0 ? 0 : 1;
+}
+
 // args: marker. Takes the registry lock, marks, lets go.
 TV_TEST_CHILD(share_lock_mark) {
     InitRegistry(0, 1);
@@ -118,14 +131,14 @@ TEST(RegistrySharing, AttachmentIsPerProcessAndTheLockAdmitsOne) {
     ASSERT_EQ(1, AttachCount());
 
     EXPECT_EQ(0, ForkChild(60, [] {
-        CleanSystemResources();
-        return 0;
-    }));
+                  CleanSystemResources();
+                  return 0;
+              }));
     EXPECT_EQ(0, ForkChild(60, [] {
-        int r = SetAndClose("Fork", "V", "y") == 0 ? 0 : 1;
-        CleanSystemResources();
-        return r;
-    }));
+                  int r = SetAndClose("Fork", "V", "y") == 0 ? 0 : 1;
+                  CleanSystemResources();
+                  return r;
+              }));
     pid_t quitter = tvtest::SpawnChild("share_set_and_exit", {"Exit", "V", "z"});
     EXPECT_EQ(0, regtest::WaitChildFor(quitter, 60));
     EXPECT_TRUE(regtest::SysVExists(env.lockFile()));
@@ -187,8 +200,8 @@ TEST(RegistrySharing, StatusNamesAStoppedHolder) {
     ASSERT_EQ(0, posix_spawn(&status, tool.c_str(), &fa, nullptr, cargv.data(), environ));
     posix_spawn_file_actions_destroy(&fa);
     EXPECT_EQ(0, regtest::WaitChildFor(status, 30));
-    EXPECT_NE(std::string::npos, tvtest::ReadFile(toolOut).find(
-                                     "\"lock_owner_pid\": " + std::to_string(holder) + ","))
+    EXPECT_NE(std::string::npos,
+              tvtest::ReadFile(toolOut).find("\"lock_owner_pid\": " + std::to_string(holder) + ","))
         << tvtest::ReadFile(toolOut);
 
     kill(holder, SIGKILL);
@@ -206,7 +219,7 @@ TEST(RegistrySharing, ConcurrentStartersNeverGiveUp) {
     for (int round = 0; round < kRounds; ++round) {
         for (int p = 0; p < kProcs; ++p) {
             const std::string name = "r" + std::to_string(round) + "p" + std::to_string(p);
-            pids.push_back(tvtest::SpawnChild("share_set_and_exit", {"Conc", name, "1"}));
+            pids.push_back(tvtest::SpawnChild("share_churn", {"Conc", name, "40"}));
         }
         // Half of each round overlaps the next.
         for (size_t i = 0; i + kProcs / 2 < pids.size(); ++i) {
