@@ -269,7 +269,7 @@ CKWString& LockFileSlot() {
 // detaches the segment; shmdt when that fails.
 void Unmap(SharedRegistryRecord* p) {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    void* r = mmap(p, page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    void* r = mmap(p, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
     if (r == MAP_FAILED) shmdt(p);
 }
 
@@ -457,7 +457,10 @@ void DetachAtExit() {
 
 bool g_forkHeldFileMutex = false;  // prepare took g_fileMutex (forking thread only)
 
-void ForkPrepare() {
+// NO_THREAD_SAFETY_ANALYSIS on the three handlers: the locks are taken in
+// one handler and released in another (or re-made in the child).
+
+void ForkPrepare() TV_NO_THREAD_SAFETY_ANALYSIS {
     if (RegistryReady()) EnsureRegistry();  // a start-up in progress finishes first
     RegCacheLock().rw.WriteLock(INFINITE);
     g_forkHeldFileMutex = __atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) != pthread_self();
@@ -467,7 +470,7 @@ void ForkPrepare() {
     StartupForkPrepare();
 }
 
-void ForkParent() {
+void ForkParent() TV_NO_THREAD_SAFETY_ANALYSIS {
     StartupForkParent();
     g_fileIdLock.Unlock();
     pthread_mutex_unlock(&g_attachMutex);
@@ -475,7 +478,7 @@ void ForkParent() {
     RegCacheLock().rw.WriteUnlock();
 }
 
-void ForkChild() {
+void ForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
     StartupForkChild();
     g_fileIdLock.Unlock();
     pthread_mutex_init(&g_attachMutex, nullptr);

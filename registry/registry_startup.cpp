@@ -165,12 +165,14 @@ CKWString RegistryInstallDir() {
     return InstallPath();
 }
 
-void StartupForkPrepare() {
+// NO_THREAD_SAFETY_ANALYSIS: the fork handlers take the locks in one
+// handler and release them in another.
+void StartupForkPrepare() TV_NO_THREAD_SAFETY_ANALYSIS {
     g_pathLock.Lock();
     pthread_mutex_lock(&g_initMutex);
 }
 
-void StartupForkParent() {
+void StartupForkParent() TV_NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_unlock(&g_initMutex);
     g_pathLock.Unlock();
 }
@@ -179,7 +181,7 @@ void StartupForkParent() {
 // again there. The lazy writer thread stays in the parent; the child starts
 // its own at its first change, and the parent's unwritten changes are the
 // parent's to write.
-void StartupForkChild() {
+void StartupForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_init(&g_initMutex, nullptr);
     pthread_cond_init(&g_initCond, nullptr);
     g_pathLock.Unlock();
