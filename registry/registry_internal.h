@@ -382,6 +382,14 @@ CKWString RegistryInstallDir();
 void StartupForkPrepare();
 void StartupForkParent();
 void StartupForkChild();
+// Defined with change notification: a write wakes the watchers of every
+// process (a futex on the page's stamp), and the watch table's fork and
+// test hooks.
+void WakeNotifyWaiters(SharedRegistryRecord* shm);
+void NotifyForkPrepare();
+void NotifyForkParent();
+void NotifyForkChild();
+void NotifyResetForTests();
 
 // --- start-up state --------------------------------------------------------
 bool RegistryReady();

@@ -97,15 +97,13 @@
 // for a start-up in progress, then takes, in lock order: the cache lock
 // exclusively (no other thread is then inside the tree, as key locks,
 // TableLock, AllKeysLock and the graveyard lock are only taken under it),
-// the semaphore's process mutex (unless the forking thread holds the
-// semaphore), the attach mutex, the file identity lock and the start-up
-// leaf locks. The parent releases them. The child gets fresh locks, holds no
-// semaphore and no attachment, forgets its stamp (its first use re-reads the
-// file) and leaves the changes the parent has not written yet to the
-// parent (a new write epoch: they are no longer pending here). The lazy
-// writer thread stays behind in the parent; the child starts its own at its
-// first change. A thread that forks while holding registry locks holds none
-// in the child.
+// the watch mutex of change notification, the semaphore's process mutex (unless the forking thread
+// holds the semaphore), the attach mutex, the file identity lock and the start-up leaf locks. The
+// parent releases them. The child gets fresh locks, holds no semaphore and no attachment, forgets
+// its stamp (its first use re-reads the file) and leaves the changes the parent has not written yet
+// to the parent (a new write epoch: they are no longer pending here). The lazy writer thread stays
+// behind in the parent; the child starts its own at its first change. A thread that forks while
+// holding registry locks holds none in the child.
 #include <errno.h>
 #include <pthread.h>
 #include <stddef.h>
@@ -463,6 +461,7 @@ bool g_forkHeldFileMutex = false;  // prepare took g_fileMutex (forking thread o
 void ForkPrepare() TV_NO_THREAD_SAFETY_ANALYSIS {
     if (RegistryReady()) EnsureRegistry();  // a start-up in progress finishes first
     RegCacheLock().rw.WriteLock(INFINITE);
+    NotifyForkPrepare();
     g_forkHeldFileMutex = __atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) != pthread_self();
     if (g_forkHeldFileMutex) pthread_mutex_lock(&g_fileMutex);
     pthread_mutex_lock(&g_attachMutex);
@@ -475,11 +474,13 @@ void ForkParent() TV_NO_THREAD_SAFETY_ANALYSIS {
     g_fileIdLock.Unlock();
     pthread_mutex_unlock(&g_attachMutex);
     if (g_forkHeldFileMutex) pthread_mutex_unlock(&g_fileMutex);
+    NotifyForkParent();
     RegCacheLock().rw.WriteUnlock();
 }
 
 void ForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
     StartupForkChild();
+    NotifyForkChild();
     g_fileIdLock.Unlock();
     pthread_mutex_init(&g_attachMutex, nullptr);
     pthread_mutex_init(&g_fileMutex, nullptr);
@@ -593,6 +594,7 @@ void PublishWrite() {
         __atomic_store_n(&shm->lastWriter, static_cast<int32_t>(getpid()), __ATOMIC_RELEASE);
         uint64_t v = __atomic_add_fetch(&shm->versionStamp, 1, __ATOMIC_ACQ_REL);
         SetMyVersionStamp(v);
+        WakeNotifyWaiters(shm);
     }
     RecordFileIdOfPath(GetRegistryPath().c_str());
 }
@@ -602,6 +604,7 @@ const CKWString& LockFilePath() {
 }
 
 void ResetSharingForTests() {
+    NotifyResetForTests();
     CleanSystemResources();
     __atomic_store_n(&g_started, 0, __ATOMIC_RELEASE);
     SetMyVersionStamp(0);
