@@ -326,6 +326,7 @@ TEST(RegistrySharing, NotifyWakesOnChangesFromThreadsAndProcesses) {
         sync.detach();  // stuck for good: the test has failed anyway
     }
     RegUnnotifyChangeKeyValue(r, e);
+    static_cast<Event*>(e)->SetEventData(-1);  // gives back the watch's reference
     CloseHandle(e);
     RegCloseKey(r);
 }
