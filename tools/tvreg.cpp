@@ -767,9 +767,8 @@ int CmdWatch(const Args& a) {
     int ready = Ready(a);
     if (ready >= 0) return ready;
 
-    // The signals that end the watch are taken synchronously, as the wait
-    // between two looks: no handler, and no signal lost between a look and
-    // the wait.
+    // The signals that end the watch are taken synchronously between two
+    // looks: no handler, and no signal lost.
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGINT);
@@ -780,11 +779,25 @@ int CmdWatch(const Args& a) {
     if (!last.exists) return Fail(kExitNotFound, "key not found: %s", arg.Display().c_str());
     const std::string shown = last.path;
     Emit("watching", shown + ": " + Counts(last));
-    const timespec wait = {a.interval / 1000, (a.interval % 1000) * 1000000L};
+    // A change written by any process wakes the wait at once (the library's
+    // key notification); the interval bounds how late a signal is taken.
+    HANDLE changed = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    OpenKey watched;
+    watched.Open(arg, kReadAccess);
+    const timespec now0 = {0, 0};
     for (;;) {
-        const int sig = sigtimedwait(&stop, nullptr, &wait);
+        if (watched.IsOpen()) RegNotifyChangeKeyValue(watched.get(), TRUE, 0, changed, TRUE);
+        WaitForSingleObjectEx(changed, static_cast<DWORD>(a.interval), FALSE);
+        const int sig = sigtimedwait(&stop, nullptr, &now0);
         if (sig == SIGINT || sig == SIGTERM) break;
         Snapshot now = Take(arg);
+        if (now.exists != last.exists) {
+            if (now.exists) {
+                watched.Open(arg, kReadAccess);
+            } else {
+                watched.Close();
+            }
+        }
         if (now.exists != last.exists) {
             if (now.exists) {
                 Emit("created", shown + ": " + Counts(now));
@@ -797,6 +810,7 @@ int CmdWatch(const Args& a) {
         }
         last = now;
     }
+    CloseHandle(changed);
     return kExitOk;
 }
 
