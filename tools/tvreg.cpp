@@ -780,16 +780,28 @@ int CmdWatch(const Args& a) {
     const std::string shown = last.path;
     Emit("watching", shown + ": " + Counts(last));
     // A change written by any process wakes the wait at once (the library's
-    // key notification); the interval bounds how late a signal is taken.
-    HANDLE changed = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    // key notification), and so does a signal (taken by a thread of its
+    // own); the interval is only the longest time between two looks.
+    static HANDLE changed = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    static sigset_t ending = stop;
+    static int stopped = 0;
+    pthread_t taker;
+    pthread_create(
+        &taker, nullptr,
+        [](void*) -> void* {
+            int sig = 0;
+            sigwait(&ending, &sig);
+            __atomic_store_n(&stopped, 1, __ATOMIC_RELEASE);
+            SetEvent(changed);
+            return nullptr;
+        },
+        nullptr);
     OpenKey watched;
     watched.Open(arg, kReadAccess);
-    const timespec now0 = {0, 0};
     for (;;) {
         if (watched.IsOpen()) RegNotifyChangeKeyValue(watched.get(), TRUE, 0, changed, TRUE);
         WaitForSingleObjectEx(changed, static_cast<DWORD>(a.interval), FALSE);
-        const int sig = sigtimedwait(&stop, nullptr, &now0);
-        if (sig == SIGINT || sig == SIGTERM) break;
+        if (__atomic_load_n(&stopped, __ATOMIC_ACQUIRE)) break;
         Snapshot now = Take(arg);
         if (now.exists != last.exists) {
             if (now.exists) {
@@ -810,7 +822,7 @@ int CmdWatch(const Args& a) {
         }
         last = now;
     }
-    CloseHandle(changed);
+    pthread_join(taker, nullptr);
     return kExitOk;
 }
 
