@@ -259,6 +259,11 @@ TEST(RegistrySharing, ForkWhileThreadsWrite) {
     std::thread busy([&] {
         for (unsigned long i = 0; !stop.load(); ++i) SetAndClose("Busy", "V", std::to_string(i));
     });
+    // Forks start once both threads are at work (their first write is in
+    // the file), not while they are still being made.
+    for (int i = 0; i < 30000 && env.ReadRegistryFile().find("\\Busy=") == std::string::npos; ++i) {
+        usleep(1000);
+    }
     bool failed = false;
     for (int round = 0; round < kRounds && !failed; ++round) {
         const std::string name = "c" + std::to_string(round);
