@@ -8,6 +8,11 @@
 // close could hit a descriptor number reused for another file, or drop
 // another object's lock).
 //
+// Across fork: record locks are not inherited, so a child's copy of an
+// object holds its descriptor but not the lock, and closing it in the child
+// drops nothing of the parent's. The objects keep no process-wide state (the
+// nested-holder count is per object), so no fork handler is needed here.
+//
 // The open is always read/write and creating, whatever the access bits of
 // the caller's flags: the flags decide whether the file is locked and how
 // failures are reported, and callers (the registry writer, CopyFile) depend

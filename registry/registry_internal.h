@@ -374,6 +374,22 @@ bool UpdateCache(bool alwaysCheckFile);
 void RecordFileId(int fd);
 // Detaches from the shared objects and forgets the stamps (test support).
 void ResetSharingForTests();
+// Defined with the start-up code, for the sharing code: the install
+// directory as start-up finds it (without starting anything), and the fork
+// handlers' part for the start-up state (leaf locks, a start-up begun by
+// another thread, the lazy writer; see registry_sharing.cpp).
+CKWString RegistryInstallDir();
+void StartupForkPrepare();
+void StartupForkParent();
+void StartupForkChild();
+// Defined with change notification: a write wakes the watchers of every
+// process (a futex on the page's stamp), and the watch table's fork and
+// test hooks.
+void WakeNotifyWaiters(SharedRegistryRecord* shm);
+void NotifyForkPrepare();
+void NotifyForkParent();
+void NotifyForkChild();
+void NotifyResetForTests();
 
 // --- start-up state --------------------------------------------------------
 bool RegistryReady();

@@ -8,7 +8,8 @@
 //    whole write (merge, print, rename, stamp). Its operations carry
 //    SEM_UNDO, so a process killed while holding it releases it. It is
 //    recursive per thread (RegLockOwner / RegLockDepth), and paired with a
-//    process-local mutex that the threads of one process take first.
+//    process-local mutex that the threads of one process take first. Only
+//    the owning thread releases it, so it never counts above one.
 //  - The shared page (same key): the version stamp, incremented by every
 //    successful write under the semaphore; the last writer's and the lock
 //    owner's process ids; the attach count. Only the process that creates
@@ -68,6 +69,41 @@
 // it deleted, while everything others changed and this process did not
 // touch is taken. Nothing written by anyone is lost except a value (or a
 // subtree) that a later writer changed (or deleted) on purpose.
+// Attachment. A process attaches by counting itself into the shared page
+// under the semaphore, and only a process that attached may detach:
+// CleanSystemResources, or the exit handler installed at the first attach,
+// takes its count back, and the process that takes the count to zero
+// removes the page and then the semaphore. Page first: a process starting
+// meanwhile may then meet a dying semaphore (its wait fails and it starts
+// over) but never pairs a fresh semaphore with a page on its way out. A
+// forked child inherits the mapping but not the attachment: the fork
+// handler unmaps it and the child attaches itself at its first use.
+// Unmapping replaces the page with a private zero page at the same address,
+// so a thread that read the pointer just before still reads memory.
+//
+// Starting over. Start-up meets objects that other processes are making or
+// removing: a set not ready yet, a set or page removed between two calls, a
+// wait that fails because the set went away. Each case starts over on
+// fresh objects, for up to kAttachLimitMs, and only then ends the process
+// with a message; a set that stays half-made (its creator died before the
+// first operation) is removed after kHalfMadeMs. Later, a lock that finds
+// its semaphore gone says so and attaches again before it goes on: the
+// file is never written without the semaphore.
+//
+// Fork. The fork handlers are installed at the first attach, after every
+// handler the library installs at load; prepare handlers run in reverse
+// order of installation, so the registry's locks, which come before the
+// event and handle locks in the lock order, are taken first. Prepare waits
+// for a start-up in progress, then takes, in lock order: the cache lock
+// exclusively (no other thread is then inside the tree, as key locks,
+// TableLock, AllKeysLock and the graveyard lock are only taken under it),
+// the watch mutex of change notification, the semaphore's process mutex (unless the forking thread
+// holds the semaphore), the attach mutex, the file identity lock and the start-up leaf locks. The
+// parent releases them. The child gets fresh locks, holds no semaphore and no attachment, forgets
+// its stamp (its first use re-reads the file) and leaves the changes the parent has not written yet
+// to the parent (a new write epoch: they are no longer pending here). The lazy writer thread stays
+// behind in the parent; the child starts its own at its first change. A thread that forks while
+// holding registry locks holds none in the child.
 #include <errno.h>
 #include <pthread.h>
 #include <stddef.h>
@@ -75,6 +111,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -82,6 +119,7 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <vector>
 
 #include "foundation/clock_internal.h"
 #include "registry/registry_internal.h"
@@ -97,12 +135,28 @@ static_assert(offsetof(SharedRegistryRecord, lastWriter) == 0 &&
                   offsetof(SharedRegistryRecord, attachCount) == 16,
               "layout of the shared registry record");
 
-SharedRegistryRecord* g_shm = nullptr;  // ShmStruct
+// How long start-up keeps starting over, and how long a set may stay
+// half-made before a waiter removes it.
+constexpr long kAttachLimitMs = 30000;
+constexpr long kHalfMadeMs = 3000;
+
+// A stamp no page ever holds: the next look at the page re-reads the file.
+constexpr unsigned long kStampUnknown = ~0UL;
+
+// Attachment state. Written under g_attachMutex, read anywhere atomically.
+// g_attachMutex comes after the semaphore's process mutex in the lock order
+// and before the kernel semaphore itself.
+pthread_mutex_t g_attachMutex = PTHREAD_MUTEX_INITIALIZER;
+SharedRegistryRecord* g_shm = nullptr;  // ShmStruct; null: not attached here
 int g_shmId = -1;                       // ShmId
 int g_semId = -1;                       // RegSemId
-unsigned long g_myStamp = 0;            // MyVersionStamp (atomic access)
-pthread_t g_lockOwner = NULL_PTHREAD;   // RegLockOwner (atomic access)
-long g_lockDepth = 0;                   // RegLockDepth (owner only, atomic exchanges)
+int g_started = 0;                      // RegInitSharedState ran: attach on demand
+int g_create = 1;                       // its create flag, for attaching again
+bool g_handlersInstalled = false;       // exit and fork handlers (once per address space)
+
+unsigned long g_myStamp = 0;           // MyVersionStamp (atomic access)
+pthread_t g_lockOwner = NULL_PTHREAD;  // RegLockOwner (atomic access)
+long g_lockDepth = 0;                  // RegLockDepth (owner only, atomic exchanges)
 // Threads of this process queue here before the semaphore: a cheap wait
 // within the process, and the in-process half of the same critical section
 // (the semaphore orders processes, this mutex threads). Taken and released
@@ -123,8 +177,8 @@ struct FileId {
                ctime.tv_sec == o.ctime.tv_sec && ctime.tv_nsec == o.ctime.tv_nsec;
     }
 };
-CriticalSection g_fileIdLock;  // leaf; guards g_fileId
-FileId g_fileId;
+CriticalSection g_fileIdLock;  // leaf
+FileId g_fileId TV_GUARDED_BY(g_fileIdLock);
 
 FileId IdOf(const struct stat& st) {
     FileId id;
@@ -137,18 +191,36 @@ FileId IdOf(const struct stat& st) {
     return id;
 }
 
-// SemLock / SemUnlock: semaphore 0, -1 / +1, with SEM_UNDO. A signal (the
-// library's own APC and suspend signals included) only restarts the wait.
-bool SemOp(short op) {
-    if (g_semId < 0) return false;
+long NowMs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000L + now.tv_nsec / 1000000L;
+}
+
+bool Removed(int err) {
+    return err == EIDRM || err == EINVAL;
+}
+
+// SemLock / SemUnlock on a given set: semaphore 0, -1 / +1, with SEM_UNDO.
+// A signal (the library's own APC and suspend signals included) only
+// restarts the wait. False with errno set on failure.
+bool SemOpOn(int semId, short op) {
+    if (semId < 0) {
+        errno = EINVAL;
+        return false;
+    }
     sembuf b;
     b.sem_num = 0;
     b.sem_op = op;
     b.sem_flg = SEM_UNDO;
-    while (semop(g_semId, &b, 1) != 0) {
+    while (semop(semId, &b, 1) != 0) {
         if (errno != EINTR) return false;
     }
     return true;
+}
+
+bool SemOp(short op) {
+    return SemOpOn(__atomic_load_n(&g_semId, __ATOMIC_ACQUIRE), op);
 }
 
 void registry_semaphore_error(int err) {
@@ -163,21 +235,275 @@ void registry_shared_memory_error(int err) {
 // The process's cache lock: guards the whole tree against file reads and
 // writes (shared for users of the tree, exclusive for the file). First in
 // the lock order. nested counts read locks taken by the exclusive holder
-// itself and is touched only by that thread.
+// itself and is touched only by that thread. A forked child replaces it (a
+// thread of the parent may have held the RWLock's own mutex at the fork).
 struct CacheLock {
     CacheLock() : nested(0), rw(false, "RegCacheLock") {}
     unsigned long nested;
     RWLock rw;
 };
 
+CacheLock* g_cacheLock = nullptr;  // atomic access; made once, replaced only in a forked child
+std::vector<CacheLock*>* g_retiredCacheLocks = nullptr;  // the replaced ones (child only)
+
 CacheLock& RegCacheLock() {
-    static CacheLock* lock = new CacheLock();
+    CacheLock* lock = __atomic_load_n(&g_cacheLock, __ATOMIC_ACQUIRE);
+    if (lock != nullptr) return *lock;
+    CacheLock* fresh = new CacheLock();
+    if (__atomic_compare_exchange_n(&g_cacheLock, &lock, fresh, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+        return *fresh;
+    }
+    delete fresh;
     return *lock;
 }
 
 CKWString& LockFileSlot() {
     static CKWString* path = new CKWString();
     return *path;
+}
+
+// Replaces the mapping at p by a private zero page (see Attachment), which
+// detaches the segment; shmdt when that fails.
+void Unmap(SharedRegistryRecord* p) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* r = mmap(p, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    if (r == MAP_FAILED) shmdt(p);
+}
+
+// Forgets this process's attachment without giving its count back (the
+// objects are gone, or this is a forked child that never attached).
+void DropAttachmentLocked() {
+    SharedRegistryRecord* shm =
+        __atomic_exchange_n(&g_shm, static_cast<SharedRegistryRecord*>(nullptr), __ATOMIC_ACQ_REL);
+    if (shm != nullptr) Unmap(shm);
+    __atomic_store_n(&g_shmId, -1, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_semId, -1, __ATOMIC_RELEASE);
+}
+
+[[noreturn]] void GiveUp(const char* what, int err) {
+    fprintf(stderr,
+            "Error: the Morvane Registry shared objects of %s were not usable within %ld s (%s: "
+            "%s). Exiting.\n",
+            LockFileSlot().c_str(), kAttachLimitMs / 1000, what, strerror(err));
+    exit(1);
+}
+
+void GiveOwnershipOfSet(int semId) {
+    uid_t uid;
+    gid_t gid;
+    mode_t mode;
+    if (!RegistryFileOwner(uid, gid, mode)) return;
+    semid_ds ds;
+    memset(&ds, 0, sizeof ds);
+    if (semctl(semId, 0, IPC_STAT, &ds) == 0) {
+        ds.sem_perm.uid = uid;
+        ds.sem_perm.gid = gid;
+        ds.sem_perm.mode = 0660;
+        semctl(semId, 0, IPC_SET, &ds);
+    }
+}
+
+void GiveOwnershipOfPage(int shmId) {
+    uid_t uid;
+    gid_t gid;
+    mode_t mode;
+    if (!RegistryFileOwner(uid, gid, mode)) return;
+    shmid_ds ds;
+    memset(&ds, 0, sizeof ds);
+    if (shmctl(shmId, IPC_STAT, &ds) == 0) {
+        ds.shm_perm.uid = uid;
+        ds.shm_perm.gid = gid;
+        ds.shm_perm.mode = 0666;
+        shmctl(shmId, IPC_SET, &ds);
+    }
+}
+
+// One attempt to reach a ready semaphore set: its id, -1 to start over.
+// Ends the process on the failures that no retry can mend.
+int SemaphoreSet(key_t key, int create, long deadline) {
+    if (!create) {
+        int semId = semget(key, 1, 0660);
+        if (semId < 0) {
+            fprintf(stderr, "Registry semaphore doesn't exist. Exiting.\n");
+            exit(1);
+        }
+        return semId;
+    }
+    int semId = semget(key, 1, IPC_CREAT | IPC_EXCL | 0660);
+    if (semId >= 0) {
+        // A set removed under its creator (see below) just means: again.
+        if (semctl(semId, 0, SETVAL, 1) != 0) return -1;
+        GiveOwnershipOfSet(semId);
+        // The first operation makes sem_otime non-zero: "ready".
+        if (!SemOpOn(semId, -1)) return -1;
+        SemOpOn(semId, 1);
+        return semId;
+    }
+    if (errno != EEXIST) {
+        registry_semaphore_error(errno);
+        kw_abort();
+    }
+    semId = semget(key, 1, 0660);
+    if (semId < 0) {
+        if (errno == ENOENT) return -1;  // removed just now
+        registry_semaphore_error(errno);
+        _exit(1);
+    }
+    // Wait for the creator's first operation, in short steps.
+    const long halfMade = NowMs() + kHalfMadeMs;
+    for (long step = 1;; step = step < 32 ? step * 2 : step) {
+        semid_ds ds;
+        memset(&ds, 0, sizeof ds);
+        if (semctl(semId, 0, IPC_STAT, &ds) != 0) return -1;  // removed meanwhile
+        if (ds.sem_otime != 0) return semId;
+        const long now = NowMs();
+        if (now >= deadline) GiveUp("semaphore never ready", ETIMEDOUT);
+        if (now >= halfMade) {
+            // Its creator is gone (or stopped): make a fresh one. A creator
+            // that was only slow starts over as its next call fails.
+            semctl(semId, 0, IPC_RMID);
+            return -1;
+        }
+        SleepMs(step);
+    }
+}
+
+void InstallHandlers();
+
+// Attaches this process: reaches a ready set and the page of the lock
+// file, maps the page and counts this process in, starting over as long as
+// others make or remove the objects meanwhile.
+void AttachLocked(int create) {
+    const key_t key = ftok(LockFileSlot().c_str(), 1);
+    if (key == static_cast<key_t>(-1)) {
+        int err = errno;
+        registry_semaphore_error(err);
+        kw_abort();
+    }
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const long deadline = NowMs() + kAttachLimitMs;
+    for (int round = 0;; ++round) {
+        if (round > 0) {
+            if (NowMs() >= deadline) GiveUp("objects removed while attaching", EIDRM);
+            SleepMs(round < 8 ? round : 8);
+        }
+        const int semId = SemaphoreSet(key, create, deadline);
+        if (semId < 0) continue;
+
+        bool created = true;
+        int shmId = shmget(key, page, IPC_CREAT | IPC_EXCL | 0666);
+        if (shmId < 0) {
+            if (errno != EEXIST) {
+                registry_shared_memory_error(errno);
+                kw_abort();
+            }
+            created = false;
+            shmId = shmget(key, page, 0666);
+            if (shmId < 0 && errno == ENOENT) continue;  // removed just now
+            if (shmId < 0) {
+                registry_shared_memory_error(errno);
+                kw_abort();
+            }
+        }
+        if (created) GiveOwnershipOfPage(shmId);
+        void* at = shmat(shmId, nullptr, 0);
+        if (at == reinterpret_cast<void*>(-1)) {
+            if (Removed(errno)) continue;
+            fprintf(stderr, "Error: shmat(): Unable to access the Morvane Registry\n");
+            fprintf(stderr, "  shared memory region\n");
+            kw_abort();
+        }
+        auto* shm = static_cast<SharedRegistryRecord*>(at);
+        // Counted in under the semaphore; a set removed meanwhile means the
+        // page goes too: start over.
+        if (!SemOpOn(semId, -1)) {
+            shmdt(at);
+            continue;
+        }
+        __atomic_add_fetch(&shm->attachCount, 1, __ATOMIC_ACQ_REL);
+        SemOpOn(semId, 1);
+        __atomic_store_n(&g_semId, semId, __ATOMIC_RELEASE);
+        __atomic_store_n(&g_shmId, shmId, __ATOMIC_RELEASE);
+        __atomic_store_n(&g_shm, shm, __ATOMIC_RELEASE);
+        InstallHandlers();
+        return;
+    }
+}
+
+// Attaches this process when the registry was started here but this
+// process is not (or no longer) attached. False when it was never started.
+bool EnsureAttached() {
+    if (__atomic_load_n(&g_shm, __ATOMIC_ACQUIRE) != nullptr) return true;
+    if (!__atomic_load_n(&g_started, __ATOMIC_ACQUIRE)) return false;
+    pthread_mutex_lock(&g_attachMutex);
+    if (__atomic_load_n(&g_shm, __ATOMIC_ACQUIRE) == nullptr) {
+        AttachLocked(g_create);
+        // Another generation of the objects: its stamps say nothing about
+        // what this process last read.
+        SetMyVersionStamp(kStampUnknown);
+    }
+    pthread_mutex_unlock(&g_attachMutex);
+    return true;
+}
+
+// --- exit and fork handlers ---------------------------------------------------
+
+void DetachAtExit() {
+    if (SharedRecord() != nullptr) CleanSystemResources();
+}
+
+bool g_forkHeldFileMutex = false;  // prepare took g_fileMutex (forking thread only)
+
+// NO_THREAD_SAFETY_ANALYSIS on the three handlers: the locks are taken in
+// one handler and released in another (or re-made in the child).
+
+void ForkPrepare() TV_NO_THREAD_SAFETY_ANALYSIS {
+    if (RegistryReady()) EnsureRegistry();  // a start-up in progress finishes first
+    RegCacheLock().rw.WriteLock(INFINITE);
+    NotifyForkPrepare();
+    g_forkHeldFileMutex = __atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) != pthread_self();
+    if (g_forkHeldFileMutex) pthread_mutex_lock(&g_fileMutex);
+    pthread_mutex_lock(&g_attachMutex);
+    g_fileIdLock.Lock();
+    StartupForkPrepare();
+}
+
+void ForkParent() TV_NO_THREAD_SAFETY_ANALYSIS {
+    StartupForkParent();
+    g_fileIdLock.Unlock();
+    pthread_mutex_unlock(&g_attachMutex);
+    if (g_forkHeldFileMutex) pthread_mutex_unlock(&g_fileMutex);
+    NotifyForkParent();
+    RegCacheLock().rw.WriteUnlock();
+}
+
+void ForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
+    StartupForkChild();
+    NotifyForkChild();
+    g_fileIdLock.Unlock();
+    pthread_mutex_init(&g_attachMutex, nullptr);
+    pthread_mutex_init(&g_fileMutex, nullptr);
+    __atomic_store_n(&g_lockOwner, NULL_PTHREAD, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_lockDepth, 0, __ATOMIC_RELEASE);
+    DropAttachmentLocked();
+    SetMyVersionStamp(kStampUnknown);
+    NewWriteEpoch();
+    // The old lock stays reachable: it may still be named by a pointer.
+    CacheLock* old = __atomic_load_n(&g_cacheLock, __ATOMIC_ACQUIRE);
+    if (g_retiredCacheLocks == nullptr) g_retiredCacheLocks = new std::vector<CacheLock*>();
+    g_retiredCacheLocks->push_back(old);
+    CacheLock* fresh = new CacheLock();
+    fresh->rw.SetLockName(old->rw.GetLockName());
+    __atomic_store_n(&g_cacheLock, fresh, __ATOMIC_RELEASE);
+}
+
+// Caller holds g_attachMutex.
+void InstallHandlers() {
+    if (g_handlersInstalled) return;
+    g_handlersInstalled = true;
+    atexit(DetachAtExit);
+    pthread_atfork(ForkPrepare, ForkParent, ForkChild);
 }
 
 bool FileChangedOutside() {
@@ -208,6 +534,7 @@ bool FileCheckDue() {
 }  // namespace
 
 bool UpdateCache(bool alwaysCheckFile) {
+    EnsureAttached();
     SharedRegistryRecord* shm = SharedRecord();
     if (shm == nullptr) return false;
     if (__atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE) == GetMyVersionStamp() &&
@@ -217,7 +544,10 @@ bool UpdateCache(bool alwaysCheckFile) {
     RegLockCache(RegLockExclusive);
     DrainGraveyard();
     bool reread = false;
-    if (__atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE) != GetMyVersionStamp() ||
+    // Under the semaphore the attachment is current (the lock re-attaches).
+    shm = SharedRecord();
+    if (shm == nullptr ||
+        __atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE) != GetMyVersionStamp() ||
         FileChangedOutside()) {
         reread = ReadRegistry(1) != 0;
     }
@@ -264,6 +594,7 @@ void PublishWrite() {
         __atomic_store_n(&shm->lastWriter, static_cast<int32_t>(getpid()), __ATOMIC_RELEASE);
         uint64_t v = __atomic_add_fetch(&shm->versionStamp, 1, __ATOMIC_ACQ_REL);
         SetMyVersionStamp(v);
+        WakeNotifyWaiters(shm);
     }
     RecordFileIdOfPath(GetRegistryPath().c_str());
 }
@@ -273,7 +604,9 @@ const CKWString& LockFilePath() {
 }
 
 void ResetSharingForTests() {
+    NotifyResetForTests();
     CleanSystemResources();
+    __atomic_store_n(&g_started, 0, __ATOMIC_RELEASE);
     SetMyVersionStamp(0);
     __atomic_store_n(&g_lockOwner, NULL_PTHREAD, __ATOMIC_RELEASE);
     __atomic_store_n(&g_lockDepth, 0, __ATOMIC_RELEASE);
@@ -293,147 +626,13 @@ void SetLockFilePath(const char* path) {
     tv::detail::LockFileSlot() = path;
 }
 
-namespace {
-
-// Adds this process to the attach count under the semaphore. False when the
-// semaphore set was removed meanwhile.
-bool CountThisProcessIn() {
-    using namespace tv::detail;
-    sembuf b;
-    b.sem_num = 0;
-    b.sem_op = -1;
-    b.sem_flg = SEM_UNDO;
-    int rc;
-    while ((rc = semop(g_semId, &b, 1)) != 0 && errno == EINTR) {
-    }
-    if (rc != 0) return !(errno == EIDRM || errno == EINVAL);
-    __atomic_add_fetch(&g_shm->attachCount, 1, __ATOMIC_ACQ_REL);
-    b.sem_op = 1;
-    while (semop(g_semId, &b, 1) != 0 && errno == EINTR) {
-    }
-    return true;
-}
-
-}  // namespace
-
 void RegInitSharedState(int create) {
     using namespace tv::detail;
-    const key_t key = ftok(LockFilePath().c_str(), 1);
-    if (key == static_cast<key_t>(-1)) {
-        int err = errno;
-        registry_semaphore_error(err);
-        kw_abort();
-    }
-    // The last process to leave removes the set and the segment
-    // (CleanSystemResources) while holding the semaphore, possibly while this
-    // process waits for it; the wait then fails with EIDRM (or EINVAL) and
-    // this process starts over, creating fresh objects, instead of going on
-    // with a dead semaphore.
-    for (;;) {
-        int semId;
-        if (!create) {
-            semId = semget(key, 1, 0660);
-            if (semId < 0) {
-                fprintf(stderr, "Registry semaphore doesn't exist. Exiting.\n");
-                exit(1);
-            }
-            g_semId = semId;
-        } else {
-            semId = semget(key, 1, IPC_CREAT | IPC_EXCL | 0660);
-            if (semId >= 0) {
-                g_semId = semId;
-                semctl(semId, 0, SETVAL, 1);
-                uid_t uid;
-                gid_t gid;
-                mode_t mode;
-                if (RegistryFileOwner(uid, gid, mode)) {
-                    semid_ds ds;
-                    memset(&ds, 0, sizeof ds);
-                    if (semctl(semId, 0, IPC_STAT, &ds) == 0) {
-                        ds.sem_perm.uid = uid;
-                        ds.sem_perm.gid = gid;
-                        ds.sem_perm.mode = 0660;
-                        semctl(semId, 0, IPC_SET, &ds);
-                    }
-                }
-                // The first operation makes sem_otime non-zero: "ready".
-                SemOp(-1);
-                SemOp(1);
-            } else {
-                if (errno != EEXIST) {
-                    registry_semaphore_error(errno);
-                    kw_abort();
-                }
-                semId = semget(key, 1, 0660);
-                if (semId < 0 && errno == ENOENT) continue;  // removed just now: start over
-                if (semId < 0) {
-                    registry_semaphore_error(errno);
-                    _exit(1);
-                }
-                g_semId = semId;
-                bool ready = false;
-                for (int round = 0; round < 10 && !ready; ++round) {
-                    semid_ds ds;
-                    memset(&ds, 0, sizeof ds);
-                    if (semctl(semId, 0, IPC_STAT, &ds) == 0 && ds.sem_otime != 0) {
-                        ready = true;
-                    } else {
-                        SleepMs(250);
-                    }
-                }
-                if (!ready) {
-                    registry_semaphore_error(ETIMEDOUT);
-                    kw_abort();
-                }
-            }
-        }
-
-        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        bool created = true;
-        int shmId = shmget(key, page, IPC_CREAT | IPC_EXCL | 0666);
-        if (shmId < 0) {
-            if (errno != EEXIST) {
-                registry_shared_memory_error(errno);
-                kw_abort();
-            }
-            created = false;
-            shmId = shmget(key, page, 0666);
-            if (shmId < 0 && errno == ENOENT) continue;  // removed just now: start over
-            if (shmId < 0) {
-                registry_shared_memory_error(errno);
-                kw_abort();
-            }
-        }
-        if (created) {
-            uid_t uid;
-            gid_t gid;
-            mode_t mode;
-            if (RegistryFileOwner(uid, gid, mode)) {
-                shmid_ds ds;
-                memset(&ds, 0, sizeof ds);
-                if (shmctl(shmId, IPC_STAT, &ds) == 0) {
-                    ds.shm_perm.uid = uid;
-                    ds.shm_perm.gid = gid;
-                    ds.shm_perm.mode = 0666;
-                    shmctl(shmId, IPC_SET, &ds);
-                }
-            }
-        }
-        void* at = shmat(shmId, nullptr, 0);
-        if (at == reinterpret_cast<void*>(-1)) {
-            fprintf(stderr, "Error: shmat(): Unable to access the Morvane Registry\n");
-            fprintf(stderr, "  shared memory region\n");
-            kw_abort();
-        }
-        g_shmId = shmId;
-        __atomic_store_n(&g_shm, static_cast<SharedRegistryRecord*>(at), __ATOMIC_RELEASE);
-
-        if (CountThisProcessIn()) return;
-        shmdt(at);
-        __atomic_store_n(&g_shm, static_cast<SharedRegistryRecord*>(nullptr), __ATOMIC_RELEASE);
-        g_shmId = -1;
-        g_semId = -1;
-    }
+    pthread_mutex_lock(&g_attachMutex);
+    g_create = create;
+    if (SharedRecord() == nullptr) AttachLocked(create);
+    __atomic_store_n(&g_started, 1, __ATOMIC_RELEASE);
+    pthread_mutex_unlock(&g_attachMutex);
 }
 
 void RegLockRegistryFile() {
@@ -444,7 +643,21 @@ void RegLockRegistryFile() {
         return;
     }
     pthread_mutex_lock(&g_fileMutex);
-    SemOp(-1);
+    // Not started here: the process mutex alone (nothing shared to lock).
+    while (EnsureAttached()) {
+        const int semId = __atomic_load_n(&g_semId, __ATOMIC_ACQUIRE);
+        if (SemOpOn(semId, -1)) break;
+        const int err = errno;
+        // The set went away under this process (or the wait failed): never
+        // go on without it. Attach again, to fresh objects if need be.
+        fprintf(stderr,
+                "Registry: lock on the Morvane Registry semaphore failed (%s); attaching again\n",
+                strerror(err));
+        pthread_mutex_lock(&g_attachMutex);
+        if (__atomic_load_n(&g_semId, __ATOMIC_ACQUIRE) == semId) DropAttachmentLocked();
+        pthread_mutex_unlock(&g_attachMutex);
+        if (!Removed(err)) SleepMs(10);
+    }
     __atomic_store_n(&g_lockOwner, self, __ATOMIC_RELEASE);
     if (SharedRegistryRecord* shm = SharedRecord()) {
         __atomic_store_n(&shm->lockOwner, static_cast<int32_t>(getpid()), __ATOMIC_RELEASE);
@@ -452,22 +665,24 @@ void RegLockRegistryFile() {
     __atomic_exchange_n(&g_lockDepth, 1, __ATOMIC_ACQ_REL);
 }
 
-// A thread that does not own the semaphore also reaches the release, as
-// callers of old have relied on (it cannot release the owner's in-process
-// mutex, only the semaphore); the library itself always pairs them.
+// Only the owning thread releases: an unbalanced unlock, or one from a
+// thread or process that does not hold the semaphore, changes nothing, so
+// the semaphore never counts above one.
 void RegUnlockRegistryFile() {
     using namespace tv::detail;
-    const bool owner = __atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) == pthread_self();
-    if (owner && __atomic_sub_fetch(&g_lockDepth, 1, __ATOMIC_RELAXED) > 0) return;
+    if (__atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) != pthread_self()) return;
+    if (__atomic_sub_fetch(&g_lockDepth, 1, __ATOMIC_RELAXED) > 0) return;
     if (SharedRegistryRecord* shm = SharedRecord()) {
         __atomic_store_n(&shm->lockOwner, 0, __ATOMIC_RELEASE);
     }
-    if (owner) {
-        __atomic_exchange_n(&g_lockOwner, NULL_PTHREAD, __ATOMIC_ACQ_REL);
-        __atomic_exchange_n(&g_lockDepth, 0, __ATOMIC_ACQ_REL);
+    __atomic_exchange_n(&g_lockOwner, NULL_PTHREAD, __ATOMIC_ACQ_REL);
+    __atomic_exchange_n(&g_lockDepth, 0, __ATOMIC_ACQ_REL);
+    if (SharedRecord() != nullptr && !SemOp(1)) {
+        // Nothing to give back: the set is gone. The next lock attaches again.
+        fprintf(stderr, "Registry: release of the Morvane Registry semaphore failed (%s)\n",
+                strerror(errno));
     }
-    SemOp(1);
-    if (owner) pthread_mutex_unlock(&g_fileMutex);
+    pthread_mutex_unlock(&g_fileMutex);
 }
 
 bool RegLockCache(int op) {
@@ -544,26 +759,35 @@ void DumpRegistryCache() {
     RegUnlockCache(RegLockShared);
 }
 
+// Ends any hold of the calling thread on the semaphore as well: after the
+// detach there is nothing left to release.
 void CleanSystemResources() {
     using namespace tv::detail;
-    SharedRegistryRecord* shm = SharedRecord();
-    if (shm == nullptr) return;
+    if (SharedRecord() == nullptr) return;  // not attached by this process
     RegLockRegistryFile();
-    bool last = __atomic_sub_fetch(&shm->attachCount, 1, __ATOMIC_ACQ_REL) <= 0;
-    if (!last) {
-        // A process killed without cleaning up never gives back its count;
-        // the kernel's own attach count shows when only this one is left.
-        shmid_ds ds;
-        memset(&ds, 0, sizeof ds);
-        if (shmctl(g_shmId, IPC_STAT, &ds) == 0 && ds.shm_nattch <= 1) last = true;
+    pthread_mutex_lock(&g_attachMutex);
+    if (SharedRegistryRecord* shm = SharedRecord()) {
+        const int shmId = __atomic_load_n(&g_shmId, __ATOMIC_ACQUIRE);
+        bool last = __atomic_sub_fetch(&shm->attachCount, 1, __ATOMIC_ACQ_REL) <= 0;
+        if (!last) {
+            // A process killed without cleaning up never gives back its
+            // count; the kernel's own attach count shows when only this one
+            // is left.
+            shmid_ds ds;
+            memset(&ds, 0, sizeof ds);
+            if (shmctl(shmId, IPC_STAT, &ds) == 0 && ds.shm_nattch <= 1) last = true;
+        }
+        __atomic_store_n(&shm->lockOwner, 0, __ATOMIC_RELEASE);
+        if (last) {
+            shmctl(shmId, IPC_RMID, nullptr);  // page first (see Attachment)
+            semctl(__atomic_load_n(&g_semId, __ATOMIC_ACQUIRE), 0, IPC_RMID);
+        } else {
+            SemOp(1);
+        }
+        DropAttachmentLocked();
     }
-    if (last) {
-        semctl(g_semId, 0, IPC_RMID);
-        shmctl(g_shmId, IPC_RMID, nullptr);
-    }
-    RegUnlockRegistryFile();  // on a removed set the semaphore part fails harmlessly
-    __atomic_store_n(&g_shm, static_cast<SharedRegistryRecord*>(nullptr), __ATOMIC_RELEASE);
-    shmdt(shm);
-    g_shmId = -1;
-    g_semId = -1;
+    __atomic_exchange_n(&g_lockOwner, NULL_PTHREAD, __ATOMIC_ACQ_REL);
+    __atomic_exchange_n(&g_lockDepth, 0, __ATOMIC_ACQ_REL);
+    pthread_mutex_unlock(&g_attachMutex);
+    pthread_mutex_unlock(&g_fileMutex);
 }

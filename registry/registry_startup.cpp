@@ -41,8 +41,10 @@ pthread_t g_initThread = NULL_PTHREAD;
 pthread_mutex_t g_initMutex = PTHREAD_MUTEX_INITIALIZER;  // leaf; with g_initCond
 pthread_cond_t g_initCond = PTHREAD_COND_INITIALIZER;
 
-int g_lazyFlush = 0;    // bLazyFlush
-int g_flushNeeded = 0;  // bRegistryFlushNeeded
+int g_lazyFlush = 0;         // bLazyFlush
+int g_flushNeeded = 0;       // bRegistryFlushNeeded
+int g_lazyInterval = 60000;  // the lazy writer's interval, for a forked child's own writer
+int g_lazyRestart = 0;       // a forked child: the lazy writer stayed in the parent
 
 CKWString InstallPath() {
     CriticalSectionHolder hold(g_pathLock);
@@ -115,6 +117,11 @@ void CancellableSleep(int ms) {
     pthread_mutex_destroy(&m);
 }
 
+void* LazyWriterAgain(void*) {
+    RegLazyWriteThread(&g_lazyInterval);
+    return nullptr;
+}
+
 void LazyWriterCleanup(void*) {
     // From here on closes write at once again.
     __atomic_store_n(&g_lazyFlush, 0, __ATOMIC_RELEASE);
@@ -137,7 +144,56 @@ void EnsureRegistry() {
 }
 
 bool LazyFlushOn() {
-    return __atomic_load_n(&g_lazyFlush, __ATOMIC_ACQUIRE) != 0;
+    if (!__atomic_load_n(&g_lazyFlush, __ATOMIC_ACQUIRE)) return false;
+    if (__atomic_load_n(&g_lazyRestart, __ATOMIC_ACQUIRE) &&
+        __atomic_exchange_n(&g_lazyRestart, 0, __ATOMIC_ACQ_REL)) {
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+        pthread_t t;
+        const bool started = pthread_create(&t, &attr, LazyWriterAgain, nullptr) == 0;
+        pthread_attr_destroy(&attr);
+        if (!started) {
+            __atomic_store_n(&g_lazyFlush, 0, __ATOMIC_RELEASE);  // write at once instead
+            return false;
+        }
+    }
+    return true;
+}
+
+CKWString RegistryInstallDir() {
+    return InstallPath();
+}
+
+// NO_THREAD_SAFETY_ANALYSIS: the fork handlers take the locks in one
+// handler and release them in another.
+void StartupForkPrepare() TV_NO_THREAD_SAFETY_ANALYSIS {
+    g_pathLock.Lock();
+    pthread_mutex_lock(&g_initMutex);
+}
+
+void StartupForkParent() TV_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_unlock(&g_initMutex);
+    g_pathLock.Unlock();
+}
+
+// A start-up begun by another thread never finishes in the child: it starts
+// again there. The lazy writer thread stays in the parent; the child starts
+// its own at its first change, and the parent's unwritten changes are the
+// parent's to write.
+void StartupForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_init(&g_initMutex, nullptr);
+    pthread_cond_init(&g_initCond, nullptr);
+    g_pathLock.Unlock();
+    if (!__atomic_load_n(&g_initialised, __ATOMIC_ACQUIRE) &&
+        !pthread_equal(__atomic_load_n(&g_initThread, __ATOMIC_ACQUIRE), pthread_self())) {
+        __atomic_store_n(&g_initThread, NULL_PTHREAD, __ATOMIC_RELEASE);
+        __atomic_store_n(&g_regReady, 0, __ATOMIC_RELEASE);
+    }
+    __atomic_store_n(&g_flushNeeded, 0, __ATOMIC_RELEASE);
+    if (__atomic_load_n(&g_lazyFlush, __ATOMIC_ACQUIRE)) {
+        __atomic_store_n(&g_lazyRestart, 1, __ATOMIC_RELEASE);
+    }
 }
 
 void SetFlushNeeded() {
@@ -166,6 +222,7 @@ void RegistryResetForTests() {
     }
     __atomic_store_n(&g_lazyFlush, 0, __ATOMIC_RELEASE);
     __atomic_store_n(&g_flushNeeded, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_lazyRestart, 0, __ATOMIC_RELEASE);
     __atomic_store_n(&g_initThread, NULL_PTHREAD, __ATOMIC_RELEASE);
     __atomic_store_n(&g_initialised, 0, __ATOMIC_RELEASE);
     __atomic_store_n(&g_regReady, 0, __ATOMIC_RELEASE);
@@ -310,6 +367,7 @@ void RegCleanup(void*) {
 // test) is where a cancel lands. The write runs with cancellation disabled.
 DWORD RegLazyWriteThread(LPVOID interval) {
     const int ms = interval != nullptr ? *static_cast<int*>(interval) : 60000;
+    __atomic_store_n(&g_lazyInterval, ms, __ATOMIC_RELAXED);
     EnsureRegistry();
     __atomic_store_n(&g_lazyFlush, 1, __ATOMIC_RELEASE);
     int old;

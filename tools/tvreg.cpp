@@ -249,9 +249,10 @@ bool MakeEmptyTemplate(const Install& in) {
 }
 
 // Checks what the library's start-up would otherwise end the process for,
-// with a message that says what to do, and starts the registry. Returns -1
-// to go on, or the exit status.
-int StartRegistry(const Install& in, bool mayCreate) {
+// with a message that says what to do, and starts the registry (or, without
+// start, only points the library at it). Returns -1 to go on, or the exit
+// status.
+int StartRegistry(const Install& in, bool mayCreate, bool start = true) {
     const bool haveRegistry = Exists(in.RegistryFile());
     if (!haveRegistry && !Exists(in.TemplateFile())) {
         if (!mayCreate) {
@@ -281,7 +282,11 @@ int StartRegistry(const Install& in, bool mayCreate) {
         return Fail(kExitNotFound, "the registry file %s is not writable: %s",
                     in.RegistryFile().c_str(), strerror(err));
     }
-    InitRegistry(0, 1);
+    if (start) {
+        InitRegistry(0, 1);
+    } else {
+        SetRegistryPath(in.dir.c_str());
+    }
     return -1;
 }
 
@@ -762,9 +767,8 @@ int CmdWatch(const Args& a) {
     int ready = Ready(a);
     if (ready >= 0) return ready;
 
-    // The signals that end the watch are taken synchronously, as the wait
-    // between two looks: no handler, and no signal lost between a look and
-    // the wait.
+    // The signals that end the watch are taken synchronously between two
+    // looks: no handler, and no signal lost.
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGINT);
@@ -775,11 +779,37 @@ int CmdWatch(const Args& a) {
     if (!last.exists) return Fail(kExitNotFound, "key not found: %s", arg.Display().c_str());
     const std::string shown = last.path;
     Emit("watching", shown + ": " + Counts(last));
-    const timespec wait = {a.interval / 1000, (a.interval % 1000) * 1000000L};
+    // A change written by any process wakes the wait at once (the library's
+    // key notification), and so does a signal (taken by a thread of its
+    // own); the interval is only the longest time between two looks.
+    static HANDLE changed = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    static sigset_t ending = stop;
+    static int stopped = 0;
+    pthread_t taker;
+    pthread_create(
+        &taker, nullptr,
+        [](void*) -> void* {
+            int sig = 0;
+            sigwait(&ending, &sig);
+            __atomic_store_n(&stopped, 1, __ATOMIC_RELEASE);
+            SetEvent(changed);
+            return nullptr;
+        },
+        nullptr);
+    OpenKey watched;
+    watched.Open(arg, kReadAccess);
     for (;;) {
-        const int sig = sigtimedwait(&stop, nullptr, &wait);
-        if (sig == SIGINT || sig == SIGTERM) break;
+        if (watched.IsOpen()) RegNotifyChangeKeyValue(watched.get(), TRUE, 0, changed, TRUE);
+        WaitForSingleObjectEx(changed, static_cast<DWORD>(a.interval), FALSE);
+        if (__atomic_load_n(&stopped, __ATOMIC_ACQUIRE)) break;
         Snapshot now = Take(arg);
+        if (now.exists != last.exists) {
+            if (now.exists) {
+                watched.Open(arg, kReadAccess);
+            } else {
+                watched.Close();
+            }
+        }
         if (now.exists != last.exists) {
             if (now.exists) {
                 Emit("created", shown + ": " + Counts(now));
@@ -792,6 +822,7 @@ int CmdWatch(const Args& a) {
         }
         last = now;
     }
+    pthread_join(taker, nullptr);
     return kExitOk;
 }
 
@@ -799,7 +830,9 @@ int CmdWatch(const Args& a) {
 
 int CmdStatus(const Args& a) {
     if (!a.positional.empty()) return Usage("status takes no arguments");
-    int ready = Ready(a);
+    // Not started: the status must answer while another process holds the
+    // registry lock, however long.
+    int ready = StartRegistry(a.install, false, false);
     if (ready >= 0) return ready;
     RegStatusInfo s;
     if (RegQueryStatus(&s) != ERROR_SUCCESS) {

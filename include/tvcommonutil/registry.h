@@ -91,13 +91,16 @@ TV_API LONG RegQueryInfoKey(HKEY hKey, char* lpClass, DWORD* cClass, DWORD* rese
 // The path behind a handle; empty for an unknown one.
 TV_API CKWString RegHKEYtoString(HKEY hKey);
 
-// Change notification. Only the check made at call time signals: when the
-// event last reported this very handle value (write bit included) and the
-// key's revision has grown since, the event is set at once. Otherwise the
-// event is attached to the key and, unless asynchronous, the call waits for
-// it without limit (the thread's own registry event when event is null).
-// watchSubtree and notifyFilter are accepted and ignored. -1 for an unknown
-// handle.
+// Change notification. When the event last reported this very handle value
+// (write bit included) and the key's revision has grown since, the event is
+// set at once. Otherwise the request waits: the event is set (once) when a
+// change of the key, or with watchSubtree of a key below it, made by this
+// or any other process, has been written to the registry file, or when the
+// key goes away; unless asynchronous, the call waits for it without limit
+// (the thread's own registry event when event is null). A waiting request
+// holds a reference on the event until it is answered or
+// RegUnnotifyChangeKeyValue drops it. notifyFilter is accepted and ignored.
+// -1 for an unknown handle.
 TV_API LONG RegNotifyChangeKeyValue(HKEY hKey, BOOL watchSubtree, DWORD notifyFilter, HANDLE event,
                                     BOOL asynchronous);
 TV_API LONG RegUnnotifyChangeKeyValue(HKEY hKey, HANDLE event);
@@ -344,8 +347,10 @@ struct RegStatusInfo {
     long processesAttached;        // processes attached now, as the kernel counts
                                    // them (the caller included); -1 if unknown
 };
-// Starts the registry when needed and fills *status. 0 on success; -1 for a
-// null pointer or when the shared page is not attached.
+// Fills *status without waiting: neither the registry semaphore is taken
+// nor the registry started (a process that has not started it looks at the
+// page of TV_REGISTRY's install directory). 0 on success; -1 for a null
+// pointer or when no shared page exists.
 TV_API LONG RegQueryStatus(RegStatusInfo* status);
 
 // The subtree at hKey (0: the whole registry) in the registry file's own
