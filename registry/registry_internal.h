@@ -256,6 +256,7 @@ public:
     void SetIntable(int v) { inTable_ = v; }
     int IsIntermediate() const { return intermediate_; }
     void SetIntermediate(int v) { intermediate_ = v; }
+    void Promote();  // caller holds the key's lock
     void SetCreated() { created_ = 1; }
     void ClearCreated() { created_ = 0; }
     int GetCreated() const { return created_; }

@@ -195,6 +195,12 @@ TEST(RegistryMultiProcess, ChangesTravelBetweenProcesses) {
     r = tvtest::SpawnChild("reg_expect", {"Software\\Doomed", "D", "<no key>"});
     EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
 
+    // A key that was only the path to a deeper one keeps what is set on it.
+    ASSERT_EQ(0, SetAndClose("Software\\Path\\Leaf", "L", "1"));
+    ASSERT_EQ(0, SetAndClose("Software\\Path", "P", "on the path"));
+    r = tvtest::SpawnChild("reg_expect", {"Software\\Path", "P", "on the path"});
+    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
+
     // This process's own write keeps what the others did.
     ASSERT_EQ(0, SetAndClose("Software\\Mine", "M", "1"));
     const std::string file = env.ReadRegistryFile();
