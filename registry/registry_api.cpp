@@ -113,7 +113,13 @@ LONG FlushChanges() {
         SetFlushNeeded();
         return ERROR_SUCCESS;
     }
-    return WriteRegistry() ? ERROR_SUCCESS : -1;
+    if (WriteRegistry()) return ERROR_SUCCESS;
+    // The change stays pending here: the next write, or the lazy writer,
+    // lands it once the file can be written again.
+    const int err = errno;
+    SetFlushNeeded();
+    errno = err;
+    return -1;
 }
 
 }  // namespace
@@ -427,8 +433,7 @@ LONG RegCloseKey(HKEY hKey) {
         WakeKeyAndParent(key);
         key->Unlock();
     }
-    FlushChanges();
-    return ERROR_SUCCESS;
+    return FlushChanges();
 }
 
 LONG RegFlushKey(HKEY hKey) {

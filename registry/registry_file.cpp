@@ -213,6 +213,14 @@ std::ostream& operator<<(std::ostream& out, RegKey& k) {
 // Printing
 // ---------------------------------------------------------------------------
 
+namespace {
+int g_injectedWriteError = 0;
+}  // namespace
+
+void InjectWriteErrorForTests(int err) {
+    __atomic_store_n(&g_injectedWriteError, err, __ATOMIC_RELEASE);
+}
+
 void PrintSink::Flush() {
     if (fd < 0 || failed) {
         if (fd >= 0) text.clear();
@@ -221,10 +229,12 @@ void PrintSink::Flush() {
     const char* p = text.data();
     size_t left = text.size();
     while (left > 0) {
-        ssize_t n = write(fd, p, left);
+        const int injected = __atomic_load_n(&g_injectedWriteError, __ATOMIC_ACQUIRE);
+        ssize_t n = injected != 0 ? (errno = injected, -1) : write(fd, p, left);
         if (n < 0) {
             if (errno == EINTR) continue;
             failed = true;
+            error = errno;
             break;
         }
         p += n;
@@ -413,6 +423,17 @@ BOOL WriteRegistry() {
     RegistryKeys()->Print(sink, 1, 1);
     sink.Flush();
 
+    // A short file (disk full, I/O error) is as bad as an empty one; the
+    // message names the error the write met.
+    if (sink.failed || fdatasync(fd) != 0) {
+        const int err = sink.failed ? sink.error : errno;
+        unix_err("WriteRegistry: Unable to write temp file - %s.  errno = %s\n",
+                 PercentSafe(name.c_str()).c_str(), PercentSafe(strerror(err)).c_str());
+        temp.CloseAndUnLockFile();
+        unlink(name.c_str());
+        errno = err;
+        return FALSE;
+    }
     struct stat st;
     if (temp.FileStat(&st) != 0) {
         int err = errno;
@@ -428,11 +449,11 @@ BOOL WriteRegistry() {
                  PercentSafe(name.c_str()).c_str());
         temp.CloseAndUnLockFile();
         unlink(name.c_str());
+        errno = EIO;
         return FALSE;
     }
-    // A short file (disk full, I/O error) is as bad as an empty one.
-    if (sink.failed || static_cast<size_t>(st.st_size) != sink.written || fdatasync(fd) != 0) {
-        int err = errno;
+    if (static_cast<size_t>(st.st_size) != sink.written) {
+        const int err = EIO;
         unix_err("WriteRegistry: Unable to write temp file - %s.  errno = %s\n",
                  PercentSafe(name.c_str()).c_str(), PercentSafe(strerror(err)).c_str());
         temp.CloseAndUnLockFile();

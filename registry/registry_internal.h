@@ -46,7 +46,7 @@ void NewWriteEpoch();
 // descriptor is given, written out in large blocks. A failed write is
 // remembered and stops all further output.
 struct PrintSink {
-    explicit PrintSink(int descriptor = -1) : fd(descriptor), failed(false), written(0) {}
+    explicit PrintSink(int descriptor = -1) : fd(descriptor), failed(false), error(0), written(0) {}
     void Flush();
     void MaybeFlush() {
         if (fd >= 0 && text.size() >= 256 * 1024) Flush();
@@ -54,6 +54,7 @@ struct PrintSink {
     std::string text;
     int fd;
     bool failed;
+    int error;       // errno of the write that failed
     size_t written;  // bytes handed to the descriptor so far
 };
 
