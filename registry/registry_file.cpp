@@ -48,7 +48,8 @@ bool IsBlank(char c) {
 // but from a block buffer instead of one read call per byte.
 class LineReader {
 public:
-    explicit LineReader(int fd) : fd_(fd), pos_(0), len_(0), done_(false) {}
+    explicit LineReader(int fd) : fd_(fd), pos_(0), len_(0), error_(0), done_(false) {}
+    int error() const { return error_; }  // errno of a failed read, or 0
 
     // Bytes stored plus one, or -1 at end of file before any byte or on a
     // read error.
@@ -63,7 +64,10 @@ public:
                 break;
             }
             char c = buf_[pos_++];
-            if (c == '\n') break;
+            if (c == '\n') {
+                if (n > 0 && out[n - 1] == '\r') --n;  // a CR LF line end reads as LF
+                break;
+            }
             out[n++] = c;
         }
         out[n] = '\0';
@@ -76,6 +80,7 @@ private:
         for (;;) {
             ssize_t r = read(fd_, buf_, sizeof buf_);
             if (r < 0 && errno == EINTR) continue;
+            if (r < 0) error_ = errno;
             if (r <= 0) {
                 done_ = true;
                 return false;
@@ -89,6 +94,7 @@ private:
     int fd_;
     size_t pos_;
     size_t len_;
+    int error_;
     bool done_;
     char buf_[64 * 1024];
 };
@@ -310,8 +316,11 @@ bool ReadRegistryFd(int fd, int refresh) {
     RegKey* cur = nullptr;  // locked while current
     LineReader reader(fd);
     char line[kRegLineMax + 1];
+    int keyLines = 0;
+    int otherLines = 0;
     while (reader.Next(line, sizeof line) > 0) {
         if (line[0] == '#' || line[0] == '\0') continue;
+        if (strstr(line, kKeyMarker) == nullptr) ++otherLines;
         if (strstr(line, kKeyMarker) != nullptr) {
             if (cur != nullptr) cur->Unlock();
             cur = nullptr;
@@ -334,6 +343,7 @@ bool ReadRegistryFd(int fd, int refresh) {
             if (index <= 0 || index > KEY_INDEX_MASK) index = -1;
             int created = 0;
             cur = FindKey(root, line, 1, created, mode, index, 1);
+            if (cur != nullptr) ++keyLines;
             continue;
         }
         if (cur == nullptr || cur->IsDeleted()) continue;
@@ -351,12 +361,47 @@ bool ReadRegistryFd(int fd, int refresh) {
         if (changed && refresh) cur->BumpRevision();
     }
     if (cur != nullptr) cur->Unlock();
+    // A file that could not be read, or has lines but not one key line, is
+    // not a registry: nothing may be dropped (or later written) against it.
+    if (reader.error() != 0) {
+        errno = reader.error();
+        return false;
+    }
+    if (keyLines == 0 && otherLines > 0) {
+        errno = EINVAL;
+        return false;
+    }
     if (refresh) {
         std::vector<RegKey*> woken;
         root->Purge(1, woken);
         RegKeyWakeup(woken);
     }
     return true;
+}
+
+int ReadRegistryAtStartUp(const char* path, std::string& why) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0 && errno == ENOENT) return 0;  // the first write makes it
+    if (fd < 0) {
+        why = errno == ELOOP ? "it is a symbolic link" : strerror(errno);
+        return -1;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        why = S_ISREG(st.st_mode) ? strerror(errno) : "it is not a regular file";
+        close(fd);
+        return -1;
+    }
+    RecordFileId(fd);
+    const bool ok = ReadRegistryFd(fd, 0);
+    const int err = errno;
+    close(fd);
+    if (!ok) {
+        why = err == EINVAL ? "it holds no key line" : strerror(err);
+        return -1;
+    }
+    TakeSharedStamp();
+    return st.st_size > 0 ? 1 : 0;
 }
 
 }  // namespace detail

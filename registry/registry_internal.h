@@ -344,6 +344,9 @@ int RegKeyWakeup(const std::vector<RegKey*>& keys);
 // Reads a registry file from an open descriptor into the tree (the cache
 // lock held exclusively by the caller, or single-threaded use).
 bool ReadRegistryFd(int fd, int refresh);
+// The first read of a process: 1 when the file read correctly, 0 when it is
+// empty, -1 when it must not be used or written over (why says why).
+int ReadRegistryAtStartUp(const char* path, std::string& why);
 // Checks that a value or key line stays readable: no line end, no text the
 // reader would take for a key line, and not longer than kRegLineMax.
 bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type);
