@@ -200,8 +200,8 @@ LONG RegSetValueEx(HKEY hKey, const char* name, DWORD, DWORD type, const BYTE* d
     if (!ToText(type, data, cbData, text)) return -1;
     const CKWString valueName(name != nullptr ? name : "");
     if (!ValueLineFits(valueName, text, type)) {
-        errno = ERROR_INVALID_PARAMETER;
-        return -1;
+        errno = EINVAL;
+        return ERROR_INVALID_PARAMETER;
     }
     SharedCache hold;
     RegKey* key = LookupHandle(hKey);

@@ -150,9 +150,20 @@ bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long t
     if (word == nullptr) return false;
     if (name.length() > 0 && name[0] == '#') return false;  // would read as a comment
     for (const CKWString* s : {&name, &data}) {
-        if (strchr(s->c_str(), '\n') != nullptr) return false;
+        if (strpbrk(s->c_str(), "\r\n") != nullptr) return false;
         if (strstr(s->c_str(), kKeyMarker) != nullptr) return false;
     }
+    // The reader splits at the first '=' and the last ';' and trims blanks
+    // around both fields: such text would come back renamed or cut. (A
+    // multi-string's trailing blank is its own separator, trimmed on purpose.)
+    auto blankEdge = [](const CKWString& s) {
+        const size_t n = static_cast<size_t>(s.length());
+        return n > 0 && (isblank(static_cast<unsigned char>(s[0])) ||
+                         isblank(static_cast<unsigned char>(s[static_cast<int>(n - 1)])));
+    };
+    if (strchr(name.c_str(), '=') != nullptr || blankEdge(name)) return false;
+    if (strchr(data.c_str(), ';') != nullptr) return false;
+    if (type != REG_MULTI_SZ && blankEdge(data)) return false;
     size_t nameField = std::max<size_t>(22, static_cast<size_t>(name.length()) + 1);
     size_t dataField = std::max<size_t>(22, static_cast<size_t>(data.length()) + 1);
     return nameField + 1 + dataField + 1 + strlen(word) <= static_cast<size_t>(kRegLineMax);
