@@ -50,6 +50,8 @@ void CopyOut(const RegValue& v, BYTE* out) {
 // Stores the needed size; copies when a buffer was given and is big enough.
 LONG QueryInto(const RegValue& v, DWORD* type, BYTE* data, DWORD* cbData) {
     const unsigned long need = QuerySize(v);
+    // Callers size the retry by the type, so it is stored with "more data" too.
+    if (type != nullptr) *type = v.GetType();
     if (data != nullptr) {
         if (cbData == nullptr) return -1;
         if (*cbData < need) {
@@ -304,6 +306,7 @@ LONG RegEnumValue(HKEY hKey, DWORD index, char* name, DWORD* cbName, DWORD*, DWO
         if (*cbName < nameNeed || (data != nullptr && *cbData < dataNeed)) {
             *cbName = std::max<unsigned long>(*cbName, nameNeed);
             if (cbData != nullptr) *cbData = dataNeed;
+            if (type != nullptr) *type = v->GetType();
             r = ERROR_MORE_DATA;
         } else {
             memcpy(name, v->GetName().c_str(), nameNeed);

@@ -107,8 +107,10 @@ TEST(RegistryApi, QuerySizesAndTypes) {
 
     unsigned long out = 0;
     size = 4;
+    type = 0;
     EXPECT_EQ(234, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
     EXPECT_EQ(8u, size);
+    EXPECT_EQ(REG_DWORD, type);
     EXPECT_EQ(0, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
     EXPECT_EQ(REG_DWORD, type);
     EXPECT_EQ(31u, out);
