@@ -50,6 +50,8 @@ void CopyOut(const RegValue& v, BYTE* out) {
 // Stores the needed size; copies when a buffer was given and is big enough.
 LONG QueryInto(const RegValue& v, DWORD* type, BYTE* data, DWORD* cbData) {
     const unsigned long need = QuerySize(v);
+    // Callers size the retry by the type, so it is stored with "more data" too.
+    if (type != nullptr) *type = v.GetType();
     if (data != nullptr) {
         if (cbData == nullptr) return -1;
         if (*cbData < need) {
@@ -113,7 +115,13 @@ LONG FlushChanges() {
         SetFlushNeeded();
         return ERROR_SUCCESS;
     }
-    return WriteRegistry() ? ERROR_SUCCESS : -1;
+    if (WriteRegistry()) return ERROR_SUCCESS;
+    // The change stays pending here: the next write, or the lazy writer,
+    // lands it once the file can be written again.
+    const int err = errno;
+    SetFlushNeeded();
+    errno = err;
+    return -1;
 }
 
 }  // namespace
@@ -194,8 +202,8 @@ LONG RegSetValueEx(HKEY hKey, const char* name, DWORD, DWORD type, const BYTE* d
     if (!ToText(type, data, cbData, text)) return -1;
     const CKWString valueName(name != nullptr ? name : "");
     if (!ValueLineFits(valueName, text, type)) {
-        errno = ERROR_INVALID_PARAMETER;
-        return -1;
+        errno = EINVAL;
+        return ERROR_INVALID_PARAMETER;
     }
     SharedCache hold;
     RegKey* key = LookupHandle(hKey);
@@ -298,6 +306,7 @@ LONG RegEnumValue(HKEY hKey, DWORD index, char* name, DWORD* cbName, DWORD*, DWO
         if (*cbName < nameNeed || (data != nullptr && *cbData < dataNeed)) {
             *cbName = std::max<unsigned long>(*cbName, nameNeed);
             if (cbData != nullptr) *cbData = dataNeed;
+            if (type != nullptr) *type = v->GetType();
             r = ERROR_MORE_DATA;
         } else {
             memcpy(name, v->GetName().c_str(), nameNeed);
@@ -427,8 +436,7 @@ LONG RegCloseKey(HKEY hKey) {
         WakeKeyAndParent(key);
         key->Unlock();
     }
-    FlushChanges();
-    return ERROR_SUCCESS;
+    return FlushChanges();
 }
 
 LONG RegFlushKey(HKEY hKey) {

@@ -48,7 +48,8 @@ bool IsBlank(char c) {
 // but from a block buffer instead of one read call per byte.
 class LineReader {
 public:
-    explicit LineReader(int fd) : fd_(fd), pos_(0), len_(0), done_(false) {}
+    explicit LineReader(int fd) : fd_(fd), pos_(0), len_(0), error_(0), done_(false) {}
+    int error() const { return error_; }  // errno of a failed read, or 0
 
     // Bytes stored plus one, or -1 at end of file before any byte or on a
     // read error.
@@ -63,7 +64,10 @@ public:
                 break;
             }
             char c = buf_[pos_++];
-            if (c == '\n') break;
+            if (c == '\n') {
+                if (n > 0 && out[n - 1] == '\r') --n;  // a CR LF line end reads as LF
+                break;
+            }
             out[n++] = c;
         }
         out[n] = '\0';
@@ -76,6 +80,7 @@ private:
         for (;;) {
             ssize_t r = read(fd_, buf_, sizeof buf_);
             if (r < 0 && errno == EINTR) continue;
+            if (r < 0) error_ = errno;
             if (r <= 0) {
                 done_ = true;
                 return false;
@@ -89,6 +94,7 @@ private:
     int fd_;
     size_t pos_;
     size_t len_;
+    int error_;
     bool done_;
     char buf_[64 * 1024];
 };
@@ -144,9 +150,20 @@ bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long t
     if (word == nullptr) return false;
     if (name.length() > 0 && name[0] == '#') return false;  // would read as a comment
     for (const CKWString* s : {&name, &data}) {
-        if (strchr(s->c_str(), '\n') != nullptr) return false;
+        if (strpbrk(s->c_str(), "\r\n") != nullptr) return false;
         if (strstr(s->c_str(), kKeyMarker) != nullptr) return false;
     }
+    // The reader splits at the first '=' and the last ';' and trims blanks
+    // around both fields: such text would come back renamed or cut. (A
+    // multi-string's trailing blank is its own separator, trimmed on purpose.)
+    auto blankEdge = [](const CKWString& s) {
+        const size_t n = static_cast<size_t>(s.length());
+        return n > 0 && (isblank(static_cast<unsigned char>(s[0])) ||
+                         isblank(static_cast<unsigned char>(s[static_cast<int>(n - 1)])));
+    };
+    if (strchr(name.c_str(), '=') != nullptr || blankEdge(name)) return false;
+    if (strchr(data.c_str(), ';') != nullptr) return false;
+    if (type != REG_MULTI_SZ && blankEdge(data)) return false;
     size_t nameField = std::max<size_t>(22, static_cast<size_t>(name.length()) + 1);
     size_t dataField = std::max<size_t>(22, static_cast<size_t>(data.length()) + 1);
     return nameField + 1 + dataField + 1 + strlen(word) <= static_cast<size_t>(kRegLineMax);
@@ -213,6 +230,14 @@ std::ostream& operator<<(std::ostream& out, RegKey& k) {
 // Printing
 // ---------------------------------------------------------------------------
 
+namespace {
+int g_injectedWriteError = 0;
+}  // namespace
+
+void InjectWriteErrorForTests(int err) {
+    __atomic_store_n(&g_injectedWriteError, err, __ATOMIC_RELEASE);
+}
+
 void PrintSink::Flush() {
     if (fd < 0 || failed) {
         if (fd >= 0) text.clear();
@@ -221,10 +246,12 @@ void PrintSink::Flush() {
     const char* p = text.data();
     size_t left = text.size();
     while (left > 0) {
-        ssize_t n = write(fd, p, left);
+        const int injected = __atomic_load_n(&g_injectedWriteError, __ATOMIC_ACQUIRE);
+        ssize_t n = injected != 0 ? (errno = injected, -1) : write(fd, p, left);
         if (n < 0) {
             if (errno == EINTR) continue;
             failed = true;
+            error = errno;
             break;
         }
         p += n;
@@ -300,8 +327,11 @@ bool ReadRegistryFd(int fd, int refresh) {
     RegKey* cur = nullptr;  // locked while current
     LineReader reader(fd);
     char line[kRegLineMax + 1];
+    int keyLines = 0;
+    int otherLines = 0;
     while (reader.Next(line, sizeof line) > 0) {
         if (line[0] == '#' || line[0] == '\0') continue;
+        if (strstr(line, kKeyMarker) == nullptr) ++otherLines;
         if (strstr(line, kKeyMarker) != nullptr) {
             if (cur != nullptr) cur->Unlock();
             cur = nullptr;
@@ -324,6 +354,7 @@ bool ReadRegistryFd(int fd, int refresh) {
             if (index <= 0 || index > KEY_INDEX_MASK) index = -1;
             int created = 0;
             cur = FindKey(root, line, 1, created, mode, index, 1);
+            if (cur != nullptr) ++keyLines;
             continue;
         }
         if (cur == nullptr || cur->IsDeleted()) continue;
@@ -341,12 +372,47 @@ bool ReadRegistryFd(int fd, int refresh) {
         if (changed && refresh) cur->BumpRevision();
     }
     if (cur != nullptr) cur->Unlock();
+    // A file that could not be read, or has lines but not one key line, is
+    // not a registry: nothing may be dropped (or later written) against it.
+    if (reader.error() != 0) {
+        errno = reader.error();
+        return false;
+    }
+    if (keyLines == 0 && otherLines > 0) {
+        errno = EINVAL;
+        return false;
+    }
     if (refresh) {
         std::vector<RegKey*> woken;
         root->Purge(1, woken);
         RegKeyWakeup(woken);
     }
     return true;
+}
+
+int ReadRegistryAtStartUp(const char* path, std::string& why) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0 && errno == ENOENT) return 0;  // the first write makes it
+    if (fd < 0) {
+        why = errno == ELOOP ? "it is a symbolic link" : strerror(errno);
+        return -1;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        why = S_ISREG(st.st_mode) ? strerror(errno) : "it is not a regular file";
+        close(fd);
+        return -1;
+    }
+    RecordFileId(fd);
+    const bool ok = ReadRegistryFd(fd, 0);
+    const int err = errno;
+    close(fd);
+    if (!ok) {
+        why = err == EINVAL ? "it holds no key line" : strerror(err);
+        return -1;
+    }
+    TakeSharedStamp();
+    return st.st_size > 0 ? 1 : 0;
 }
 
 }  // namespace detail
@@ -413,6 +479,17 @@ BOOL WriteRegistry() {
     RegistryKeys()->Print(sink, 1, 1);
     sink.Flush();
 
+    // A short file (disk full, I/O error) is as bad as an empty one; the
+    // message names the error the write met.
+    if (sink.failed || fdatasync(fd) != 0) {
+        const int err = sink.failed ? sink.error : errno;
+        unix_err("WriteRegistry: Unable to write temp file - %s.  errno = %s\n",
+                 PercentSafe(name.c_str()).c_str(), PercentSafe(strerror(err)).c_str());
+        temp.CloseAndUnLockFile();
+        unlink(name.c_str());
+        errno = err;
+        return FALSE;
+    }
     struct stat st;
     if (temp.FileStat(&st) != 0) {
         int err = errno;
@@ -428,11 +505,11 @@ BOOL WriteRegistry() {
                  PercentSafe(name.c_str()).c_str());
         temp.CloseAndUnLockFile();
         unlink(name.c_str());
+        errno = EIO;
         return FALSE;
     }
-    // A short file (disk full, I/O error) is as bad as an empty one.
-    if (sink.failed || static_cast<size_t>(st.st_size) != sink.written || fdatasync(fd) != 0) {
-        int err = errno;
+    if (static_cast<size_t>(st.st_size) != sink.written) {
+        const int err = EIO;
         unix_err("WriteRegistry: Unable to write temp file - %s.  errno = %s\n",
                  PercentSafe(name.c_str()).c_str(), PercentSafe(strerror(err)).c_str());
         temp.CloseAndUnLockFile();

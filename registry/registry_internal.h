@@ -46,7 +46,7 @@ void NewWriteEpoch();
 // descriptor is given, written out in large blocks. A failed write is
 // remembered and stops all further output.
 struct PrintSink {
-    explicit PrintSink(int descriptor = -1) : fd(descriptor), failed(false), written(0) {}
+    explicit PrintSink(int descriptor = -1) : fd(descriptor), failed(false), error(0), written(0) {}
     void Flush();
     void MaybeFlush() {
         if (fd >= 0 && text.size() >= 256 * 1024) Flush();
@@ -54,6 +54,7 @@ struct PrintSink {
     std::string text;
     int fd;
     bool failed;
+    int error;       // errno of the write that failed
     size_t written;  // bytes handed to the descriptor so far
 };
 
@@ -256,6 +257,7 @@ public:
     void SetIntable(int v) { inTable_ = v; }
     int IsIntermediate() const { return intermediate_; }
     void SetIntermediate(int v) { intermediate_ = v; }
+    void Promote();  // caller holds the key's lock
     void SetCreated() { created_ = 1; }
     void ClearCreated() { created_ = 0; }
     int GetCreated() const { return created_; }
@@ -342,6 +344,9 @@ int RegKeyWakeup(const std::vector<RegKey*>& keys);
 // Reads a registry file from an open descriptor into the tree (the cache
 // lock held exclusively by the caller, or single-threaded use).
 bool ReadRegistryFd(int fd, int refresh);
+// The first read of a process: 1 when the file read correctly, 0 when it is
+// empty, -1 when it must not be used or written over (why says why).
+int ReadRegistryAtStartUp(const char* path, std::string& why);
 // Checks that a value or key line stays readable: no line end, no text the
 // reader would take for a key line, and not longer than kRegLineMax.
 bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type);

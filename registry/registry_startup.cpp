@@ -334,14 +334,24 @@ void InitRegistry(int flags, int create) {
         GiveOwnership(registry.c_str());
         fromTemplate = true;
     }
-    if (flags & 1) {
+    std::string why;
+    const int read = ReadRegistryAtStartUp(registry.c_str(), why);
+    if (read < 0) {
+        // Writing now would replace a file that may still hold everything.
+        fprintf(stderr, "InitRegistry: cannot use registry file %s: %s\n", registry.c_str(),
+                why.c_str());
+        fflush(stderr);
+        _exit(1);
+    }
+    // Only a registry that read correctly and holds something may replace
+    // the backup.
+    if ((flags & 1) && read > 0) {
         if (CopyFile(registry.c_str(), backup.c_str(), 0)) {
             GiveOwnership(backup.c_str());
         } else {
             unix_err("InitRegistry: Backup failed\n");
         }
     }
-    ReadRegistry(0);
     MarkInitialised();
     RegUnlockCache(RegLockExclusive);
     SetDynamicRegistryValues(install.c_str(), fromTemplate ? 1 : 0);

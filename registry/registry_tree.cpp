@@ -274,9 +274,26 @@ bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
     }
     it->second.UpdateSequence(Generation());
     it->second.SetPending(local);
-    if (local) deletedValues_.erase(key);
+    if (local) {
+        deletedValues_.erase(key);
+        Promote();
+    }
     changed = 1;
     return true;
+}
+
+// A key that was only the path to a deeper one becomes a key of its own
+// once the program creates it or stores a value in it: the writer skips
+// intermediate keys, so anything set on one would never reach the file.
+void RegKey::Promote() {
+    if (!intermediate_ || parent_ == nullptr) return;
+    intermediate_ = 0;
+    if (index_ == 0) {
+        SetIndex(GetUniqueKey());
+        MarkAdvertised();
+    }
+    SetPending(true);
+    SetDirty(1);
 }
 
 bool RegKey::DeleteValue(const CKWString& name, bool local) {
@@ -648,6 +665,7 @@ RegKey* FindKey(RegKey* start, const char* path, int create, int& created, FindM
                 created = 1;
             }
             if (key->IsDeleted()) key->Revive(true);
+            if (create) key->Promote();
             if (key->GetIndex() == 0) {
                 // An intermediate key opened through the API gets a number of
                 // its own, so no two keys ever share a handle value.

@@ -400,18 +400,6 @@ int CmdList(const Args& a) {
     return kExitOk;
 }
 
-// Refuses values on a key the file keeps no block for; -1 to go on.
-int CheckKeyKeepsValues(HKEY h, const std::string& path) {
-    BOOL written = TRUE;
-    if (RegQueryKeyWritten(h, &written) == ERROR_SUCCESS && !written) {
-        return Fail(kExitNotFound,
-                    "%s exists only as the path to deeper keys; the registry file keeps no "
-                    "values for such a key",
-                    path.c_str());
-    }
-    return -1;
-}
-
 int CmdSet(const Args& a) {
     if (a.positional.size() < 3) return Usage("set takes KEY NAME (sz|dword|multi_sz) DATA...");
     KeyArg arg;
@@ -441,8 +429,6 @@ int CmdSet(const Args& a) {
         return Fail(kExitNotFound, "cannot create key %s", arg.Display().c_str());
     }
     const std::string path = key.Path();
-    int r = CheckKeyKeepsValues(key.get(), path);
-    if (r >= 0) return r;
     LONG set;
     if (type == "dword") {
         set = RegSetValueEx(key.get(), name.c_str(), 0, REG_DWORD,
@@ -647,15 +633,6 @@ int CmdImport(const Args& a) {
             continue;
         }
         if (k.values.empty()) continue;
-        const std::string path = key.Path();
-        BOOL written = TRUE;
-        if (RegQueryKeyWritten(key.get(), &written) == ERROR_SUCCESS && !written) {
-            status = Fail(kExitNotFound,
-                          "%s:%d: %s exists only as the path to deeper keys; its values are "
-                          "not kept",
-                          file.c_str(), k.line, path.c_str());
-            continue;
-        }
         for (const ImportValue& v : k.values) {
             LONG r;
             if (v.type == REG_DWORD) {
@@ -671,7 +648,7 @@ int CmdImport(const Args& a) {
             }
             if (r != ERROR_SUCCESS) {
                 status = Fail(kExitNotFound, "%s:%d: the registry refused value '%s' of %s",
-                              file.c_str(), v.line, v.name.c_str(), path.c_str());
+                              file.c_str(), v.line, v.name.c_str(), key.Path().c_str());
             }
         }
     }

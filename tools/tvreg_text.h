@@ -73,8 +73,8 @@ const CommandHelp kCommands[] = {
      "  DATA containing ';' or a line end, or sz data with leading or trailing\n"
      "  white space; multi_sz strings that are empty or contain white space;\n"
      "  the text HKEY_LOCAL_MACHINE anywhere; lines over 4095 characters.\n"
-     "  A key that exists only as the path to deeper keys keeps no values in the\n"
-     "  file; setting one there fails (status 1).\n"},
+     "  A key that so far existed only as the path to deeper keys becomes a key\n"
+     "  of its own with its first value.\n"},
     {"delete", "delete KEY [NAME]",
      "  Deletes value NAME of KEY, or, without NAME, KEY with its whole subtree,\n"
      "  and writes the registry file. HKEY_LOCAL_MACHINE itself cannot be\n"

@@ -107,8 +107,10 @@ TEST(RegistryApi, QuerySizesAndTypes) {
 
     unsigned long out = 0;
     size = 4;
+    type = 0;
     EXPECT_EQ(234, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
     EXPECT_EQ(8u, size);
+    EXPECT_EQ(REG_DWORD, type);
     EXPECT_EQ(0, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
     EXPECT_EQ(REG_DWORD, type);
     EXPECT_EQ(31u, out);
@@ -294,12 +296,27 @@ TEST(RegistryApi, RefusesValuesTheFileCannotHold) {
     ASSERT_EQ(0, SetSz(h, "Ok", "fine"));
     ASSERT_EQ(0, RegFlushKey(h));
     const std::string before = env.ReadRegistryFile();
-    EXPECT_EQ(-1, SetSz(h, "Inject", "x;REG_SZ\nHKEY_LOCAL_MACHINE\\Evil=5"));
-    EXPECT_EQ(-1, SetSz(h, "Path", "HKEY_LOCAL_MACHINE\\Software"));
-    EXPECT_EQ(-1, SetSz(h, "#Comment", "x"));
-    EXPECT_EQ(-1, SetSz(h, "Big", std::string(4100, 'z')));
+    const std::pair<std::string, std::string> refused[] = {
+        {"Inject", "x;REG_SZ\nHKEY_LOCAL_MACHINE\\Evil=5"},
+        {"Path", "HKEY_LOCAL_MACHINE\\Software"},
+        {"#Comment", "x"},
+        {"Big", std::string(4100, 'z')},
+        {"NearlyBig", std::string(4095 - 23 - 1 - 1 - 6 + 1, 'z')},
+        {"a=b", "x"},
+        {"Cr\r", "x"},
+        {" Lead", "x"},
+        {"Trail\t", "x"},
+        {"Semi", "a;b"},
+        {"CrData", "a\rb"},
+        {"Blank", " x"},
+        {"Blank", "x "},
+    };
+    for (const auto& r : refused) {
+        errno = 0;
+        EXPECT_EQ(ERROR_INVALID_PARAMETER, SetSz(h, r.first.c_str(), r.second)) << r.first;
+        EXPECT_EQ(EINVAL, errno) << r.first;
+    }
     EXPECT_EQ(0, SetSz(h, "NearlyBig", std::string(4095 - 23 - 1 - 1 - 6, 'z')));
-    EXPECT_EQ(-1, SetSz(h, "NearlyBig", std::string(4095 - 23 - 1 - 1 - 6 + 1, 'z')));
     std::list<RegValueList> batch;
     RegSetValueNode("Good", REG_SZ, "g", batch);
     RegSetValueNode("Bad", REG_SZ, "a\nb", batch);

@@ -85,7 +85,7 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     ASSERT_EQ(0, RegCreateKeyEx(sw, "a", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &gone, &disp));
     ASSERT_EQ(0, RegCloseKey(gone));
     ASSERT_EQ(0, RegDeleteKey(sw, "A"));
-    // A value on the intermediate key is deliberately not written.
+    // A value set on the intermediate key makes it a key of its own.
     HKEY b = OpenWrite("Software\\B");
     const char lost[] = "x";
     ASSERT_EQ(0, RegSetValueEx(b, "Lost", 0, REG_SZ, reinterpret_cast<const BYTE*>(lost), 2));
@@ -94,6 +94,8 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     ASSERT_EQ(0, RegCloseKey(zed));
     ASSERT_EQ(0, RegCloseKey(sw));
 
+    const std::string bLine =
+        "HKEY_LOCAL_MACHINE\\Software\\b=" + std::to_string(b & KEY_INDEX_MASK) + "\n";
     const std::string cLine =
         "HKEY_LOCAL_MACHINE\\Software\\b\\c=" + std::to_string(c & KEY_INDEX_MASK) + "\n";
     const std::string zedLine =
@@ -108,7 +110,8 @@ TEST(RegistryFile, WriterProducesTheExactText) {
         "MaxClients=           \t                 0x40;\tREG_DWORD\n"
         "Root=                 \t             /srv/app;\tREG_SZ\n"
         "\n" +
-        cLine + "\n" + zedLine + "\n";
+        bLine + "Lost=                 \t                    x;\tREG_SZ\n\n" + cLine + "\n" +
+        zedLine + "\n";
     EXPECT_EQ(expected, env.ReadRegistryFile());
 
     // What was written reads back the same in a fresh start, and the
@@ -126,7 +129,7 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     EXPECT_EQ(std::string("alpha\0beta\0", 11), std::string(multi, size));
     EXPECT_EQ(0, RegCloseKey(again));
     HKEY inter = OpenRead("Software\\b");
-    EXPECT_EQ("<13>", QuerySz(inter, "Lost"));
+    EXPECT_EQ("x", QuerySz(inter, "Lost"));
     RegCloseKey(inter);
 }
 
@@ -219,9 +222,8 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
     for (HKEY h : {hex, octal, key, deep, er, w}) EXPECT_EQ(0, RegCloseKey(h));
 }
 
-// CR-LF: every value line's type word ends in "\r" and is refused; key
-// lines survive because the number is read with strtoul.
-TEST(RegistryFile, CrLfFileKeepsKeysAndLosesValues) {
+// CR-LF: a CR before the line feed is not part of the line.
+TEST(RegistryFile, CrLfFileKeepsKeysAndValues) {
     const std::string text =
         "\r\nHKEY_LOCAL_MACHINE=536870913\r\n\r\n"
         "HKEY_LOCAL_MACHINE\\Win=42\r\n"
@@ -230,7 +232,7 @@ TEST(RegistryFile, CrLfFileKeepsKeysAndLosesValues) {
     RegistryEnv env(regtest::kBaseRegistry, &text);
     HKEY h = OpenRead("Win");
     EXPECT_EQ(42, h);
-    EXPECT_EQ("<13>", QuerySz(h, "Name"));
+    EXPECT_EQ("value", QuerySz(h, "Name"));
     RegCloseKey(h);
 }
 

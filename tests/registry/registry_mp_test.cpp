@@ -21,6 +21,7 @@
 #include <tvcommonutil.h>
 
 #include "registry/registry_internal.h"
+#include "registry/registry_test_hooks.h"
 #include "registry_support.h"
 
 namespace {
@@ -195,11 +196,44 @@ TEST(RegistryMultiProcess, ChangesTravelBetweenProcesses) {
     r = tvtest::SpawnChild("reg_expect", {"Software\\Doomed", "D", "<no key>"});
     EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
 
+    // A key that was only the path to a deeper one keeps what is set on it.
+    ASSERT_EQ(0, SetAndClose("Software\\Path\\Leaf", "L", "1"));
+    ASSERT_EQ(0, SetAndClose("Software\\Path", "P", "on the path"));
+    r = tvtest::SpawnChild("reg_expect", {"Software\\Path", "P", "on the path"});
+    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
+
     // This process's own write keeps what the others did.
     ASSERT_EQ(0, SetAndClose("Software\\Mine", "M", "1"));
     const std::string file = env.ReadRegistryFile();
     EXPECT_NE(std::string::npos, file.find("Software\\Shared=")) << file;
     EXPECT_EQ(std::string::npos, file.find("Doomed")) << file;
+}
+
+// A write the disk refuses is reported with its real error, leaves the
+// file as it was, and lands with the next write once space is back.
+TEST(RegistryMultiProcess, FailedWriteIsReportedAndKept) {
+    RegistryEnv env;
+    ASSERT_EQ(0, SetAndClose("Disk", "A", "1"));
+    const std::string before = env.ReadRegistryFile();
+
+    tv::detail::InjectWriteErrorForTests(ENOSPC);
+    testing::internal::CaptureStderr();
+    errno = 0;
+    EXPECT_EQ(-1, SetAndClose("Disk", "B", "2"));
+    EXPECT_EQ(ENOSPC, errno);
+    HKEY h = 0;
+    ASSERT_EQ(0, RegOpenKeyEx(0, "Disk", 0, KEY_ALL_ACCESS, &h));
+    EXPECT_EQ(-1, RegFlushKey(h));
+    const std::string log = testing::internal::GetCapturedStderr();
+    tv::detail::InjectWriteErrorForTests(0);
+    EXPECT_NE(std::string::npos, log.find(strerror(ENOSPC))) << log;
+    EXPECT_EQ(std::string::npos, log.find("zero length")) << log;
+    EXPECT_EQ(before, env.ReadRegistryFile());
+
+    EXPECT_EQ(0, RegFlushKey(h));
+    EXPECT_EQ(0, RegCloseKey(h));
+    pid_t r = tvtest::SpawnChild("reg_expect", {"Disk", "B", "2"});
+    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
 }
 
 TEST(RegistryMultiProcess, EightWritersLoseNothing) {

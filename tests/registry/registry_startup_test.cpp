@@ -82,8 +82,8 @@ TEST(RegistryStartup, NoTemplateAndNoRegistry) {
     EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("HKEY_LOCAL_MACHINE\\Made="));
 }
 
-// An empty registry with the backup flag: the empty file is copied over the
-// backup, the message is logged, and the tree starts empty.
+// An empty registry with the backup flag: the message is logged, the tree
+// starts empty, and the backup is kept.
 TEST(RegistryStartup, EmptyRegistryAndBackup) {
     const std::string empty;
     RegistryEnv env(kTemplate, &empty);
@@ -94,13 +94,56 @@ TEST(RegistryStartup, EmptyRegistryAndBackup) {
     EXPECT_EQ("\n\nInitRegistry: Registry is zero length.\nPlease restore " + env.registryFile() +
                   " from backup file " + env.registryFile() + ".bak.\nExiting...\n",
               err);
-    EXPECT_EQ("", tvtest::ReadFile(env.registryFile() + ".bak"));
+    EXPECT_EQ("old backup", tvtest::ReadFile(env.registryFile() + ".bak"));
     HKEY h = 0;
     EXPECT_EQ(13, RegOpenKeyEx(0, "FromTemplate", 0, 0, &h));
 
     ASSERT_EQ(0, SetAndClose("After", "V", "x"));
     EXPECT_TRUE(RegBackupRegistry());
     EXPECT_EQ(env.ReadRegistryFile(), tvtest::ReadFile(env.registryFile() + ".bak"));
+}
+
+// args: stderr file. Starts the registry with the backup flag.
+TV_TEST_CHILD(reg_start) {
+    if (freopen(args.at(0).c_str(), "w", stderr) == nullptr) return 3;
+    InitRegistry(1, 1);
+    CleanSystemResources();
+    return 0;
+}
+
+// A registry file that cannot be read, or is not a registry, ends start-up
+// with the reason, and it and the backup are left byte for byte.
+TEST(RegistryStartup, UnusableFileIsNeverWrittenOver) {
+    struct Case {
+        std::string text;
+        mode_t mode;
+        const char* reason;
+    };
+    static const char kGarbage[] =
+        "\x7f"
+        "ELF\x02\x01\x01\0\0\xff\n<junk>\nmore=junk\n";
+    const Case cases[] = {
+        {std::string(kGarbage, sizeof kGarbage - 1), 0600, "it holds no key line"},
+        {"HKEY_LOCAL_MACHINE\\Secret=5\nV=1;REG_SZ\n", 0200, "Permission denied"},
+    };
+    for (const Case& c : cases) {
+        if (c.mode == 0200 && geteuid() == 0) {
+            fprintf(stderr, "skipped the unreadable file: root reads any file\n");
+            continue;
+        }
+        RegistryEnv env(kTemplate, &c.text);
+        tvtest::WriteFile(env.registryFile() + ".bak", "old backup");
+        chmod(env.registryFile().c_str(), c.mode);
+        const std::string log = env.file("stderr");
+        pid_t pid = tvtest::SpawnChild("reg_start", {log});
+        EXPECT_EQ(1, regtest::WaitChildFor(pid, 60)) << c.reason;
+        chmod(env.registryFile().c_str(), 0600);
+        EXPECT_EQ(c.text, env.ReadRegistryFile()) << c.reason;
+        EXPECT_EQ("old backup", tvtest::ReadFile(env.registryFile() + ".bak"));
+        const std::string err = tvtest::ReadFile(log);
+        EXPECT_NE(std::string::npos, err.find(env.registryFile())) << err;
+        EXPECT_NE(std::string::npos, err.find(c.reason)) << err;
+    }
 }
 
 struct LazyArgs {
