@@ -5,7 +5,7 @@
 JOBS ?= $(shell nproc)
 PROGRAMS = tvreg tvdemo first_program
 
-.PHONY: all dev release asan tsan fuzz test test-asan test-tsan bench demo install format clean
+.PHONY: all dev release asan tsan fuzz test test-asan test-tsan bench demo install mutate format clean
 
 all: dev
 
@@ -24,6 +24,12 @@ test-tsan: tsan
 
 bench: release
 	@for b in build/release/bench/bench_*; do echo "== $$b"; $$b; done
+
+# Plants each fault of cmake/mutants.txt in turn, rebuilds and runs the tests
+# that should notice it, then restores the source; prints "killed K of N".
+# Not part of `make test`: it takes about a minute per fault.
+mutate: dev
+	python3 cmake/mutate.py --build build/dev
 
 # The dev build directory, so that a later `make test` reuses these objects.
 demo:
