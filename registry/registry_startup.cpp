@@ -18,6 +18,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "foundation/clock_internal.h"
 #include "registry/registry_internal.h"
 #include "tvcommonutil/files.h"
@@ -69,6 +71,25 @@ void GiveOwnership(const char* path) {
     }
     if (chmod(path, mode & 07777) != 0) {
     }
+}
+
+// A fresh install directory has no registry directory yet: it is made
+// (0755 whatever the umask, as the tool makes it). Only a directory that
+// exists and cannot be written, or cannot be made, is an error.
+bool MakeRegistryDir(const CKWString& dir) {
+    std::string path = dir.str();
+    while (path.size() > 1 && path[path.size() - 1] == '/') path.erase(path.size() - 1);
+    if (mkdir(path.c_str(), 0755) == 0) {
+        const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd >= 0) {
+            if (fchmod(fd, 0755) != 0) {
+            }
+            close(fd);
+        }
+    } else if (errno != EEXIST) {
+        return false;
+    }
+    return access(path.c_str(), W_OK) == 0;
 }
 
 void MarkInitialised() {
@@ -275,7 +296,7 @@ void InitRegistry(int flags, int create) {
 
     struct stat st;
     const bool regExists = stat(registry.c_str(), &st) == 0;
-    if (access(dir.c_str(), W_OK) != 0 || (regExists && access(registry.c_str(), W_OK) != 0)) {
+    if (!MakeRegistryDir(dir) || (regExists && access(registry.c_str(), W_OK) != 0)) {
         int err = errno;
         fprintf(stderr, "InitRegistry:  problem accessing %s or %s, errno: %d/%s\n", dir.c_str(),
                 registry.c_str(), err, strerror(err));

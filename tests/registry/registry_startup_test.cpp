@@ -146,6 +146,29 @@ TEST(RegistryStartup, UnusableFileIsNeverWrittenOver) {
     }
 }
 
+// A fresh install directory without registry/ gets one, 0755 whatever the
+// umask; one that exists but cannot be written still ends start-up.
+TEST(RegistryStartup, MissingRegistryDirectoryIsMade) {
+    RegistryEnv env;
+    const std::string dir = env.install() + "registry";
+    ASSERT_EQ(0, unlink(env.templateFile().c_str()));
+    ASSERT_EQ(0, rmdir(dir.c_str()));
+    const mode_t old = umask(077);
+    pid_t pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
+    umask(old);
+    EXPECT_EQ(0, regtest::WaitChildFor(pid, 60)) << tvtest::ReadFile(env.file("stderr"));
+    struct stat st;
+    ASSERT_EQ(0, stat(dir.c_str(), &st));
+    EXPECT_EQ(0755u, st.st_mode & 07777);
+    EXPECT_TRUE(tvtest::FileExists(env.lockFile()));
+    if (geteuid() == 0) return;  // root writes into any directory
+    chmod(dir.c_str(), 0555);
+    pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
+    EXPECT_EQ(1, regtest::WaitChildFor(pid, 60));
+    chmod(dir.c_str(), 0755);
+    EXPECT_NE(std::string::npos, tvtest::ReadFile(env.file("stderr")).find("problem accessing"));
+}
+
 struct LazyArgs {
     int interval;
 };
