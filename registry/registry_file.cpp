@@ -15,8 +15,10 @@
 // writer killed at any point leaves at worst a stray temporary file. An
 // empty or short temporary file is never renamed.
 #include <ctype.h>
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -130,7 +132,40 @@ void AppendValueLine(std::string& out, const RegValue& v) {
     out += '\n';
 }
 
+const char kTempPrefix[] = ".tv.registry.tmp.";
+
 }  // namespace
+
+CKWString RegistryTempName(const CKWString& dir) {
+    static unsigned long counter = 0;
+    std::string base = dir.str();
+    while (base.size() > 1 && base[base.size() - 1] == '/') base.erase(base.size() - 1);
+    CKWString name;
+    name.Format("%s/%s%ld.%lx.%lx", base.c_str(), kTempPrefix, static_cast<long>(getpid()),
+                static_cast<unsigned long>(GetTickCount()),
+                __atomic_add_fetch(&counter, 1, __ATOMIC_RELAXED));
+    return name;
+}
+
+// The pid in the name decides: a process that no longer exists writes
+// nothing more. A pid that is alive, or that this process may not signal,
+// keeps its file (at worst a reused pid leaves one stray file for longer).
+void RemoveStaleTempFiles(const CKWString& dir) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return;
+    const size_t n = sizeof kTempPrefix - 1;
+    while (const dirent* e = readdir(d)) {
+        if (strncmp(e->d_name, kTempPrefix, n) != 0) continue;
+        char* end = nullptr;
+        const long pid = strtol(e->d_name + n, &end, 10);
+        if (pid <= 0 || end == nullptr || *end != '.') continue;
+        if (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+        if (unlinkat(dirfd(d), e->d_name, 0) != 0) {
+            // Another starting process removed it first.
+        }
+    }
+    closedir(d);
+}
 
 const char* RegTypeWord(unsigned long type) {
     switch (type) {
@@ -452,7 +487,7 @@ BOOL WriteRegistry() {
     int status = 0;
     bool opened = false;
     for (int attempt = 0;; ++attempt) {
-        name = KWTempNam(dir);
+        name = tv::detail::RegistryTempName(dir);
         status = 0;
         if (temp.OpenAndLockFile(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_TRUNC, &status,
                                  false)) {

@@ -352,6 +352,13 @@ int ReadRegistryAtStartUp(const char* path, std::string& why);
 bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type);
 bool KeyPathFits(const CKWString& path);
 const char* RegTypeWord(unsigned long type);
+// A fresh temporary name in dir for a file of this process
+// ("<dir>/.tv.registry.tmp.<pid>.<tick>.<n>"): every file the registry
+// writes is made under such a name and then moved into place.
+CKWString RegistryTempName(const CKWString& dir);
+// Removes the temporary files of that pattern whose writer is gone (a
+// writer killed mid-write leaves one behind). A live writer's file stays.
+void RemoveStaleTempFiles(const CKWString& dir);
 // The buffer size a query of v needs.
 unsigned long QuerySize(const RegValue& v);
 

@@ -333,6 +333,7 @@ void InitRegistry(int flags, int create) {
     }
 
     RegLockCache(RegLockExclusive);
+    RemoveStaleTempFiles(dir);
     bool fromTemplate = false;
     if (stat(registry.c_str(), &st) == 0) {
         if (st.st_size == 0) {

@@ -169,6 +169,24 @@ TEST(RegistryStartup, MissingRegistryDirectoryIsMade) {
     EXPECT_NE(std::string::npos, tvtest::ReadFile(env.file("stderr")).find("problem accessing"));
 }
 
+// Temporary files of writers that are gone are removed at start-up; a live
+// writer's file and files of other names stay.
+TEST(RegistryStartup, StaleTempFilesAreRemoved) {
+    RegistryEnv env;
+    const pid_t gone = tvtest::SpawnChild("reg_start", {"/nonexistent/stderr"});
+    ASSERT_EQ(3, regtest::WaitChildFor(gone, 60));
+    const std::string dir = env.install() + "registry/";
+    const std::string stale = dir + ".tv.registry.tmp." + std::to_string(gone) + ".1f.1";
+    const std::string live = dir + ".tv.registry.tmp." + std::to_string(getpid()) + ".1f.1";
+    const std::string other = dir + "tv.registry.tmp.notes";
+    for (const std::string& f : {stale, live, other}) tvtest::WriteFile(f, "partial");
+    pid_t pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
+    EXPECT_EQ(0, regtest::WaitChildFor(pid, 60));
+    EXPECT_FALSE(tvtest::FileExists(stale));
+    EXPECT_TRUE(tvtest::FileExists(live));
+    EXPECT_TRUE(tvtest::FileExists(other));
+}
+
 struct LazyArgs {
     int interval;
 };
