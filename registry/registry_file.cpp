@@ -167,6 +167,99 @@ void RemoveStaleTempFiles(const CKWString& dir) {
     closedir(d);
 }
 
+namespace {
+
+// The owner and mode a copy of `source` gets: the registry's own when the
+// template told them, else the source's (a backup is never more open than
+// the registry it copies). Only a privileged process can give a file away;
+// a failed chown leaves the writer's own ownership.
+void ApplyOwner(int fd, const struct stat& source) {
+    uid_t uid = source.st_uid;
+    gid_t gid = source.st_gid;
+    mode_t mode = source.st_mode;
+    RegistryFileOwner(uid, gid, mode);
+    if (fchown(fd, uid, gid) != 0) {
+    }
+    if (fchmod(fd, mode & 07777) != 0) {
+    }
+}
+
+bool CopyBytes(int in, int out) {
+    char buf[64 * 1024];
+    for (;;) {
+        ssize_t n = read(in, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return n == 0;
+        for (ssize_t done = 0; done < n;) {
+            ssize_t w = write(out, buf + done, static_cast<size_t>(n - done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w < 0) return false;
+            done += w;
+        }
+    }
+}
+
+std::string Reason(const char* path, int err) {
+    return std::string(path) + ": " + (err == ELOOP ? "it is a symbolic link" : strerror(err));
+}
+
+}  // namespace
+
+bool CopyRegistryFile(const char* from, const char* to, bool replace, bool fromLink,
+                      std::string& why) {
+    const int in = open(from, O_RDONLY | O_CLOEXEC | (fromLink ? 0 : O_NOFOLLOW));
+    if (in < 0) {
+        why = Reason(from, errno);
+        return false;
+    }
+    struct stat st;
+    if (fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
+        why = std::string(from) + ": not a regular file";
+        close(in);
+        return false;
+    }
+    std::string dir = to;
+    dir = dir.rfind('/') == std::string::npos ? "." : dir.substr(0, dir.rfind('/'));
+    CKWString temp;
+    int out = -1;
+    for (int attempt = 0; attempt < 20 && out < 0; ++attempt) {
+        temp = RegistryTempName(dir);
+        out = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (out < 0 && errno != EEXIST) break;
+    }
+    if (out < 0) {
+        why = Reason(temp.c_str(), errno);
+        close(in);
+        return false;
+    }
+    bool ok = CopyBytes(in, out);
+    if (ok) ApplyOwner(out, st);
+    ok = ok && fsync(out) == 0;
+    if (!ok) why = Reason(temp.c_str(), errno);
+    ok = close(out) == 0 && ok;
+    close(in);
+    struct stat target;
+    if (ok && replace) {
+        // rename() would replace a link rather than follow it, but a link
+        // where the registry keeps a file is somebody's doing: say so.
+        if (lstat(to, &target) == 0 && S_ISLNK(target.st_mode)) {
+            why = Reason(to, ELOOP) + "; left as it is";
+            ok = false;
+        } else if (rename(temp.c_str(), to) != 0) {
+            why = Reason(to, errno);
+            ok = false;
+        }
+    } else if (ok && link(temp.c_str(), to) != 0 && errno != EEXIST) {
+        // No hard links on this file system: a rename, unless `to` appeared.
+        if (lstat(to, &target) == 0 || errno != ENOENT || rename(temp.c_str(), to) != 0) {
+            why = Reason(to, errno);
+            ok = false;
+        }
+    }
+    unlink(temp.c_str());  // after a rename, a name nobody else uses: gone already
+    return ok;
+}
+
 const char* RegTypeWord(unsigned long type) {
     switch (type) {
         case REG_SZ:
@@ -458,7 +551,7 @@ using tv::detail::PercentSafe;
 BOOL ReadRegistry(int refresh) {
     const CKWString path = GetRegistryPath();
     FileLock file;
-    if (!file.OpenFileUnLocked(path.c_str(), O_RDONLY)) return FALSE;
+    if (!file.OpenFileUnLocked(path.c_str(), O_RDONLY | O_NOFOLLOW)) return FALSE;
     struct stat st;
     if (refresh && file.FileStat(&st) == 0 && st.st_size == 0) {
         // The writer never makes an empty file: this is an edit in progress
@@ -562,6 +655,16 @@ BOOL WriteRegistry() {
         }
         if (fchmod(fd, mode & 07777) != 0) {
         }
+    }
+    // A link planted at the registry's path is not replaced (nor followed).
+    struct stat old;
+    if (lstat(path.c_str(), &old) == 0 && S_ISLNK(old.st_mode)) {
+        unix_err("WriteRegistry: %s is a symbolic link; not replaced\n",
+                 PercentSafe(path.c_str()).c_str());
+        temp.CloseAndUnLockFile();
+        unlink(name.c_str());
+        errno = ELOOP;
+        return FALSE;
     }
     if (rename(name.c_str(), path.c_str()) != 0) {
         int err = errno;

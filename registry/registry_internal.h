@@ -359,6 +359,13 @@ CKWString RegistryTempName(const CKWString& dir);
 // Removes the temporary files of that pattern whose writer is gone (a
 // writer killed mid-write leaves one behind). A live writer's file stays.
 void RemoveStaleTempFiles(const CKWString& dir);
+// Copies `from` to `to` without following a symbolic link at `to` (nor at
+// `from`, unless fromLink: the template may be a packaged link). The copy is written under a
+// temporary name, given its owner and mode through the descriptor, flushed, and then moved into
+// place (renamed over `to` with replace; otherwise linked, leaving an existing `to` alone). A link
+// at `to` is refused and left as it is. False with the reason in why.
+bool CopyRegistryFile(const char* from, const char* to, bool replace, bool fromLink,
+                      std::string& why);
 // The buffer size a query of v needs.
 unsigned long QuerySize(const RegValue& v);
 

@@ -187,6 +187,65 @@ TEST(RegistryStartup, StaleTempFilesAreRemoved) {
     EXPECT_TRUE(tvtest::FileExists(other));
 }
 
+// A symbolic link planted at one of the registry's own paths is refused,
+// with a message naming it; the target keeps its bytes and its mode, and a
+// dangling link's target is never made.
+TEST(RegistryStartup, PlantedLinksAreRefused) {
+    struct Case {
+        const char* at;
+        bool dangling;
+        int exit;  // the backup is not needed to go on
+    };
+    const Case cases[] = {
+        {"registry/tv.registry", false, 1},       {"registry/tv.registry", true, 1},
+        {"registry/tv.registry.bak", false, 0},   {"registry/tv.registry.bak", true, 0},
+        {"registry/.registry-lockfile", true, 1}, {"registry/.registry-lockfile", false, 1},
+    };
+    for (const Case& c : cases) {
+        const std::string good = kTemplate;
+        RegistryEnv env(kTemplate, &good);
+        const std::string target = env.file("secret"), link = env.install() + c.at;
+        if (!c.dangling) {
+            tvtest::WriteFile(target, "secret\n");
+            chmod(target.c_str(), 0600);
+        }
+        unlink(link.c_str());
+        ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
+        pid_t pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
+        EXPECT_EQ(c.exit, regtest::WaitChildFor(pid, 60)) << c.at;
+        const std::string err = tvtest::ReadFile(env.file("stderr"));
+        EXPECT_NE(std::string::npos, err.find(link)) << c.at << err;
+        EXPECT_NE(std::string::npos, err.find("symbolic link")) << err;
+        struct stat st;
+        ASSERT_EQ(0, lstat(link.c_str(), &st));
+        EXPECT_TRUE(S_ISLNK(st.st_mode)) << c.at;
+        if (c.dangling) {
+            EXPECT_FALSE(tvtest::FileExists(target)) << c.at;
+            continue;
+        }
+        EXPECT_EQ("secret\n", tvtest::ReadFile(target)) << c.at;
+        ASSERT_EQ(0, stat(target.c_str(), &st));
+        EXPECT_EQ(0600u, st.st_mode & 07777) << c.at;
+    }
+    // Planted while the registry runs: the write fails instead of replacing
+    // it, and no refresh reads through it.
+    RegistryEnv env(kTemplate);
+    HKEY h = 0;
+    ASSERT_EQ(0, RegCreateKeyEx(0, "K", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr));
+    tvtest::WriteFile(env.file("secret"), "HKEY_LOCAL_MACHINE\\Secret=9\n");
+    ASSERT_EQ(0, unlink(env.registryFile().c_str()));
+    ASSERT_EQ(0, symlink(env.file("secret").c_str(), env.registryFile().c_str()));
+    RegBumpVersion();
+    ASSERT_EQ(0, RegSetValueEx(h, "V", 0, REG_SZ, reinterpret_cast<const BYTE*>("x"), 2));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(-1, RegFlushKey(h));
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("symbolic link"));
+    HKEY secret = 0;
+    EXPECT_EQ(13, RegOpenKeyEx(0, "Secret", 0, 0, &secret));
+    EXPECT_EQ("HKEY_LOCAL_MACHINE\\Secret=9\n", tvtest::ReadFile(env.file("secret")));
+    RegCloseKey(h);
+}
+
 struct LazyArgs {
     int interval;
 };
