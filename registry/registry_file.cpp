@@ -273,28 +273,46 @@ const char* RegTypeWord(unsigned long type) {
     }
 }
 
-bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type) {
+const char* ValueLineProblem(const char* name, const char* data, unsigned long type) {
     const char* word = RegTypeWord(type);
-    if (word == nullptr) return false;
-    if (name.length() > 0 && name[0] == '#') return false;  // would read as a comment
-    for (const CKWString* s : {&name, &data}) {
-        if (strpbrk(s->c_str(), "\r\n") != nullptr) return false;
-        if (strstr(s->c_str(), kKeyMarker) != nullptr) return false;
+    if (word == nullptr) return "the type is not REG_SZ, REG_DWORD or REG_MULTI_SZ";
+    if (name == nullptr) name = "";
+    if (data == nullptr) data = "";
+    const size_t nameLen = strlen(name);
+    const size_t dataLen = strlen(data);
+    if (strpbrk(name, "\r\n") != nullptr) return "a value name cannot contain a line end";
+    if (name[0] == '#')
+        return "a value name cannot start with '#' (the line would read as a comment)";
+    if (strchr(name, '=') != nullptr) {
+        return "a value name cannot contain '=' (the file ends the name at the first '=')";
     }
-    // The reader splits at the first '=' and the last ';' and trims blanks
-    // around both fields: such text would come back renamed or cut. (A
-    // multi-string's trailing blank is its own separator, trimmed on purpose.)
-    auto blankEdge = [](const CKWString& s) {
-        const size_t n = static_cast<size_t>(s.length());
-        return n > 0 && (isblank(static_cast<unsigned char>(s[0])) ||
-                         isblank(static_cast<unsigned char>(s[static_cast<int>(n - 1)])));
-    };
-    if (strchr(name.c_str(), '=') != nullptr || blankEdge(name)) return false;
-    if (strchr(data.c_str(), ';') != nullptr) return false;
-    if (type != REG_MULTI_SZ && blankEdge(data)) return false;
-    size_t nameField = std::max<size_t>(22, static_cast<size_t>(name.length()) + 1);
-    size_t dataField = std::max<size_t>(22, static_cast<size_t>(data.length()) + 1);
-    return nameField + 1 + dataField + 1 + strlen(word) <= static_cast<size_t>(kRegLineMax);
+    // The reader splits at the first '=' and the last ';' and trims what it
+    // takes for blanks around the data: such text would come back renamed
+    // or cut. (A multi-string's trailing blank is its own separator,
+    // trimmed on purpose.)
+    if (nameLen > 0 && (IsBlank(name[0]) || IsBlank(name[nameLen - 1]))) {
+        return "a value name cannot start or end with white space";
+    }
+    if (strpbrk(data, "\r\n") != nullptr) return "data cannot contain a line end";
+    if (strchr(data, ';') != nullptr) {
+        return "data cannot contain ';' (the file ends the data at the first ';')";
+    }
+    if (type != REG_MULTI_SZ && dataLen > 0 && (IsBlank(data[0]) || IsBlank(data[dataLen - 1]))) {
+        return "data cannot start or end with white space (the file trims it)";
+    }
+    if (strstr(name, kKeyMarker) != nullptr || strstr(data, kKeyMarker) != nullptr) {
+        return "neither name nor data may contain the text HKEY_LOCAL_MACHINE (it marks key lines)";
+    }
+    const size_t nameField = std::max<size_t>(22, nameLen + 1);
+    const size_t dataField = std::max<size_t>(22, dataLen + 1);
+    if (nameField + 1 + dataField + 1 + strlen(word) > static_cast<size_t>(kRegLineMax)) {
+        return "the value is too long for one line of the registry file (4095 characters)";
+    }
+    return nullptr;
+}
+
+bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type) {
+    return ValueLineProblem(name.c_str(), data.c_str(), type) == nullptr;
 }
 
 static bool StartsAtRoot(const char* path) {
@@ -302,12 +320,18 @@ static bool StartsAtRoot(const char* path) {
     return strncmp(path, kKeyMarker, n) == 0 && (path[n] == '\0' || path[n] == '\\');
 }
 
-bool KeyPathFits(const CKWString& path) {
-    if (strchr(path.c_str(), '\n') != nullptr || strchr(path.c_str(), '=') != nullptr) {
-        return false;
-    }
+const char* KeyPathProblem(const char* path) {
+    if (strchr(path, '\n') != nullptr) return "a key name cannot contain a line end";
+    if (strchr(path, '=') != nullptr) return "a key name cannot contain '='";
     // "=" and up to ten digits of the number.
-    return path.length() + 11 <= kRegLineMax;
+    if (strlen(path) + 11 > static_cast<size_t>(kRegLineMax)) {
+        return "the key path is too long for one line of the registry file";
+    }
+    return nullptr;
+}
+
+bool KeyPathFits(const CKWString& path) {
+    return KeyPathProblem(path.c_str()) == nullptr;
 }
 
 // ---------------------------------------------------------------------------
@@ -680,4 +704,12 @@ BOOL WriteRegistry() {
     RegistryKeys()->CommitWritten();
     temp.CloseAndUnLockFile();
     return TRUE;
+}
+
+const char* RegValueTextProblem(const char* name, const char* data, DWORD type) {
+    return tv::detail::ValueLineProblem(name, data, type);
+}
+
+const char* RegKeyPathProblem(const char* path) {
+    return path == nullptr ? "no key path" : tv::detail::KeyPathProblem(path);
 }

@@ -349,6 +349,11 @@ bool ReadRegistryFd(int fd, int refresh);
 int ReadRegistryAtStartUp(const char* path, std::string& why);
 // Checks that a value or key line stays readable: no line end, no text the
 // reader would take for a key line, and not longer than kRegLineMax.
+// The one place of these rules (the API, the tool through the public
+// wrappers, and the reader's round trip all depend on them): the reason a
+// value or key line would not read back as written, or null.
+const char* ValueLineProblem(const char* name, const char* data, unsigned long type);
+const char* KeyPathProblem(const char* path);
 bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type);
 bool KeyPathFits(const CKWString& path);
 const char* RegTypeWord(unsigned long type);

@@ -360,6 +360,15 @@ TV_API LONG RegQueryStatus(RegStatusInfo* status);
 // unknown handle.
 TV_API LONG RegExportKey(HKEY hKey, CKWString* text);
 
+// The rules RegSetValueEx and RegCreateKeyEx apply before anything is
+// stored, for tools that check their input first: why the value would not
+// read back from the file as written, or null when it would. data is the
+// text the file holds (a REG_DWORD as "0x...", a REG_MULTI_SZ's strings
+// joined by blanks). The reasons are short English sentences.
+TV_API const char* RegValueTextProblem(const char* name, const char* data, DWORD type);
+// The same for a key path from HKEY_LOCAL_MACHINE on.
+TV_API const char* RegKeyPathProblem(const char* path);
+
 // Whether the key behind hKey is written to the file with a block of its
 // own. A key that exists only as the path to a deeper key (made when that
 // key was created) is not: values set on it are held in memory but never
