@@ -1,13 +1,11 @@
 // The registry's shared objects among real processes that fork, start and
 // leave together: attachment is per process, the lock admits one holder
-// whatever the callers do, start-up never gives up because of others, the
-// status never waits, and a forked child can use the registry at once.
+// whatever the callers do, start-up never gives up because of others, and a
+// forked child can use the registry at once.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -24,8 +22,6 @@
 
 #include "registry/registry_internal.h"
 #include "registry_support.h"
-
-extern char** environ;
 
 namespace {
 
@@ -115,15 +111,6 @@ TV_TEST_CHILD(share_lock_mark) {
     return 0;
 }
 
-// args: marker. Takes the registry lock and stops itself holding it.
-TV_TEST_CHILD(share_stop_holding) {
-    InitRegistry(0, 1);
-    RegLockRegistryFile();
-    tvtest::WriteFile(args.at(0), "x");
-    raise(SIGSTOP);
-    return 0;
-}
-
 // Forked workers that clean up (as a server's shutdown path does), a forked
 // worker that writes, and a process that exits without cleaning up: only
 // processes that attached are counted, the parent's lock stays exclusive,
@@ -169,44 +156,6 @@ TEST(RegistrySharing, AttachmentIsPerProcessAndTheLockAdmitsOne) {
 
     CleanSystemResources();
     EXPECT_FALSE(regtest::SysVExists(env.lockFile()));
-}
-
-// A process stopped while it holds the lock: "tvreg status" (the status
-// accessor in a process that has not started the registry) answers and
-// names it.
-TEST(RegistrySharing, StatusNamesAStoppedHolder) {
-    RegistryEnv env;
-    ASSERT_EQ(0, SetAndClose("Base", "V", "0"));
-    pid_t holder = tvtest::SpawnChild("share_stop_holding", {env.file("held")});
-    int st = 0;
-    ASSERT_EQ(holder, waitpid(holder, &st, WUNTRACED));
-    ASSERT_TRUE(WIFSTOPPED(st));
-
-    char exe[4096];
-    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    ASSERT_GT(n, 0);
-    std::string tool(exe, static_cast<size_t>(n));
-    tool = tool.substr(0, tool.rfind('/'));
-    tool = tool.substr(0, tool.rfind('/')) + "/tools/tvreg";
-    const std::string toolOut = env.file("tvreg.out");
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, toolOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::vector<std::string> argv = {tool, "--root", env.install(), "status", "--json"};
-    std::vector<char*> cargv;
-    for (std::string& a : argv) cargv.push_back(&a[0]);
-    cargv.push_back(nullptr);
-    pid_t status = -1;
-    ASSERT_EQ(0, posix_spawn(&status, tool.c_str(), &fa, nullptr, cargv.data(), environ));
-    posix_spawn_file_actions_destroy(&fa);
-    EXPECT_EQ(0, regtest::WaitChildFor(status, 30));
-    EXPECT_NE(std::string::npos,
-              tvtest::ReadFile(toolOut).find("\"lock_owner_pid\": " + std::to_string(holder) + ","))
-        << tvtest::ReadFile(toolOut);
-
-    kill(holder, SIGKILL);
-    kill(holder, SIGCONT);
-    EXPECT_EQ(128 + SIGKILL, tvtest::WaitChild(holder));
 }
 
 // Many processes start, write once and leave at the same moment, over and
