@@ -169,15 +169,15 @@ void RemoveStaleTempFiles(const CKWString& dir) {
 
 namespace {
 
-// The owner and mode a copy of `source` gets: the registry's own when the
-// template told them, else the source's (a backup is never more open than
-// the registry it copies). Only a privileged process can give a file away;
-// a failed chown leaves the writer's own ownership.
+// The owner and mode a copy of `source` gets: the registry's owner when
+// the template told it, and a mode never more open than the source's (a
+// backup never shows more than the registry it copies). Only a privileged
+// process can give a file away; a failed chown leaves the writer's own.
 void ApplyOwner(int fd, const struct stat& source) {
     uid_t uid = source.st_uid;
     gid_t gid = source.st_gid;
     mode_t mode = source.st_mode;
-    RegistryFileOwner(uid, gid, mode);
+    if (RegistryFileOwner(uid, gid, mode)) mode &= source.st_mode;
     if (fchown(fd, uid, gid) != 0) {
     }
     if (fchmod(fd, mode & 07777) != 0) {

@@ -16,20 +16,11 @@
 
 #include <tvcommonutil.h>
 
-#include "test_support.h"
+#include "registry_support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-bool WaitForFile(const std::string& path) {
-    auto end = std::chrono::steady_clock::now() + 20s;
-    while (!tvtest::FileExists(path)) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 bool AppendLocked(FileLock& f, const char* text) {
     if (lseek(f.GetFileDescriptor(), 0, SEEK_END) < 0) return false;
@@ -59,22 +50,20 @@ int BlockedOnFile(pid_t pid, ino_t ino) {
 // args: file, ready marker, go marker. Holds the lock until told to go on,
 // then appends "A" and closes.
 TV_TEST_CHILD(file_lock_holder) {
-    if (args.size() != 3) return 2;
     FileLock f;
-    if (!f.OpenAndLockFile(args[0].c_str(), O_CREAT, nullptr, false)) return 3;
-    tvtest::WriteFile(args[1], "ready");
-    if (!WaitForFile(args[2])) return 4;
+    if (!f.OpenAndLockFile(args.at(0).c_str(), O_CREAT, nullptr, false)) return 3;
+    tvtest::WriteFile(args.at(1), "ready");
+    if (!regtest::WaitForFile(args.at(2))) return 4;
     if (!AppendLocked(f, "A")) return 5;
     return f.CloseAndUnLockFile() ? 0 : 6;
 }
 
 // args: file, "locked" or "free". Checks what another process sees.
 TV_TEST_CHILD(file_lock_probe) {
-    if (args.size() != 2) return 2;
-    bool expectLocked = args[1] == "locked";
+    bool expectLocked = args.at(1) == "locked";
     // Not in the locking table: opens without waiting, reports false.
     FileLock f;
-    if (f.OpenAndLockFile(args[0].c_str(), O_WRONLY | O_CREAT, nullptr, false)) return 3;
+    if (f.OpenAndLockFile(args.at(0).c_str(), O_WRONLY | O_CREAT, nullptr, false)) return 3;
     if (f.GetFileDescriptor() < 0) return 4;
     bool locked = lockf(f.GetFileDescriptor(), F_TEST, 0) != 0;
     return locked == expectLocked ? 0 : 5;
@@ -82,12 +71,9 @@ TV_TEST_CHILD(file_lock_probe) {
 
 TEST(FileLockProcesses, SecondOpenerWaitsForTheHolderToClose) {
     tvtest::TempDir dir;
-    std::string file = dir.file("shared");
-    std::string ready = dir.file("ready");
-    std::string go = dir.file("go");
+    const std::string file = dir.file("shared"), ready = dir.file("ready"), go = dir.file("go");
     pid_t child = tvtest::SpawnChild("file_lock_holder", {file, ready, go});
-    ASSERT_GT(child, 0);
-    ASSERT_TRUE(WaitForFile(ready));
+    ASSERT_TRUE(regtest::WaitForFile(ready));
     struct stat st;
     ASSERT_EQ(0, stat(file.c_str(), &st));
 

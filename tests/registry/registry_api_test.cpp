@@ -14,26 +14,7 @@
 
 namespace {
 
-using regtest::RegistryEnv;
-
-HKEY Create(HKEY parent, const char* path, REGSAM sam = KEY_ALL_ACCESS) {
-    HKEY h = 0;
-    DWORD disp = 0;
-    EXPECT_EQ(0, RegCreateKeyEx(parent, path, 0, nullptr, 0, sam, nullptr, &h, &disp)) << path;
-    return h;
-}
-
-LONG SetSz(HKEY h, const char* name, const std::string& value) {
-    return RegSetValueEx(h, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                         value.size() + 1);
-}
-
-std::string GetSz(HKEY h, const char* name) {
-    char buf[256];
-    DWORD size = sizeof buf;
-    LONG r = RegQueryValueEx(h, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
-    return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
-}
+using namespace regtest;
 
 unsigned long Revision(HKEY h) {
     tv::detail::RegKey* k = tv::detail::LookupHandle(h);
@@ -82,7 +63,7 @@ TEST(RegistryApi, OpenCreateAndResultCodes) {
 
 TEST(RegistryApi, QuerySizesAndTypes) {
     RegistryEnv env;
-    HKEY h = Create(0, "Types");
+    HKEY h = Create("Types");
     ASSERT_EQ(0, SetSz(h, "Sz", "hello"));
     unsigned long dw = 31;
     ASSERT_EQ(0, RegSetValueEx(h, "Dw", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dw), 8));
@@ -143,7 +124,7 @@ TEST(RegistryApi, QuerySizesAndTypes) {
     EXPECT_NE(std::string::npos, file.find(" x y ;\tREG_MULTI_SZ\n")) << file;
 
     unsigned char bin[2] = {1, 2};
-    h = Create(0, "Types");
+    h = Create("Types");
     EXPECT_EQ(-1, RegSetValueEx(h, "Bin", 0, REG_BINARY, bin, 2));
     EXPECT_EQ(ERROR_NOT_SUPPORTED, static_cast<long>(errno));
     EXPECT_EQ(0, RegCloseKey(h));
@@ -151,8 +132,8 @@ TEST(RegistryApi, QuerySizesAndTypes) {
 
 TEST(RegistryApi, EnumerationAndInfo) {
     RegistryEnv env;
-    HKEY h = Create(0, "Enum");
-    for (const char* k : {"Zeta", "alpha", "Mid"}) RegCloseKey(Create(h, k));
+    HKEY h = Create("Enum");
+    for (const char* k : {"Zeta", "alpha", "Mid"}) RegCloseKey(Create(k, h));
     ASSERT_EQ(0, SetSz(h, "second", "22"));
     ASSERT_EQ(0, SetSz(h, "First", "1"));
     ASSERT_EQ(0, SetSz(h, "second", "2"));  // keeps its place
@@ -208,8 +189,8 @@ TEST(RegistryApi, EnumerationAndInfo) {
 
 TEST(RegistryApi, DeleteKeyRules) {
     RegistryEnv env;
-    RegCloseKey(Create(0, "Software\\Old\\Leaf"));
-    RegCloseKey(Create(0, "Software\\Keep"));
+    RegCloseKey(Create("Software\\Old\\Leaf"));
+    RegCloseKey(Create("Software\\Keep"));
     EXPECT_EQ(-1, RegDeleteKey(0, "Software"));  // no parent path
     EXPECT_EQ(-1, RegDeleteKey(0, "Nowhere\\Old"));
 
@@ -229,7 +210,7 @@ TEST(RegistryApi, DeleteKeyRules) {
     EXPECT_EQ(std::string::npos, file.find("Old")) << file;
     EXPECT_NE(std::string::npos, file.find("Software\\Keep=")) << file;
 
-    HKEY sw = Create(0, "Software");
+    HKEY sw = Create("Software");
     EXPECT_EQ(-1, RegDeleteKey(sw, "Missing"));
     EXPECT_EQ(0, RegCloseKey(sw));
 }
@@ -238,8 +219,8 @@ TEST(RegistryApi, DeleteKeyRules) {
 // written, and comes back to life when opened again.
 TEST(RegistryApi, DeletedKeyWhileOpen) {
     RegistryEnv env;
-    HKEY parent = Create(0, "P");
-    HKEY child = Create(parent, "C");
+    HKEY parent = Create("P");
+    HKEY child = Create("C", parent);
     ASSERT_EQ(0, SetSz(child, "V", "1"));
     ASSERT_EQ(0, RegDeleteKey(parent, "C"));
     EXPECT_EQ("1", GetSz(child, "V"));
@@ -269,12 +250,12 @@ TEST(RegistryApi, DeletedKeyWhileOpen) {
 
 TEST(RegistryApi, UnchangedValueDoesNotDirtyTheKey) {
     RegistryEnv env;
-    HKEY h = Create(0, "Same");
+    HKEY h = Create("Same");
     ASSERT_EQ(0, SetSz(h, "V", "x"));
     EXPECT_EQ(0, RegCloseKey(h));
     struct stat before;
     ASSERT_EQ(0, stat(env.registryFile().c_str(), &before));
-    h = Create(0, "Same");
+    h = Create("Same");
     const unsigned long rev = Revision(h);
     ASSERT_EQ(0, SetSz(h, "V", "x"));
     EXPECT_EQ(rev, Revision(h));
@@ -282,7 +263,7 @@ TEST(RegistryApi, UnchangedValueDoesNotDirtyTheKey) {
     struct stat after;
     ASSERT_EQ(0, stat(env.registryFile().c_str(), &after));
     EXPECT_EQ(before.st_ino, after.st_ino);  // not rewritten
-    h = Create(0, "Same");
+    h = Create("Same");
     ASSERT_EQ(0, SetSz(h, "V", "y"));
     EXPECT_GT(Revision(h), rev);
     EXPECT_EQ(0, RegCloseKey(h));
@@ -292,7 +273,7 @@ TEST(RegistryApi, UnchangedValueDoesNotDirtyTheKey) {
 // the registry stays as it was.
 TEST(RegistryApi, RefusesValuesTheFileCannotHold) {
     RegistryEnv env;
-    HKEY h = Create(0, "Guard");
+    HKEY h = Create("Guard");
     ASSERT_EQ(0, SetSz(h, "Ok", "fine"));
     ASSERT_EQ(0, RegFlushKey(h));
     const std::string before = env.ReadRegistryFile();

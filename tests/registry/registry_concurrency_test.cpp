@@ -17,15 +17,7 @@
 
 namespace {
 
-using regtest::RegistryEnv;
-
-std::string Query(HKEY h, const std::string& name) {
-    char buf[64];
-    DWORD size = sizeof buf;
-    LONG r =
-        RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
-    return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
-}
+using namespace regtest;
 
 // Each worker owns a key and keeps creating, filling, enumerating and
 // deleting subkeys of it; a refresher forces re-reads of the file (as
@@ -75,7 +67,7 @@ TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
                 const std::string v = std::to_string(i);
                 RegSetValueEx(k, "V", 0, REG_SZ, reinterpret_cast<const BYTE*>(v.c_str()),
                               v.size() + 1);
-                if (Query(k, "V") != v) ++failures;
+                if (GetSz(k, "V") != v) ++failures;
                 RegCloseKey(k);
                 HKEY parent = 0;
                 if (RegOpenKeyEx(0, base.c_str(), 0, KEY_ALL_ACCESS, &parent) == 0) {
@@ -109,7 +101,7 @@ TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
     for (int w = 0; w < kWorkers; ++w) {
         HKEY h = 0;
         ASSERT_EQ(0, RegOpenKeyEx(0, ("W" + std::to_string(w) + "\\Last").c_str(), 0, 0, &h));
-        EXPECT_EQ(std::to_string(kRounds - 1), Query(h, "N"));
+        EXPECT_EQ(std::to_string(kRounds - 1), GetSz(h, "N"));
         RegCloseKey(h);
     }
 }
@@ -125,7 +117,7 @@ TEST(RegistryConcurrency, FirstCallsRace) {
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([&] {
             HKEY h = 0;
-            if (RegOpenKeyEx(0, "Ready", 0, 0, &h) == 0 && Query(h, "R") == "1") ++ok;
+            if (RegOpenKeyEx(0, "Ready", 0, 0, &h) == 0 && GetSz(h, "R") == "1") ++ok;
             RegCloseKey(h);
         });
     }

@@ -12,7 +12,7 @@
 
 namespace {
 
-using regtest::RegistryEnv;
+using namespace regtest;
 
 const char kBefore[] =
     "\n"
@@ -53,25 +53,6 @@ const char kTheirs[] =
     "HKEY_LOCAL_MACHINE\\App\\Theirs=104\n"
     "\n";
 
-LONG SetSz(HKEY h, const char* name, const char* value) {
-    return RegSetValueEx(h, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value),
-                         strlen(value) + 1);
-}
-
-std::string GetSz(HKEY h, const char* name) {
-    char buf[256];
-    DWORD size = sizeof buf;
-    LONG r = RegQueryValueEx(h, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
-    return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
-}
-
-bool Exists(const char* path) {
-    HKEY h = 0;
-    if (RegOpenKeyEx(0, path, 0, 0, &h) != 0) return false;
-    RegCloseKey(h);
-    return true;
-}
-
 TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
     const std::string before = kBefore;
     RegistryEnv env(regtest::kBaseRegistry, &before);
@@ -93,14 +74,14 @@ TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
     RegBumpVersion();
 
     // The next open refreshes.
-    EXPECT_TRUE(Exists("App\\Theirs"));
+    EXPECT_TRUE(KeyExists("App\\Theirs"));
     EXPECT_EQ("mine", GetSz(app, "A"));  // own pending value wins until written
     EXPECT_EQ("<13>", GetSz(app, "B"));  // own deletion is not undone
     EXPECT_EQ("3c", GetSz(app, "C"));    // their change to a value left alone here
     EXPECT_EQ("new", GetSz(app, "D"));
-    EXPECT_FALSE(Exists("App\\Old"));  // deleted here: not back, nor anything below
-    EXPECT_FALSE(Exists("App\\Old\\Below"));
-    EXPECT_TRUE(Exists("App\\New\\Deeper"));  // made here, not in their file
+    EXPECT_FALSE(KeyExists("App\\Old"));  // deleted here: not back, nor anything below
+    EXPECT_FALSE(KeyExists("App\\Old\\Below"));
+    EXPECT_TRUE(KeyExists("App\\New\\Deeper"));  // made here, not in their file
     EXPECT_EQ("1", GetSz(fresh, "N"));
     HKEY shared = 0;
     ASSERT_EQ(0, RegOpenKeyEx(0, "App\\Shared", 0, 0, &shared));
@@ -108,7 +89,7 @@ TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
     // Gone was deleted by them while open here: still readable through the
     // handle, no longer reachable by path or enumeration.
     EXPECT_EQ("1", GetSz(gone, "G"));
-    EXPECT_FALSE(Exists("App\\Gone"));
+    EXPECT_FALSE(KeyExists("App\\Gone"));
     char name[32];
     for (DWORD i = 0; RegEnumKey(app, i, name, sizeof name) == 0; ++i) {
         EXPECT_STRNE("Gone", name);

@@ -26,28 +26,7 @@
 
 namespace {
 
-using regtest::RegistryEnv;
-
-LONG SetAndClose(const std::string& key, const std::string& name, const std::string& value) {
-    HKEY h = 0;
-    LONG r = RegCreateKeyEx(0, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr);
-    if (r != 0) return r;
-    r = RegSetValueEx(h, name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                      value.size() + 1);
-    LONG c = RegCloseKey(h);
-    return r != 0 ? r : c;
-}
-
-std::string Query(const std::string& key, const std::string& name) {
-    HKEY h = 0;
-    if (RegOpenKeyEx(0, key.c_str(), 0, 0, &h) != 0) return "<no key>";
-    char buf[256];
-    DWORD size = sizeof buf;
-    LONG r =
-        RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
-    RegCloseKey(h);
-    return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
-}
+using namespace regtest;
 
 void Touch(const std::string& path) {
     tvtest::WriteFile(path, "x");

@@ -15,23 +15,12 @@
 
 namespace {
 
-using regtest::RegistryEnv;
-
-HKEY CreateKey(const char* path, REGSAM sam) {
-    HKEY h = 0;
-    EXPECT_EQ(0, RegCreateKeyEx(0, path, 0, nullptr, 0, sam, nullptr, &h, nullptr));
-    return h;
-}
-
-void Touch(HKEY w, const char* value) {
-    ASSERT_EQ(0, RegSetValueEx(w, "V", 0, REG_SZ, reinterpret_cast<const BYTE*>(value),
-                               strlen(value) + 1));
-}
+using namespace regtest;
 
 TEST(RegistryNotify, SecondCallSignalsAfterAChange) {
     RegistryEnv env;
-    HKEY w = CreateKey("Watched", KEY_ALL_ACCESS);
-    HKEY r = CreateKey("Watched", 0);  // no write bit: the handle compared as passed
+    HKEY w = Create("Watched");
+    HKEY r = Create("Watched", 0, 0);  // no write bit: the handle compared as passed
     Event* e = static_cast<Event*>(CreateEvent(nullptr, FALSE, FALSE, nullptr));
 
     EXPECT_EQ(-1, RegNotifyChangeKeyValue(0x3456789, FALSE, 0, e, TRUE));
@@ -42,7 +31,7 @@ TEST(RegistryNotify, SecondCallSignalsAfterAChange) {
     // Unchanged key: nothing.
     ASSERT_EQ(0, RegNotifyChangeKeyValue(r, TRUE, 0, e, TRUE));
     EXPECT_EQ(0, e->EventIsSignaled());
-    Touch(w, "1");
+    ASSERT_EQ(0, SetSz(w, "V", "1"));
     ASSERT_EQ(0, RegNotifyChangeKeyValue(r, TRUE, 0, e, TRUE));
     EXPECT_EQ(1, e->EventIsSignaled());
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(e, 0, FALSE));
@@ -53,7 +42,7 @@ TEST(RegistryNotify, SecondCallSignalsAfterAChange) {
     // With the write bit the comparison never matches: no early signal.
     Event* e2 = static_cast<Event*>(CreateEvent(nullptr, FALSE, FALSE, nullptr));
     ASSERT_EQ(0, RegNotifyChangeKeyValue(w, TRUE, 0, e2, TRUE));
-    Touch(w, "2");
+    ASSERT_EQ(0, SetSz(w, "V", "2"));
     ASSERT_EQ(0, RegNotifyChangeKeyValue(w, TRUE, 0, e2, TRUE));
     EXPECT_EQ(0, e2->EventIsSignaled());
 
@@ -72,7 +61,7 @@ TEST(RegistryNotify, SecondCallSignalsAfterAChange) {
 // first call on a key never signals by itself.
 TEST(RegistryNotify, SynchronousCallWaits) {
     RegistryEnv env;
-    HKEY r = CreateKey("Sync", 0);
+    HKEY r = Create("Sync", 0, 0);
     Event* e = static_cast<Event*>(CreateEvent(nullptr, FALSE, FALSE, nullptr));
     std::atomic<pid_t> tid{0};
     std::atomic<LONG> result{-5};
@@ -157,7 +146,7 @@ TEST(CRegistryTest, TypedAccess) {
     }
     // Delete() removes the child bearing the key's own subkey path as its
     // name, not the key itself.
-    RegCloseKey(CreateKey("Software\\Software\\Inner", KEY_ALL_ACCESS));
+    RegCloseKey(Create("Software\\Software\\Inner"));
     CRegistry sw(0, "Software", 0);
     EXPECT_TRUE(sw.Delete());
     HKEY h = 0;

@@ -25,7 +25,7 @@
 
 namespace {
 
-using regtest::RegistryEnv;
+using namespace regtest;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kUnderAsan = true;
@@ -38,16 +38,6 @@ constexpr bool kUnderAsan = false;
 #else
 constexpr bool kUnderAsan = false;
 #endif
-
-LONG SetAndClose(const std::string& key, const std::string& name, const std::string& value) {
-    HKEY h = 0;
-    LONG r = RegCreateKeyEx(0, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr);
-    if (r != 0) return r;
-    r = RegSetValueEx(h, name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                      value.size() + 1);
-    LONG c = RegCloseKey(h);
-    return r != 0 ? r : c;
-}
 
 int SemCtl(const std::string& lockFile, int cmd) {
     int id = semget(ftok(lockFile.c_str(), 1), 1, 0);
