@@ -3,15 +3,17 @@
 // and no lock behind, and the System V objects go with the last user.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -32,86 +34,68 @@ void Touch(const std::string& path) {
     tvtest::WriteFile(path, "x");
 }
 
-// The value names of one key's block in a registry file text; complete is
-// cleared when the text does not end as a whole file does or a line of the
-// block is not a whole value line.
-std::set<std::string> ValuesOfBlock(const std::string& text, const std::string& keyLine,
-                                    bool* complete) {
-    std::set<std::string> names;
-    *complete = text.size() >= 2 && text.compare(text.size() - 2, 2, "\n\n") == 0;
-    size_t pos = text.find(keyLine);
-    if (pos == std::string::npos) return names;
-    std::istringstream in(text.substr(pos + keyLine.size()));
-    std::string line;
-    std::getline(in, line);  // the rest of the key line: its number
-    while (std::getline(in, line) && !line.empty()) {
-        if (line.size() < 8 || line.compare(line.size() - 7, 7, "\tREG_SZ") != 0) {
-            *complete = false;
+// Whether a registry file text is whole: it ends as a written file ends and
+// every line is a key line or a value line of the writer's form. The value
+// names of the block of `keyLine` go to names.
+bool Parses(const std::string& text, const std::string& keyLine, std::set<std::string>* names) {
+    static const std::regex key("HKEY_LOCAL_MACHINE(\\\\[^=]+)?=[0-9]+");
+    static const std::regex value("[^=]+=[^;]*;\tREG_SZ");
+    bool ok = text.size() >= 2 && text.compare(text.size() - 2, 2, "\n\n") == 0;
+    bool inBlock = false;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty()) continue;
+        if (line.compare(0, 18, "HKEY_LOCAL_MACHINE") == 0) {
+            ok = ok && std::regex_match(line, key);
+            inBlock = line.compare(0, keyLine.size(), keyLine) == 0;
+        } else {
+            ok = ok && std::regex_match(line, value);
+            if (inBlock) names->insert(line.substr(0, line.find('=')));
         }
-        names.insert(line.substr(0, line.find('=')));
     }
-    return names;
+    return ok;
 }
 
 }  // namespace
 
-// args: key, name, value
-TV_TEST_CHILD(reg_set) {
-    LONG r = SetAndClose(args.at(0), args.at(1), args.at(2));
+// args: set|expect|delete, key, and for set and expect: name, value ("<no
+// key>" to expect a missing key).
+TV_TEST_CHILD(reg_do) {
+    int rc = 0;
+    if (args.at(0) == "set") {
+        rc = SetAndClose(args.at(1), args.at(2), args.at(3)) == 0 ? 0 : 1;
+    } else if (args.at(0) == "delete") {
+        rc = RegDeleteKey(0, args.at(1).c_str()) == 0 ? 0 : 1;
+    } else {
+        const std::string got = Query(args.at(1), args.at(2));
+        if (got != args.at(3)) fprintf(stderr, "reg_do: got %s\n", got.c_str());
+        rc = got == args.at(3) ? 0 : 1;
+    }
     CleanSystemResources();
-    return r == 0 ? 0 : 1;
+    return rc;
 }
 
-// args: key, name, expected ("<no key>" for a missing key)
-TV_TEST_CHILD(reg_expect) {
-    std::string got = Query(args.at(0), args.at(1));
-    CleanSystemResources();
-    if (got != args.at(2)) fprintf(stderr, "reg_expect: got %s\n", got.c_str());
-    return got == args.at(2) ? 0 : 1;
-}
-
-// args: path to delete (from HKEY_LOCAL_MACHINE)
-TV_TEST_CHILD(reg_delete) {
-    LONG r = RegDeleteKey(0, args.at(0).c_str());
-    CleanSystemResources();
-    return r == 0 ? 0 : 1;
-}
-
-// args: id, count, go file. Sets count distinct values in one key, each
-// in its own open/set/close.
+// args: id, count, go file. Sets `count` values p<id>_<i> on Load, each in
+// its own open/set/close, while making subkeys of Load by their full path
+// (its own keep<id>\leaf first, perhaps before Load itself exists), deleting
+// every tenth-step subkey again and re-reading its own earlier values.
 TV_TEST_CHILD(reg_many) {
     InitRegistry(0, 1);
-    if (!regtest::WaitForFile(args.at(2))) return 2;
-    const int count = std::stoi(args.at(1));
-    int failures = 0;
-    for (int i = 0; i < count; ++i) {
-        std::string name = "p" + args.at(0) + "_" + std::to_string(i);
-        if (SetAndClose("Load", name, std::to_string(i)) != 0) ++failures;
+    if (!WaitForFile(args.at(2))) return 2;
+    const std::string id = args.at(0);
+    int failures = SetAndClose("Load\\keep" + id + "\\leaf", "x", "1") == 0 ? 0 : 1;
+    for (int i = 0; i < std::stoi(args.at(1)); ++i) {
+        const std::string sub = "Load\\s" + id + "_" + std::to_string(i / 10);
+        if (SetAndClose("Load", "p" + id + "_" + std::to_string(i), std::to_string(i)) != 0 ||
+            (i % 10 == 0 && SetAndClose(sub + "\\leaf", "x", "1") != 0) ||
+            (i % 10 == 5 && RegDeleteKey(0, sub.c_str()) != 0) ||
+            (i % 25 == 24 &&
+             Query("Load", "p" + id + "_" + std::to_string(i - 12)) != std::to_string(i - 12))) {
+            ++failures;
+        }
     }
     CleanSystemResources();
     return failures == 0 ? 0 : 1;
-}
-
-// args: processes, count. Every value of reg_many, seen by a fresh process.
-TV_TEST_CHILD(reg_count) {
-    HKEY h = 0;
-    if (RegOpenKeyEx(0, "Load", 0, 0, &h) != 0) return 100;
-    int missing = 0;
-    for (int p = 0; p < std::stoi(args.at(0)); ++p) {
-        for (int i = 0; i < std::stoi(args.at(1)); ++i) {
-            std::string name = "p" + std::to_string(p) + "_" + std::to_string(i);
-            char buf[32];
-            DWORD size = sizeof buf;
-            if (RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf),
-                                &size) != 0 ||
-                std::to_string(i) != buf) {
-                ++missing;
-            }
-        }
-    }
-    RegCloseKey(h);
-    CleanSystemResources();
-    return missing > 99 ? 99 : missing;
 }
 
 // args: marker. Writes v<n>, v<n+1>, ... for ever (each close rewrites the
@@ -121,9 +105,7 @@ TV_TEST_CHILD(reg_churn) {
     if (RegCreateKeyEx(0, "Churn", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr) != 0) {
         return 1;
     }
-    DWORD n = 0;
-    RegQueryInfoKey(h, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &n, nullptr, nullptr,
-                    nullptr, nullptr);
+    const DWORD n = ValueCount(h);
     RegCloseKey(h);
     for (unsigned long i = n;; ++i) {
         if (SetAndClose("Churn", "v" + std::to_string(i), "x") != 0) return 1;
@@ -143,10 +125,10 @@ TV_TEST_CHILD(reg_hold_semaphore) {
 TV_TEST_CHILD(reg_attach) {
     InitRegistry(0, 1);
     Touch(args.at(0));
-    if (args.size() > 1 && !regtest::WaitForFile(args.at(1))) return 2;
     if (args.size() == 1) {
         for (;;) pause();
     }
+    if (!WaitForFile(args.at(1))) return 2;
     CleanSystemResources();
     return 0;
 }
@@ -162,29 +144,31 @@ TEST(RegistryMultiProcess, ChangesTravelBetweenProcesses) {
     RegistryEnv env;
     ASSERT_EQ(0, SetAndClose("Software\\Doomed", "D", "1"));
     EXPECT_EQ("<no key>", Query("Software\\Shared", "V"));
-
-    pid_t w = tvtest::SpawnChild("reg_set", {"Software\\Shared", "V", "hello"});
-    ASSERT_EQ(0, regtest::WaitChildFor(w, 60));
+    const std::vector<std::vector<std::string>> steps = {
+        {"set", "Software\\Shared", "V", "hello"},
+        {"expect", "SOFTWARE\\shared", "v", "hello"},
+        {"delete", "Software\\Doomed"},
+        {"expect", "Software\\Doomed", "D", "<no key>"},
+    };
+    for (const auto& step : steps) {
+        EXPECT_EQ(0, WaitChildFor(tvtest::SpawnChild("reg_do", step), 60)) << step[0];
+    }
     EXPECT_EQ("hello", Query("Software\\Shared", "V"));
-    pid_t r = tvtest::SpawnChild("reg_expect", {"SOFTWARE\\shared", "v", "hello"});
-    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
-
-    pid_t d = tvtest::SpawnChild("reg_delete", {"Software\\Doomed"});
-    ASSERT_EQ(0, regtest::WaitChildFor(d, 60));
     EXPECT_EQ("<no key>", Query("Software\\Doomed", "D"));
-    r = tvtest::SpawnChild("reg_expect", {"Software\\Doomed", "D", "<no key>"});
-    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
 
-    // A key that was only the path to a deeper one keeps what is set on it.
+    // A key that was only the path to a deeper one becomes a key of its own
+    // with what is set on it, for every reader.
     ASSERT_EQ(0, SetAndClose("Software\\Path\\Leaf", "L", "1"));
     ASSERT_EQ(0, SetAndClose("Software\\Path", "P", "on the path"));
-    r = tvtest::SpawnChild("reg_expect", {"Software\\Path", "P", "on the path"});
-    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
+    EXPECT_EQ(
+        0, WaitChildFor(
+               tvtest::SpawnChild("reg_do", {"expect", "Software\\Path", "P", "on the path"}), 60));
 
     // This process's own write keeps what the others did.
     ASSERT_EQ(0, SetAndClose("Software\\Mine", "M", "1"));
     const std::string file = env.ReadRegistryFile();
     EXPECT_NE(std::string::npos, file.find("Software\\Shared=")) << file;
+    EXPECT_NE(std::string::npos, file.find("Software\\Path=")) << file;
     EXPECT_EQ(std::string::npos, file.find("Doomed")) << file;
 }
 
@@ -200,8 +184,7 @@ TEST(RegistryMultiProcess, FailedWriteIsReportedAndKept) {
     errno = 0;
     EXPECT_EQ(-1, SetAndClose("Disk", "B", "2"));
     EXPECT_EQ(ENOSPC, errno);
-    HKEY h = 0;
-    ASSERT_EQ(0, RegOpenKeyEx(0, "Disk", 0, KEY_ALL_ACCESS, &h));
+    HKEY h = Open("Disk", KEY_ALL_ACCESS);
     EXPECT_EQ(-1, RegFlushKey(h));
     const std::string log = testing::internal::GetCapturedStderr();
     tv::detail::InjectWriteErrorForTests(0);
@@ -211,10 +194,13 @@ TEST(RegistryMultiProcess, FailedWriteIsReportedAndKept) {
 
     EXPECT_EQ(0, RegFlushKey(h));
     EXPECT_EQ(0, RegCloseKey(h));
-    pid_t r = tvtest::SpawnChild("reg_expect", {"Disk", "B", "2"});
-    EXPECT_EQ(0, regtest::WaitChildFor(r, 60));
+    EXPECT_EQ(0, WaitChildFor(tvtest::SpawnChild("reg_do", {"expect", "Disk", "B", "2"}), 60));
 }
 
+// 8 processes x 200 writes on one key whose subkeys the others make by their
+// full path and delete again, re-reading as they go: every snapshot of the
+// file taken meanwhile is whole and never holds fewer values than the one
+// before; at the end no value is missing and no deleted key is back.
 TEST(RegistryMultiProcess, EightWritersLoseNothing) {
     const int kProcs = 8, kCount = 200;
     RegistryEnv env;
@@ -226,42 +212,57 @@ TEST(RegistryMultiProcess, EightWritersLoseNothing) {
             tvtest::SpawnChild("reg_many", {std::to_string(p), std::to_string(kCount), go}));
     }
     Touch(go);
-    for (pid_t pid : pids) EXPECT_EQ(0, regtest::WaitChildFor(pid, 500));
-
-    bool complete = false;
-    std::set<std::string> names =
-        ValuesOfBlock(env.ReadRegistryFile(), "HKEY_LOCAL_MACHINE\\Load=", &complete);
-    EXPECT_TRUE(complete);
-    EXPECT_EQ(static_cast<size_t>(kProcs * kCount), names.size());
-    pid_t check = tvtest::SpawnChild("reg_count", {std::to_string(kProcs), std::to_string(kCount)});
-    EXPECT_EQ(0, regtest::WaitChildFor(check, 60));
-    // And this process, attached all along, is brought up to date too.
-    HKEY h = 0;
-    ASSERT_EQ(0, RegOpenKeyEx(0, "Load", 0, 0, &h));
-    DWORD values = 0;
-    ASSERT_EQ(0, RegQueryInfoKey(h, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &values,
-                                 nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(static_cast<DWORD>(kProcs * kCount), values);
-    RegCloseKey(h);
+    size_t snapshots = 0, last = 0;
+    for (size_t done = 0; done < pids.size();) {
+        std::set<std::string> names;
+        const std::string text = env.ReadRegistryFile();
+        ASSERT_TRUE(Parses(text, "HKEY_LOCAL_MACHINE\\Load=", &names)) << text;
+        EXPECT_GE(names.size(), last);
+        last = names.size();
+        ++snapshots;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));  // leave the workers a core
+        int st = 0;
+        while (done < pids.size() && waitpid(pids[done], &st, WNOHANG) == pids[done]) {
+            EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << "worker " << done;
+            ++done;
+        }
+    }
+    std::set<std::string> names;
+    const std::string text = env.ReadRegistryFile();
+    ASSERT_TRUE(Parses(text, "HKEY_LOCAL_MACHINE\\Load=", &names));
+    EXPECT_EQ(static_cast<size_t>(kProcs * kCount), names.size()) << snapshots << " snapshots";
+    EXPECT_EQ(std::string::npos, text.find("\\Load\\s")) << text;
+    // This process, attached all along, is brought up to date; so is a
+    // fresh reader.
+    for (bool fresh : {false, true}) {
+        if (fresh) tv::detail::RegistryResetForTests();
+        HKEY h = Open("Load");
+        EXPECT_EQ(static_cast<DWORD>(kProcs * kCount), ValueCount(h)) << fresh;
+        DWORD subKeys = 0;
+        ASSERT_EQ(0, RegQueryInfoKey(h, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr,
+                                     nullptr, nullptr, nullptr, nullptr, nullptr));
+        EXPECT_EQ(static_cast<DWORD>(kProcs), subKeys) << fresh;  // keep0 .. keep7
+        RegCloseKey(h);
+    }
 }
 
 // Killed with SIGKILL at arbitrary points of a stream of writes: the file is
-// always a complete earlier state, and nothing stays locked.
+// always a complete earlier state, and nothing stays locked. The next
+// process to start removes the temporary files the killed ones left.
 TEST(RegistryMultiProcess, WriterKilledMidWrite) {
     RegistryEnv env;
     size_t last = 0;
     for (int round = 0; round < 6; ++round) {
         const std::string marker = env.file("churn" + std::to_string(round));
         pid_t pid = tvtest::SpawnChild("reg_churn", {marker});
-        ASSERT_TRUE(regtest::WaitForFile(marker));
+        ASSERT_TRUE(WaitForFile(marker));
         std::this_thread::sleep_for(std::chrono::milliseconds(3 + 7 * round));  // a kill point
         kill(pid, SIGKILL);
         EXPECT_EQ(128 + SIGKILL, tvtest::WaitChild(pid));
 
-        bool complete = false;
-        std::set<std::string> names =
-            ValuesOfBlock(env.ReadRegistryFile(), "HKEY_LOCAL_MACHINE\\Churn=", &complete);
-        EXPECT_TRUE(complete) << "round " << round;
+        std::set<std::string> names;
+        EXPECT_TRUE(Parses(env.ReadRegistryFile(), "HKEY_LOCAL_MACHINE\\Churn=", &names))
+            << "round " << round;
         // Exactly v0 .. v(k-1): each write held every earlier value.
         for (size_t i = 0; i < names.size(); ++i) {
             EXPECT_EQ(1u, names.count("v" + std::to_string(i))) << i;
@@ -270,9 +271,14 @@ TEST(RegistryMultiProcess, WriterKilledMidWrite) {
         last = names.size();
     }
     // Nobody is blocked: a fresh process writes at once.
-    pid_t w = tvtest::SpawnChild("reg_set", {"After", "V", "ok"});
-    EXPECT_EQ(0, regtest::WaitChildFor(w, 30));
+    EXPECT_EQ(0, WaitChildFor(tvtest::SpawnChild("reg_do", {"set", "After", "V", "ok"}), 30));
     EXPECT_EQ("ok", Query("After", "V"));
+    DIR* d = opendir((env.install() + "registry").c_str());
+    ASSERT_NE(nullptr, d);
+    while (const dirent* e = readdir(d)) {
+        EXPECT_NE(0, strncmp(e->d_name, ".tv.registry.tmp.", 17)) << e->d_name;
+    }
+    closedir(d);
 }
 
 // SEM_UNDO: a process killed while holding the semaphore releases it; the
@@ -290,7 +296,7 @@ TEST(RegistryMultiProcess, KilledHolderReleasesTheSemaphore) {
     EXPECT_EQ(128 + SIGKILL, tvtest::WaitChild(holder));
     EXPECT_EQ(holder, __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE));
 
-    pid_t w = tvtest::SpawnChild("reg_set", {"Free", "V", "1"});
+    pid_t w = tvtest::SpawnChild("reg_do", {"set", "Free", "V", "1"});
     EXPECT_EQ(0, regtest::WaitChildFor(w, 30));
     EXPECT_EQ(0, __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE));
     EXPECT_EQ("1", Query("Free", "V"));
