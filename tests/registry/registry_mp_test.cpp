@@ -1,9 +1,12 @@
 // The registry shared by real processes: changes travel between them, many
 // writers lose nothing, a writer killed at any moment leaves a complete file
-// and no lock behind, and the System V objects go with the last user.
+// and no lock behind, the lock admits one holder whatever the callers do,
+// the System V objects go with the last user, start-up never gives up
+// because of others, and a forked child can use the registry at once.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -12,7 +15,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -30,8 +35,62 @@ namespace {
 
 using namespace regtest;
 
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kUnderAsan = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kUnderAsan = true;
+#else
+constexpr bool kUnderAsan = false;
+#endif
+#else
+constexpr bool kUnderAsan = false;
+#endif
+
 void Touch(const std::string& path) {
     tvtest::WriteFile(path, "x");
+}
+
+int SemCtl(const std::string& lockFile, int cmd) {
+    int id = semget(ftok(lockFile.c_str(), 1), 1, 0);
+    return id < 0 ? -1 : semctl(id, 0, cmd);
+}
+
+// Waits until some process is blocked on the registry semaphore.
+bool WaitForSleepers(const std::string& lockFile) {
+    for (int i = 0; i < 30000; ++i) {
+        if (SemCtl(lockFile, GETNCNT) > 0) return true;
+        usleep(1000);
+    }
+    return false;
+}
+
+long AttachCount() {
+    tv::detail::SharedRegistryRecord* shm = tv::detail::SharedRecord();
+    return shm == nullptr ? -1 : __atomic_load_n(&shm->attachCount, __ATOMIC_ACQUIRE);
+}
+
+// Holds the registry lock while another process asks for it: that process
+// must queue on the semaphore (and not get in) until the lock is released.
+void ExpectLockExcludes(const RegistryEnv& env, const std::string& tag) {
+    const std::string marker = env.file("locked." + tag);
+    RegLockRegistryFile();
+    pid_t other = tvtest::SpawnChild("reg_lock_and_log", {env.lockFile(), marker, tag, "go"});
+    for (int i = 0; i < 30000 && SemCtl(env.lockFile(), GETNCNT) < 1; ++i) {
+        if (tvtest::FileExists(marker)) break;
+        usleep(1000);
+    }
+    EXPECT_FALSE(tvtest::FileExists(marker)) << tag << ": a second process got the lock";
+    RegUnlockRegistryFile();
+    EXPECT_EQ(0, WaitChildFor(other, 60)) << tag;
+    EXPECT_TRUE(tvtest::FileExists(marker)) << tag;
+}
+
+// A forked child's exit code, or -2 when it did not end within `seconds`.
+int ForkChild(int seconds, const std::function<int()>& body) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return WaitChildFor(pid, seconds);
 }
 
 // Whether a registry file text is whole: it ends as a written file ends and
@@ -58,10 +117,12 @@ bool Parses(const std::string& text, const std::string& keyLine, std::set<std::s
 
 }  // namespace
 
-// args: set|expect|delete, key, and for set and expect: name, value ("<no
-// key>" to expect a missing key).
+// args: set|leave|expect|delete, key, and but for delete: name, value
+// ("<no key>" to expect a missing key). "leave" sets and exits without
+// cleaning up.
 TV_TEST_CHILD(reg_do) {
     int rc = 0;
+    if (args.at(0) == "leave") return SetAndClose(args.at(1), args.at(2), args.at(3)) == 0 ? 0 : 1;
     if (args.at(0) == "set") {
         rc = SetAndClose(args.at(1), args.at(2), args.at(3)) == 0 ? 0 : 1;
     } else if (args.at(0) == "delete") {
@@ -131,6 +192,19 @@ TV_TEST_CHILD(reg_attach) {
     if (!WaitForFile(args.at(1))) return 2;
     CleanSystemResources();
     return 0;
+}
+
+// args: key, name, cycles. Leaves and attaches again `cycles` times, then
+// writes and leaves: start-up and leaving at a high rate.
+TV_TEST_CHILD(share_churn) {
+    InitRegistry(0, 1);
+    for (int i = std::stoi(args.at(2)); i > 0; --i) {
+        CleanSystemResources();
+        RegInitSharedState(1);
+    }
+    LONG r = SetAndClose(args.at(0), args.at(1), "1");
+    CleanSystemResources();
+    return r == 0 ? 0 : 1;
 }
 
 // args: stderr file. Starts without permission to create the shared objects.
@@ -288,7 +362,7 @@ TEST(RegistryMultiProcess, KilledHolderReleasesTheSemaphore) {
     InitRegistry(0, 1);
     const std::string marker = env.file("held");
     pid_t holder = tvtest::SpawnChild("reg_hold_semaphore", {marker});
-    ASSERT_TRUE(regtest::WaitForFile(marker));
+    ASSERT_TRUE(WaitForFile(marker));
     tv::detail::SharedRegistryRecord* shm = tv::detail::SharedRecord();
     ASSERT_NE(nullptr, shm);
     EXPECT_EQ(holder, __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE));
@@ -297,15 +371,18 @@ TEST(RegistryMultiProcess, KilledHolderReleasesTheSemaphore) {
     EXPECT_EQ(holder, __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE));
 
     pid_t w = tvtest::SpawnChild("reg_do", {"set", "Free", "V", "1"});
-    EXPECT_EQ(0, regtest::WaitChildFor(w, 30));
+    EXPECT_EQ(0, WaitChildFor(w, 30));
     EXPECT_EQ(0, __atomic_load_n(&shm->lockOwner, __ATOMIC_ACQUIRE));
     EXPECT_EQ("1", Query("Free", "V"));
 }
 
-// Processes starting together are all counted; the last one to clean up
-// removes the objects, even when another was killed without cleaning up;
-// the next start makes them afresh with a zero stamp.
-TEST(RegistryMultiProcess, AttachCountAndCleanup) {
+// Processes starting together are all counted, forked children that clean
+// up (as a server's shutdown path does) and processes that exit without
+// cleaning up change nothing for the parent; the lock stays exclusive
+// through unbalanced unlocks and removal from outside; the last process to
+// clean up removes the objects, even when another was killed without
+// cleaning up; the next start makes them afresh with a zero stamp.
+TEST(RegistryMultiProcess, AttachCountLockAndCleanup) {
     const int kProcs = 6;
     RegistryEnv env;
     const std::string go = env.file("go");
@@ -314,59 +391,61 @@ TEST(RegistryMultiProcess, AttachCountAndCleanup) {
         pids.push_back(tvtest::SpawnChild("reg_attach", {env.file("m" + std::to_string(p)), go}));
     }
     pid_t killed = tvtest::SpawnChild("reg_attach", {env.file("killed")});
-    for (int p = 0; p < kProcs; ++p)
-        ASSERT_TRUE(regtest::WaitForFile(env.file("m" + std::to_string(p))));
-    ASSERT_TRUE(regtest::WaitForFile(env.file("killed")));
+    for (int p = 0; p < kProcs; ++p) ASSERT_TRUE(WaitForFile(env.file("m" + std::to_string(p))));
+    ASSERT_TRUE(WaitForFile(env.file("killed")));
     ASSERT_EQ(0, SetAndClose("Stamp", "V", "1"));
-    tv::detail::SharedRegistryRecord* shm = tv::detail::SharedRecord();
-    ASSERT_NE(nullptr, shm);
-    EXPECT_EQ(kProcs + 2, __atomic_load_n(&shm->attachCount, __ATOMIC_ACQUIRE));
+    EXPECT_EQ(kProcs + 2, AttachCount());
     kill(killed, SIGKILL);
     EXPECT_EQ(128 + SIGKILL, tvtest::WaitChild(killed));
-
     Touch(go);
-    for (pid_t pid : pids) EXPECT_EQ(0, regtest::WaitChildFor(pid, 60));
-    EXPECT_EQ(2, __atomic_load_n(&shm->attachCount, __ATOMIC_ACQUIRE));  // us and the killed one
-    EXPECT_TRUE(regtest::SysVExists(env.lockFile()));
+    for (pid_t pid : pids) EXPECT_EQ(0, WaitChildFor(pid, 60));
+    EXPECT_EQ(2, AttachCount());  // us and the killed one
     CleanSystemResources();
-    EXPECT_FALSE(regtest::SysVExists(env.lockFile()));
+    EXPECT_FALSE(SysVExists(env.lockFile()));
 
     // A new start creates them again, stamp 0.
     tv::detail::RegistryResetForTests();
     InitRegistry(0, 1);
-    shm = tv::detail::SharedRecord();
-    ASSERT_NE(nullptr, shm);
-    EXPECT_EQ(0u, __atomic_load_n(&shm->versionStamp, __ATOMIC_ACQUIRE));
-    EXPECT_EQ(1, __atomic_load_n(&shm->attachCount, __ATOMIC_ACQUIRE));
+    ASSERT_NE(nullptr, tv::detail::SharedRecord());
+    EXPECT_EQ(0u, __atomic_load_n(&tv::detail::SharedRecord()->versionStamp, __ATOMIC_ACQUIRE));
+    EXPECT_EQ(1, AttachCount());
     EXPECT_EQ("1", Query("Stamp", "V"));
+
+    EXPECT_EQ(0, ForkChild(60, [] { return CleanSystemResources(), 0; }));
+    EXPECT_EQ(0, ForkChild(60, [] {
+                  int r = SetAndClose("Fork", "V", "y") == 0 ? 0 : 1;
+                  CleanSystemResources();
+                  return r;
+              }));
+    EXPECT_EQ(0, WaitChildFor(tvtest::SpawnChild("reg_do", {"leave", "Exit", "V", "z"}), 60));
+    EXPECT_TRUE(SysVExists(env.lockFile()));
+    EXPECT_EQ(1, AttachCount());
+    ExpectLockExcludes(env, "after forked clean-ups");
+
+    RegLockRegistryFile();
+    RegUnlockRegistryFile();
+    RegUnlockRegistryFile();  // one too many
+    std::thread([] { RegUnlockRegistryFile(); }).join();
+    EXPECT_EQ(1, SemCtl(env.lockFile(), GETVAL));
+    ExpectLockExcludes(env, "after unbalanced unlocks");
+
+    // Removed from outside: the next lock attaches again instead of going
+    // on without one.
+    RemoveSysV(env.lockFile());
+    ExpectLockExcludes(env, "after removal");
+    EXPECT_EQ(1, AttachCount());
+    EXPECT_TRUE(KeyExists("Fork") && KeyExists("Exit"));
+    CleanSystemResources();
+    EXPECT_FALSE(SysVExists(env.lockFile()));
 }
 
 TEST(RegistryMultiProcess, StartWithoutCreateNeedsTheSemaphore) {
     RegistryEnv env;
     const std::string err = env.file("stderr");
     pid_t pid = tvtest::SpawnChild("reg_no_create", {err});
-    EXPECT_EQ(1, regtest::WaitChildFor(pid, 60));
+    EXPECT_EQ(1, WaitChildFor(pid, 60));
     EXPECT_EQ("Registry semaphore doesn't exist. Exiting.\n", tvtest::ReadFile(err));
 }
-
-namespace {
-
-// Processes blocked on the registry semaphore of `lockFile` right now.
-int SemaphoreSleepers(const std::string& lockFile) {
-    key_t key = ftok(lockFile.c_str(), 1);
-    int id = semget(key, 1, 0);
-    return id < 0 ? 0 : semctl(id, 0, GETNCNT);
-}
-
-bool WaitForSleepers(const std::string& lockFile) {
-    for (int i = 0; i < 30000; ++i) {
-        if (SemaphoreSleepers(lockFile) > 0) return true;
-        usleep(1000);
-    }
-    return false;
-}
-
-}  // namespace
 
 // args: lock file, ready marker, log file. Holds the registry lock while the
 // next process attaches, then leaves as if it were the last one.
@@ -403,13 +482,131 @@ TEST(RegistryMultiProcess, AttachingWhileTheLastProcessCleansUp) {
     const std::string log = env.file("order.log");
     pid_t a =
         tvtest::SpawnChild("reg_clean_while_attaching", {env.lockFile(), env.file("a.ready"), log});
-    ASSERT_TRUE(regtest::WaitForFile(env.file("a.ready")));
+    ASSERT_TRUE(WaitForFile(env.file("a.ready")));
     pid_t b = tvtest::SpawnChild("reg_lock_and_log", {env.lockFile(), log, "B", "hold"});
-    ASSERT_EQ(0, regtest::WaitChildFor(a, 60));
+    ASSERT_EQ(0, WaitChildFor(a, 60));
     // B now holds the lock (its "B+" is logged) and waits for a sleeper.
     for (int i = 0; i < 30000 && tvtest::ReadFile(log).empty(); ++i) usleep(1000);
     pid_t c = tvtest::SpawnChild("reg_lock_and_log", {env.lockFile(), log, "C", "go"});
-    EXPECT_EQ(0, regtest::WaitChildFor(b, 60));
-    EXPECT_EQ(0, regtest::WaitChildFor(c, 60));
+    EXPECT_EQ(0, WaitChildFor(b, 60));
+    EXPECT_EQ(0, WaitChildFor(c, 60));
     EXPECT_EQ("B+B-C+C-", tvtest::ReadFile(log));
+}
+
+// Many processes start, write once and leave at the same moment, over and
+// over, so that each meets objects being made and removed by the others:
+// none gives up and every value lands.
+TEST(RegistryMultiProcess, ConcurrentStartersNeverGiveUp) {
+    const int kRounds = 8, kProcs = 16;
+    RegistryEnv env;
+    std::vector<pid_t> pids;
+    for (int round = 0; round < kRounds; ++round) {
+        for (int p = 0; p < kProcs; ++p) {
+            const std::string name = "r" + std::to_string(round) + "p" + std::to_string(p);
+            pids.push_back(tvtest::SpawnChild("share_churn", {"Conc", name, "40"}));
+        }
+        // Half of each round overlaps the next.
+        for (size_t i = 0; i + kProcs / 2 < pids.size(); ++i) {
+            EXPECT_EQ(0, WaitChildFor(pids[i], 120)) << "process " << i;
+        }
+        pids.erase(pids.begin(), pids.end() - kProcs / 2);
+    }
+    for (pid_t pid : pids) EXPECT_EQ(0, WaitChildFor(pid, 120));
+    EXPECT_FALSE(SysVExists(env.lockFile()));  // the last one removed them
+
+    HKEY h = Open("Conc");
+    EXPECT_EQ(static_cast<DWORD>(kRounds * kProcs), ValueCount(h));
+    RegCloseKey(h);
+}
+
+// Forks while other threads write the registry (one changing values, the
+// lazy writer writing them): each child writes at once, through its own
+// lazy writer, and ends in time; nothing written by either side is lost.
+TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
+    if (kUnderAsan) {
+        GTEST_SKIP() << "this toolchain's AddressSanitizer runtime does not hold its allocator "
+                        "across fork: a child forked while another thread allocates can hang in it";
+    }
+    const int kRounds = 60;
+    RegistryEnv env;
+    InitRegistry(0, 1);
+    int interval = 5;
+    pthread_t lazy;
+    ASSERT_EQ(0, pthread_create(
+                     &lazy, nullptr,
+                     [](void* ms) -> void* { return RegLazyWriteThread(ms), nullptr; }, &interval));
+    std::atomic<bool> stop(false);
+    std::thread busy([&] {
+        for (unsigned long i = 0; !stop.load(); ++i) SetAndClose("Busy", "V", std::to_string(i));
+    });
+    // Forks start once both threads are at work (their first write is in
+    // the file), not while they are still being made.
+    for (int i = 0; i < 30000 && env.ReadRegistryFile().find("\\Busy=") == std::string::npos; ++i) {
+        usleep(1000);
+    }
+    bool failed = false;
+    for (int round = 0; round < kRounds && !failed; ++round) {
+        const std::string name = "c" + std::to_string(round);
+        const std::string file = env.registryFile();
+        int rc = ForkChild(20, [&] {
+            if (SetAndClose("Fork", name, "1") != 0) return 1;
+            // Lands once the child's own lazy writer has written it.
+            for (int i = 0; i < 10000; ++i) {
+                if (tvtest::ReadFile(file).find("\n" + name + "=") != std::string::npos) {
+                    CleanSystemResources();
+                    return 0;
+                }
+                usleep(1000);
+            }
+            return 2;
+        });
+        EXPECT_EQ(0, rc) << "round " << round;  // -2: hung
+        failed = rc != 0;
+    }
+    stop = true;
+    busy.join();
+    pthread_cancel(lazy);  // writes once more
+    pthread_join(lazy, nullptr);
+
+    HKEY h = Open("Fork");
+    EXPECT_EQ(static_cast<DWORD>(kRounds), ValueCount(h));
+    RegCloseKey(h);
+    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("HKEY_LOCAL_MACHINE\\Busy="));
+}
+
+// A request waits until a change is in the file, whoever made it: a thread
+// of this process, or another process, for the key itself or below it, for
+// an event and for the synchronous form.
+TEST(RegistryMultiProcess, NotifyWakesOnChangesFromThreadsAndProcesses) {
+    RegistryEnv env;
+    ASSERT_EQ(0, SetAndClose("Watch", "V", "0"));
+    ASSERT_EQ(0, SetAndClose("Watch\\Sub", "V", "0"));
+    HKEY r = Open("Watch");
+    HANDLE e = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+
+    ASSERT_EQ(0, RegNotifyChangeKeyValue(r, FALSE, 0, e, TRUE));
+    std::thread([] { SetAndClose("Watch", "V", "1"); }).join();
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(e, 30000, FALSE));
+
+    ASSERT_EQ(0, RegNotifyChangeKeyValue(r, TRUE, 0, e, TRUE));
+    pid_t other = tvtest::SpawnChild("reg_do", {"leave", "Watch\\Sub", "V", "2"});
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(e, 30000, FALSE));
+    EXPECT_EQ(0, WaitChildFor(other, 60));
+
+    std::atomic<int> woken(0);
+    std::thread sync(
+        [&] { woken = RegNotifyChangeKeyValue(r, FALSE, 0, nullptr, FALSE) == 0 ? 1 : 2; });
+    other = tvtest::SpawnChild("reg_do", {"leave", "Watch", "V", "3"});
+    EXPECT_EQ(0, WaitChildFor(other, 60));
+    for (int i = 0; i < 30000 && woken == 0; ++i) usleep(1000);
+    EXPECT_EQ(1, woken.load());
+    if (woken != 0) {
+        sync.join();
+    } else {
+        sync.detach();  // stuck for good: the test has failed anyway
+    }
+    RegUnnotifyChangeKeyValue(r, e);
+    static_cast<Event*>(e)->SetEventData(-1);  // gives back the watch's reference
+    CloseHandle(e);
+    RegCloseKey(r);
 }
