@@ -426,30 +426,6 @@ TEST_F(Tvreg, StatusNamesTheLastWriterAndAStoppedHolder) {
     close(fds[0]);
 }
 
-TEST_F(Tvreg, ConcurrentSetsAllLand) {
-    ASSERT_EQ(Status({"set", "HKLM\\Shared", "seed", "sz", "x"}), 0);
-    constexpr int kRounds = 6;
-    for (int round = 0; round < kRounds; ++round) {
-        std::vector<std::string> names;
-        std::vector<pid_t> running;
-        for (int w = 0; w < 3; ++w) {
-            names.push_back("r" + std::to_string(round) + "w" + std::to_string(w));
-            // Two writers share a key, one has a key of its own.
-            const std::string key = w == 2 ? "HKLM\\Own\\" + names[w] : "HKLM\\Shared";
-            running.push_back(
-                Start({"set", key, names[w], "dword", std::to_string(round * 10 + w)}, names[w]));
-        }
-        for (int w = 0; w < 3; ++w) {
-            Result r = Finish(running[w], names[w]);
-            EXPECT_EQ(r.status, 0) << names[w] << ": " << r.err;
-        }
-    }
-    json shared = ParseJson(Run({"query", "--json", "HKLM\\Shared"}).out);
-    ASSERT_EQ(shared["values"].size(), 1u + 2 * kRounds);
-    json own = ParseJson(Run({"list", "--json", "HKLM\\Own"}).out);
-    EXPECT_EQ(own["subkeys"].size(), static_cast<size_t>(kRounds));
-}
-
 TEST_F(Tvreg, WatchSeesAnotherProcessChangeAndEndsOnSigterm) {
     ASSERT_EQ(Status({"set", "HKLM\\Watched", "Level", "dword", "1"}), 0);
     int fds[2];
