@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -21,8 +20,6 @@
 #include <nlohmann/json.hpp>
 
 #include "test_support.h"
-
-extern char** environ;
 
 namespace {
 
@@ -81,33 +78,23 @@ protected:
         std::vector<char*> cargv;
         for (std::string& a : argv) cargv.push_back(&a[0]);
         cargv.push_back(nullptr);
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 0, input.c_str(), O_RDONLY, 0);
-        if (outFd >= 0) {
-            posix_spawn_file_actions_adddup2(&fa, outFd, 1);
-        } else {
-            posix_spawn_file_actions_addopen(&fa, 1, dir_.file(tag + ".out").c_str(),
-                                             O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const std::string out = dir_.file(tag + ".out"), err = dir_.file(tag + ".err");
+        const pid_t pid = fork();
+        if (pid == 0) {  // async-signal-safe calls only, up to the exec
+            // The test program blocks signals for its own library; the tool
+            // starts as from a shell.
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
+            dup2(open(input.c_str(), O_RDONLY), 0);
+            dup2(outFd >= 0 ? outFd : open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+            dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+            execv(tool_.c_str(), cargv.data());
+            _exit(127);
         }
-        posix_spawn_file_actions_addopen(&fa, 2, dir_.file(tag + ".err").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        // The test program blocks signals for its own library; the tool
-        // starts as from a shell.
-        posix_spawnattr_t attr;
-        posix_spawnattr_init(&attr);
-        sigset_t none, all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        posix_spawnattr_setsigmask(&attr, &none);
-        posix_spawnattr_setsigdefault(&attr, &all);
-        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-        pid_t pid = -1;
-        int rc = posix_spawn(&pid, tool_.c_str(), &fa, &attr, cargv.data(), environ);
-        posix_spawn_file_actions_destroy(&fa);
-        posix_spawnattr_destroy(&attr);
-        EXPECT_EQ(rc, 0);
-        return rc == 0 ? pid : -1;
+        EXPECT_GT(pid, 0);
+        return pid;
     }
 
     Result Finish(pid_t pid, const std::string& tag) {
@@ -185,12 +172,9 @@ TEST_F(Tvreg, HelpUsageErrorsAndAnEmptyInstallDirectory) {
         {{"set", "HKLM\\A", "n", "dword", "12abc"}, "'12abc' is not a number"},
         {{"set", "HKLM\\A", "n", "dword", "-1"}, "'-1' is not a number"},
         {{"set", "HKLM\\A", "n", "sz", "a;b"}, "';'"},
-        {{"set", "HKLM\\A", "a=b", "sz", "x"}, "'='"},
-        {{"set", "HKLM\\A", " n", "sz", "x"}, "white space"},
         {{"set", "HKLM\\A", "n", "sz", " padded"}, "white space"},
         {{"set", "HKLM\\A", "n", "multi_sz", "two words"}, "'two words'"},
         {{"set", "HKLM\\A", "n", "sz", "a", "b"}, "exactly one DATA"},
-        {{"set", "HKLM\\A", "n", "sz", std::string(5000, 'x')}, "too long"},
         {{"set", "HKLM\\A=B", "n", "sz", "x"}, "'='"},
         {{"delete", "HKLM"}, "cannot be deleted"},
         {{"export", "--json"}, "--json is not taken by export"},
