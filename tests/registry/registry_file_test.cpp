@@ -189,15 +189,15 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
     HKEY w = Open("Hex", KEY_ALL_ACCESS);
     ASSERT_EQ(0, RegFlushKey(w));
     const std::string out = env.ReadRegistryFile();
-    EXPECT_EQ(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep="));
-    EXPECT_EQ(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep\\Er="));
-    EXPECT_NE(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"));
-    EXPECT_EQ(std::string::npos, out.find("Orphan"));
-    EXPECT_EQ(std::string::npos, out.find("BadType"));
-    EXPECT_EQ(std::string::npos, out.find("Odd"));
-    EXPECT_EQ(std::string::npos, out.find("Case"));
+    EXPECT_FALSE(Has(out, "HKEY_LOCAL_MACHINE\\Deep="));
+    EXPECT_FALSE(Has(out, "HKEY_LOCAL_MACHINE\\Deep\\Er="));
+    EXPECT_TRUE(Has(out, "HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"));
+    EXPECT_FALSE(Has(out, "Orphan"));
+    EXPECT_FALSE(Has(out, "BadType"));
+    EXPECT_FALSE(Has(out, "Odd"));
+    EXPECT_FALSE(Has(out, "Case"));
     EXPECT_EQ(0u, out.find("\nHKEY_LOCAL_MACHINE=536870913\n")) << out;
-    EXPECT_NE(std::string::npos, out.find(deep + "=1\n"));
+    EXPECT_TRUE(Has(out, deep + "=1\n"));
     for (HKEY h : {hex, octal, key, deepKey, er, w, big}) EXPECT_EQ(0, RegCloseKey(h));
 }
 
@@ -220,8 +220,8 @@ TEST(RegistryFile, LongLinesAreSplitAt4095) {
     h = Open("Long", KEY_ALL_ACCESS);
     ASSERT_EQ(0, RegFlushKey(h));
     RegCloseKey(h);
-    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find(
-                                     "\nWhole=" + std::string(4095 - 6 - 8, 'y') + ";REG_SZ\n"));
+    EXPECT_TRUE(
+        Has(env.ReadRegistryFile(), "\nWhole=" + std::string(4095 - 6 - 8, 'y') + ";REG_SZ\n"));
     tv::detail::RegistryResetForTests();
     h = Open("Long");
     EXPECT_EQ(std::string(4095 - 6 - 8, 'y'), GetSz(h, "Whole"));
@@ -310,11 +310,11 @@ TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
     const std::string file = env.ReadRegistryFile();
     for (const char* in :
          {"mine;", "3c;", "new;", "App\\New\\Deeper=", "App\\Theirs=104", "App\\Shared=103\nX="}) {
-        EXPECT_NE(std::string::npos, file.find(in)) << in << "\n" << file;
+        EXPECT_TRUE(Has(file, in)) << in << "\n";
     }
     // App\New is only a path; the rest were deleted here or overridden.
     for (const char* out : {"theirs", "App\\New=", "Old", "Gone"}) {
-        EXPECT_EQ(std::string::npos, file.find(out)) << out << "\n" << file;
+        EXPECT_FALSE(Has(file, out)) << "\n";
     }
 
     // After the write nothing is pending: their next change to A is taken.
@@ -340,8 +340,8 @@ TEST(RegistryMerge, OutsideEditIsMergedNotOverwritten) {
     tvtest::WriteFile(env.registryFile(), edited);
     ASSERT_EQ(0, SetAndClose("Mine", "V", "2"));
     const std::string file = env.ReadRegistryFile();
-    EXPECT_NE(std::string::npos, file.find("HKEY_LOCAL_MACHINE\\Admin=555\n")) << file;
-    EXPECT_NE(std::string::npos, file.find("by hand;")) << file;
+    EXPECT_TRUE(Has(file, "HKEY_LOCAL_MACHINE\\Admin=555\n"));
+    EXPECT_TRUE(Has(file, "by hand;"));
 
     // An editor that has emptied the file for a moment is not taken as
     // "everything was deleted".

@@ -64,15 +64,13 @@ TEST(RegistryStartup, NoTemplateAndNoRegistry) {
     testing::internal::CaptureStderr();
     InitRegistry(0, 1);
     const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(std::string::npos,
-              err.find("\n\nInitRegistry: stat(" + env.templateFile() + ") failed, errno - "))
-        << err;
-    EXPECT_NE(std::string::npos, err.find("InitRegistry: Template copy failed!!\n")) << err;
+    EXPECT_TRUE(Has(err, "\n\nInitRegistry: stat(" + env.templateFile() + ") failed, errno - "));
+    EXPECT_TRUE(Has(err, "InitRegistry: Template copy failed!!\n"));
     EXPECT_FALSE(tvtest::FileExists(env.registryFile()));
     EXPECT_FALSE(KeyExists("Anything"));
     // The first write makes the file.
     ASSERT_EQ(0, SetAndClose("Made", "V", "x"));
-    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("HKEY_LOCAL_MACHINE\\Made="));
+    EXPECT_TRUE(Has(env.ReadRegistryFile(), "HKEY_LOCAL_MACHINE\\Made="));
 }
 
 // An empty registry with the backup flag: the message is logged, the tree
@@ -152,8 +150,8 @@ TEST(RegistryStartup, UnusableFilesAndPlantedLinksAreRefused) {
         pid_t pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
         EXPECT_EQ(c.exit, WaitChildFor(pid, 60)) << named;
         const std::string err = tvtest::ReadFile(env.file("stderr"));
-        EXPECT_NE(std::string::npos, err.find(named)) << err;
-        EXPECT_NE(std::string::npos, err.find(c.says)) << err;
+        EXPECT_TRUE(Has(err, named));
+        EXPECT_TRUE(Has(err, c.says));
         if (c.linkAt == nullptr) {
             chmod(env.registryFile().c_str(), 0600);
             EXPECT_EQ(c.registry, env.ReadRegistryFile());
@@ -180,7 +178,7 @@ TEST(RegistryStartup, UnusableFilesAndPlantedLinksAreRefused) {
     ASSERT_EQ(0, SetSz(h, "V", "x"));
     testing::internal::CaptureStderr();
     EXPECT_EQ(-1, RegFlushKey(h));
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("symbolic link"));
+    EXPECT_TRUE(Has(testing::internal::GetCapturedStderr(), "symbolic link"));
     EXPECT_FALSE(KeyExists("Secret"));
     EXPECT_EQ("HKEY_LOCAL_MACHINE\\Secret=9\n", tvtest::ReadFile(env.file("secret")));
     RegCloseKey(h);
@@ -220,14 +218,14 @@ TEST(RegistryStartup, MakesItsDirectoryAndClearsStaleTempFiles) {
     pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
     EXPECT_EQ(1, WaitChildFor(pid, 60));
     chmod(dir.c_str(), 0755);
-    EXPECT_NE(std::string::npos, tvtest::ReadFile(env.file("stderr")).find("problem accessing"));
+    EXPECT_TRUE(Has(tvtest::ReadFile(env.file("stderr")), "problem accessing"));
 }
 
 TEST(RegistryStartup, LazyWriter) {
     for (int interval : {20, 0}) {
         RegistryEnv env(kTemplate);
         ASSERT_EQ(0, SetAndClose("Before", "V", "x"));  // written at once
-        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("Before"));
+        EXPECT_TRUE(Has(env.ReadRegistryFile(), "Before"));
 
         pthread_t t;
         ASSERT_EQ(
@@ -245,14 +243,15 @@ TEST(RegistryStartup, LazyWriter) {
         ASSERT_EQ(0, RegFlushKey(h));  // only marks
         ASSERT_EQ(0, pthread_cancel(t));
         ASSERT_EQ(0, pthread_join(t, nullptr));
-        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("last;"));
+        EXPECT_TRUE(Has(env.ReadRegistryFile(), "last;"));
         EXPECT_FALSE(tv::detail::LazyFlushOn());
         ASSERT_EQ(0, RegCloseKey(h));
         ASSERT_EQ(0, SetAndClose("AfterLazy", "V", "x"));
-        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("AfterLazy"));
+        EXPECT_TRUE(Has(env.ReadRegistryFile(), "AfterLazy"));
     }
 }
 
+// The diagnostic dumps: the shared stamp and last writer, and the tree.
 TEST(RegistryStartup, DumpVersionAndCache) {
     RegistryEnv env(kTemplate);
     ASSERT_EQ(0, SetAndClose("Dump", "Name", "value"));
@@ -260,15 +259,11 @@ TEST(RegistryStartup, DumpVersionAndCache) {
     RegDumpVersion();
     DumpRegistryCache();
     const std::string out = testing::internal::GetCapturedStdout();
-    const std::string expected =
-        "Lock owner PID: 0\nRegistry version stamp: 1\n"
-        "Last PID to write Registry: " +
-        std::to_string(getpid()) + "\n";
-    EXPECT_EQ(expected, out.substr(0, expected.size()));
-    EXPECT_NE(std::string::npos,
-              out.find("Name=                 \tvalue;                \tREG_SZ\n"))
-        << out;
-    EXPECT_NE(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\FromTemplate=7\n")) << out;
+    EXPECT_TRUE(
+        Has(out, "Lock owner PID: 0\nRegistry version stamp: 1\nLast PID to write Registry: " +
+                     std::to_string(getpid()) + "\n"));
+    EXPECT_TRUE(Has(out, "Name=                 \tvalue;                \tREG_SZ\n"));
+    EXPECT_TRUE(Has(out, "HKEY_LOCAL_MACHINE\\FromTemplate=7\n"));
 }
 
 }  // namespace

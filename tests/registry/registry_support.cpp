@@ -101,6 +101,13 @@ bool KeyExists(const std::string& path) {
     return true;
 }
 
+::testing::AssertionResult Has(const std::string& text, const std::string& needle) {
+    const bool found = text.find(needle) != std::string::npos;
+    return (found ? ::testing::AssertionSuccess() : ::testing::AssertionFailure())
+           << "'" << needle << "' " << (found ? "is" : "is not") << " in:\n"
+           << text;
+}
+
 void RemoveSysV(const std::string& lockFile) {
     key_t key = ftok(lockFile.c_str(), 1);
     if (key == static_cast<key_t>(-1)) return;

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
 #include <tvcommonutil.h>
 
 #include "test_support.h"
@@ -55,6 +56,9 @@ LONG SetAndClose(const std::string& path, const std::string& name, const std::st
 // Open, query, close: the value, "<no key>" or "<result>".
 std::string Query(const std::string& path, const std::string& name);
 bool KeyExists(const std::string& path);
+
+// Whether text contains needle; either way the message shows the text.
+::testing::AssertionResult Has(const std::string& text, const std::string& needle);
 
 // Removes the semaphore set and the segment keyed by ftok(lockFile, 1).
 void RemoveSysV(const std::string& lockFile);

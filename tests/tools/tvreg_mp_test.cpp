@@ -122,6 +122,14 @@ protected:
     int runs_ = 0;
 };
 
+// Whether text contains needle; either way the message shows the text.
+::testing::AssertionResult Has(const std::string& text, const std::string& needle) {
+    const bool found = text.find(needle) != std::string::npos;
+    return (found ? ::testing::AssertionSuccess() : ::testing::AssertionFailure())
+           << "'" << needle << "' " << (found ? "is" : "is not") << " in:\n"
+           << text;
+}
+
 // An error is one line on standard error, from the tool, naming `what`.
 ::testing::AssertionResult OneErrorLine(const Result& r, const std::string& what) {
     if (r.err.empty() || r.err.back() != '\n' || r.err.find('\n') != r.err.size() - 1 ||
@@ -153,12 +161,12 @@ TEST_F(Tvreg, HelpUsageErrorsAndAnEmptyInstallDirectory) {
     EXPECT_EQ(help.status, 0);
     for (const char* c : {"query", "list", "set", "delete", "export", "import", "watch", "status",
                           "--root", "--json", "\\u00XX", "TV_REGISTRY", "Exit status"}) {
-        EXPECT_NE(help.out.find(c), std::string::npos) << c;
+        EXPECT_TRUE(Has(help.out, c)) << c;
     }
     Result setHelp = Run({"set", "--help"});
     EXPECT_EQ(setHelp.status, 0);
-    EXPECT_NE(setHelp.out.find("multi_sz"), std::string::npos);
-    EXPECT_EQ(setHelp.out.find("tvreg watch"), std::string::npos);
+    EXPECT_TRUE(Has(setHelp.out, "multi_sz"));
+    EXPECT_FALSE(Has(setHelp.out, "tvreg watch"));
 
     struct Case {
         std::vector<std::string> args;
@@ -211,7 +219,7 @@ TEST_F(Tvreg, HelpUsageErrorsAndAnEmptyInstallDirectory) {
     EXPECT_LT(shmget(SysVKey(install_), 0, 0), 0);
 }
 
-TEST_F(Tvreg, SetQueryListAndDelete) {
+TEST_F(Tvreg, SetQueryListExportImportAndDelete) {
     ASSERT_EQ(Status({"set", "HKLM\\Software\\App", "Root", "sz", "/srv/app"}), 0);
     ASSERT_EQ(Status({"set", "hklm/software/app", "MaxClients", "dword", "0x40"}), 0);
     ASSERT_EQ(
@@ -222,12 +230,14 @@ TEST_F(Tvreg, SetQueryListAndDelete) {
     // Bytes that are not UTF-8 (a stray byte, a surrogate's encoding) next
     // to a real two-byte character; a key name with '/' in it.
     ASSERT_EQ(Status({"set", "HKLM\\Software\\a/b", "n\xff", "sz", "a\xc3\xa9\xed\xa0\x80z"}), 0);
+    ASSERT_EQ(Status({"set", "HKLM\\Software\\App\\x/y", "s", "sz", "slash"}), 0);
+    ASSERT_EQ(Status({"set", "HKLM\\Software\\Other", "a", "sz", "b"}), 0);
 
     Result one = Run({"query", "HKLM/SOFTWARE/APP", "maxclients"});
     EXPECT_EQ(one.status, 0);
-    EXPECT_NE(one.out.find("MaxClients"), std::string::npos) << one.out;
-    EXPECT_NE(one.out.find("REG_DWORD"), std::string::npos);
-    EXPECT_NE(one.out.find("64 (0x40)"), std::string::npos);
+    EXPECT_TRUE(Has(one.out, "MaxClients"));
+    EXPECT_TRUE(Has(one.out, "REG_DWORD"));
+    EXPECT_TRUE(Has(one.out, "64 (0x40)"));
 
     json q = ParseJson(Run({"--json", "query", "HKLM\\Software\\App\\Sub", "Quote"}).out);
     EXPECT_EQ(q["key"], "HKEY_LOCAL_MACHINE\\Software\\App\\Sub");
@@ -245,45 +255,11 @@ TEST_F(Tvreg, SetQueryListAndDelete) {
     EXPECT_EQ(all["values"][0]["data"], json({"alpha", "beta"}));
 
     json list = ParseJson(Run({"list", "--json", "HKLM\\Software\\App"}).out);
-    EXPECT_EQ(list["subkeys"], json({"Sub"}));
+    EXPECT_EQ(list["subkeys"], json({"Sub", "x/y"}));
     EXPECT_EQ(list["values"].size(), 3u);
     Result text = Run({"list", "HKLM\\Software"});
     EXPECT_EQ(text.status, 0);
-    EXPECT_NE(text.out.find("subkeys (2):\n  a/b\n  App\n"), std::string::npos) << text.out;
-
-    // Not found: status 1 and a line naming what is missing.
-    Result r = Run({"query", "HKLM\\Software\\App", "Nope"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(OneErrorLine(r, "value not found: 'Nope' in HKEY_LOCAL_MACHINE\\Software\\App"));
-    for (const char* cmd : {"list", "delete"}) {
-        r = Run({cmd, "HKLM\\Software\\Gone"});
-        EXPECT_EQ(r.status, 1);
-        EXPECT_TRUE(OneErrorLine(r, "key not found: HKEY_LOCAL_MACHINE\\Software\\Gone"));
-    }
-    EXPECT_EQ(Status({"delete", "HKLM\\Software\\App", "Root"}), 0);
-    r = Run({"delete", "HKLM\\Software\\App", "Root"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(OneErrorLine(r, "value not found: 'Root'"));
-    EXPECT_EQ(Status({"query", "HKLM\\Software\\App", "Root"}), 1);
-    EXPECT_EQ(Status({"query", "HKLM\\Software\\App", "Hosts"}), 0);
-
-    // A key right below the root, with its subtree.
-    EXPECT_EQ(Status({"delete", "HKLM\\Software"}), 0);
-    EXPECT_EQ(Status({"query", "HKLM\\Software\\App\\Sub"}), 1);
-    EXPECT_EQ(tvtest::ReadFile(RegistryFile()), "\n");
-    // The empty registry's root lists as an empty key.
-    Result empty = Run({"list", "HKLM"});
-    EXPECT_EQ(empty.status, 0) << empty.err;
-    EXPECT_EQ(empty.out, "HKEY_LOCAL_MACHINE\nsubkeys (0):\nvalues (0):\n");
-}
-
-TEST_F(Tvreg, ExportIsTheFileAndImportRoundTrips) {
-    ASSERT_EQ(Status({"set", "HKLM\\Software\\App", "Root", "sz", "/srv/app"}), 0);
-    ASSERT_EQ(Status({"set", "HKLM\\Software\\App", "MaxClients", "dword", "64"}), 0);
-    ASSERT_EQ(Status({"set", "HKLM\\Software\\App", "Hosts", "multi_sz", "alpha", "beta"}), 0);
-    ASSERT_EQ(Status({"set", "HKLM\\Software\\App\\Db", "port", "dword", "5432"}), 0);
-    ASSERT_EQ(Status({"set", "HKLM\\Software\\App\\x/y", "s", "sz", "slash"}), 0);
-    ASSERT_EQ(Status({"set", "HKLM\\Software\\Other", "a", "sz", "b"}), 0);
+    EXPECT_TRUE(Has(text.out, "subkeys (3):\n  a/b\n  App\n  Other\n"));
 
     Result whole = Run({"export"});
     EXPECT_EQ(whole.status, 0);
@@ -293,11 +269,9 @@ TEST_F(Tvreg, ExportIsTheFileAndImportRoundTrips) {
     Result app = Run({"export", "HKLM/Software/App"});
     ASSERT_EQ(app.status, 0);
     EXPECT_EQ(app.out.compare(0, 32, "HKEY_LOCAL_MACHINE\\Software\\App="), 0) << app.out;
-    EXPECT_NE(whole.out.find(app.out), std::string::npos);  // one contiguous slice
-    EXPECT_EQ(app.out.find("Other"), std::string::npos);
-    EXPECT_NE(app.out.find("MaxClients=           \t                 0x40;\tREG_DWORD\n"),
-              std::string::npos)
-        << app.out;
+    EXPECT_TRUE(Has(whole.out, app.out));  // one contiguous slice
+    EXPECT_FALSE(Has(app.out, "Other"));
+    EXPECT_TRUE(Has(app.out, "MaxClients=           \t                 0x40;\tREG_DWORD\n"));
 
     const std::string saved = dir_.file("app.txt");
     tvtest::WriteFile(saved, app.out);
@@ -311,7 +285,7 @@ TEST_F(Tvreg, ExportIsTheFileAndImportRoundTrips) {
     Result again = Run({"export", "HKLM\\Software\\App"});
     EXPECT_EQ(std::regex_replace(again.out, number, "=N\n"),
               std::regex_replace(app.out, number, "=N\n"));
-    EXPECT_NE(again.out.find("\\App\\x/y="), std::string::npos) << again.out;
+    EXPECT_TRUE(Has(again.out, "\\App\\x/y="));
     EXPECT_EQ(Run({"export"}).out, tvtest::ReadFile(RegistryFile()));
 
     // A hand-written text from standard input: comments, a decimal dword,
@@ -332,7 +306,7 @@ TEST_F(Tvreg, ExportIsTheFileAndImportRoundTrips) {
     int reported = 0;
     for (const char* line :
          {"-:2: line ignored", "-:6: line ignored", "-:9: line ignored", "-:10: line ignored"}) {
-        EXPECT_NE(imp.err.find(line), std::string::npos) << line << "\n" << imp.err;
+        EXPECT_TRUE(Has(imp.err, line));
     }
     for (size_t at = 0; (at = imp.err.find("tvreg: ", at)) != std::string::npos; ++at) ++reported;
     EXPECT_EQ(reported, 4) << imp.err;
@@ -354,6 +328,32 @@ TEST_F(Tvreg, ExportIsTheFileAndImportRoundTrips) {
     Result missing = Run({"import", dir_.file("nope.txt")});
     EXPECT_EQ(missing.status, 1);
     EXPECT_TRUE(OneErrorLine(missing, "cannot open " + dir_.file("nope.txt")));
+
+    // Not found: status 1 and a line naming what is missing.
+    Result r = Run({"query", "HKLM\\Software\\App", "Nope"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(OneErrorLine(r, "value not found: 'Nope' in HKEY_LOCAL_MACHINE\\Software\\App"));
+    for (const char* cmd : {"list", "delete"}) {
+        r = Run({cmd, "HKLM\\Software\\Gone"});
+        EXPECT_EQ(r.status, 1);
+        EXPECT_TRUE(OneErrorLine(r, "key not found: HKEY_LOCAL_MACHINE\\Software\\Gone"));
+    }
+    EXPECT_EQ(Status({"delete", "HKLM\\Software\\App", "Root"}), 0);
+    r = Run({"delete", "HKLM\\Software\\App", "Root"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(OneErrorLine(r, "value not found: 'Root'"));
+    EXPECT_EQ(Status({"query", "HKLM\\Software\\App", "Root"}), 1);
+    EXPECT_EQ(Status({"query", "HKLM\\Software\\App", "Hosts"}), 0);
+
+    // A key right below the root, with its subtree.
+    EXPECT_EQ(Status({"delete", "HKLM\\Software"}), 0);
+    EXPECT_EQ(Status({"delete", "HKLM\\Hand"}), 0);
+    EXPECT_EQ(Status({"query", "HKLM\\Software\\App\\Sub"}), 1);
+    EXPECT_EQ(tvtest::ReadFile(RegistryFile()), "\n");
+    // The empty registry's root lists as an empty key.
+    Result empty = Run({"list", "HKLM"});
+    EXPECT_EQ(empty.status, 0) << empty.err;
+    EXPECT_EQ(empty.out, "HKEY_LOCAL_MACHINE\nsubkeys (0):\nvalues (0):\n");
 }
 
 // args: install directory, marker. Takes the registry lock and stops itself.
@@ -388,9 +388,7 @@ TEST_F(Tvreg, StatusNamesTheLastWriterAndAStoppedHolder) {
     EXPECT_GE(j["version_stamp"].get<long>(), 1);
     EXPECT_GE(j["processes_attached"].get<long>(), 1);
     Result text = Run({"status"});
-    EXPECT_NE(text.out.find("last writer:         pid " + std::to_string(writer)),
-              std::string::npos)
-        << text.out;
+    EXPECT_TRUE(Has(text.out, "last writer:         pid " + std::to_string(writer)));
 
     // A holder stopped with the lock: status answers at once and names it.
     pid_t holder = tvtest::SpawnChild("hold_and_stop", {install_, dir_.file("held")});
@@ -418,9 +416,7 @@ TEST_F(Tvreg, WatchSeesAnotherProcessChangeAndEndsOnSigterm) {
     close(fds[1]);
     std::string seen;
     ASSERT_TRUE(ReadUntil(fds[0], seen, "\n")) << seen;
-    EXPECT_NE(seen.find("watching HKEY_LOCAL_MACHINE\\Watched: 1 values, 0 subkeys\n"),
-              std::string::npos)
-        << seen;
+    EXPECT_TRUE(Has(seen, "watching HKEY_LOCAL_MACHINE\\Watched: 1 values, 0 subkeys\n"));
 
     ASSERT_EQ(Status({"set", "HKLM\\Watched", "Level", "dword", "2"}), 0);
     EXPECT_TRUE(ReadUntil(fds[0], seen, "value 'Level' changed: REG_DWORD 2 (0x2)")) << seen;
