@@ -6,15 +6,12 @@
 #include <errno.h>
 #include <string.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 
 #include <tvcommonutil.h>
 
 #include "registry/registry_internal.h"
 #include "registry_support.h"
-#include "thread_probe.h"
 
 namespace {
 
@@ -80,34 +77,30 @@ TEST(RegistryApi, QuerySizesAndTypes) {
                                reinterpret_cast<const BYTE*>(empty), sizeof empty));
 
     DWORD type = 0, size = 0;
-    EXPECT_EQ(0, RegQueryValueEx(h, "Sz", nullptr, &type, nullptr, &size));
+    auto query = [&](const char* name, void* buf, DWORD room, HKEY key) {
+        type = 0;
+        size = room;
+        return RegQueryValueEx(key, name, nullptr, &type, static_cast<BYTE*>(buf), &size);
+    };
+    char buf[32];
+    unsigned long out = 0;
+    EXPECT_EQ(0, query("Sz", nullptr, 0, h));
     EXPECT_EQ(REG_SZ, type);
     EXPECT_EQ(6u, size);
-    char small[4];
-    size = sizeof small;
-    EXPECT_EQ(234, RegQueryValueEx(h, "Sz", nullptr, &type, reinterpret_cast<BYTE*>(small), &size));
+    EXPECT_EQ(234, query("Sz", buf, 4, h));
     EXPECT_EQ(6u, size);
-    EXPECT_EQ(13, RegQueryValueEx(h, "Nope", nullptr, &type, nullptr, &size));
-    EXPECT_EQ(-1, RegQueryValueEx(0x3456789, "Sz", nullptr, &type, nullptr, &size));
-
-    unsigned long out = 0;
-    size = 4;
-    type = 0;
-    EXPECT_EQ(234, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    EXPECT_EQ(13, query("Nope", nullptr, 0, h));
+    EXPECT_EQ(-1, query("Sz", nullptr, 0, 0x3456789));
+    EXPECT_EQ(234, query("Dw", &out, 4, h));  // "more data" still tells the type and the size
     EXPECT_EQ(8u, size);
     EXPECT_EQ(REG_DWORD, type);
-    EXPECT_EQ(0, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    EXPECT_EQ(0, query("Dw", &out, 8, h));
     EXPECT_EQ(REG_DWORD, type);
     EXPECT_EQ(31u, out);
-
-    char buf[32];
-    size = sizeof buf;
-    ASSERT_EQ(0, RegQueryValueEx(h, "Multi", nullptr, &type, reinterpret_cast<BYTE*>(buf), &size));
+    ASSERT_EQ(0, query("Multi", buf, sizeof buf, h));
     EXPECT_EQ(REG_MULTI_SZ, type);
     EXPECT_EQ(std::string("a\0b\0c\0\0", 7), std::string(buf, size));
-    size = sizeof buf;
-    ASSERT_EQ(
-        0, RegQueryValueEx(h, "EmptyMulti", nullptr, &type, reinterpret_cast<BYTE*>(buf), &size));
+    ASSERT_EQ(0, query("EmptyMulti", buf, sizeof buf, h));
     EXPECT_EQ(1u, size);
 
     // A DWORD of 31: "0x1f" through RegSetValueEx, "31" through a batch.
@@ -118,8 +111,7 @@ TEST(RegistryApi, QuerySizesAndTypes) {
     ASSERT_EQ(0, RegSetValueNode("BatchMulti", REG_MULTI_SZ, "x\0y\0", batch));
     EXPECT_EQ(-1, RegSetValueNode("Bin", REG_BINARY, "x", batch));
     ASSERT_EQ(0, RegBatchSetValueEx(h, batch));
-    size = sizeof out;
-    ASSERT_EQ(0, RegQueryValueEx(h, "Batch", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    ASSERT_EQ(0, query("Batch", &out, sizeof out, h));
     EXPECT_EQ(31u, out);
     EXPECT_EQ(0, RegCloseKey(h));
     const std::string file = env.ReadRegistryFile();
@@ -344,33 +336,6 @@ TEST(RegistryNotify, SecondCallSignalsAfterAChange) {
     }
     RegCloseKey(r);
     RegCloseKey(w);
-}
-
-// A synchronous call blocks until the event is set from elsewhere: the
-// first call on a key never signals by itself.
-TEST(RegistryNotify, SynchronousCallWaits) {
-    RegistryEnv env;
-    HKEY r = Create("Sync", 0, 0);
-    Event* e = static_cast<Event*>(CreateEvent(nullptr, FALSE, FALSE, nullptr));
-    std::atomic<pid_t> tid{0};
-    std::atomic<LONG> result{-5};
-    std::thread waiter([&] {
-        tid = tvtest::CurrentTid();
-        result = RegNotifyChangeKeyValue(r, FALSE, 0, e, FALSE);
-    });
-    while (tid == 0) std::this_thread::yield();
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
-    EXPECT_EQ(-5, result.load());
-    SetEvent(e);
-    waiter.join();
-    EXPECT_EQ(0, result.load());
-    // Without an event the thread's own registry event is used.
-    std::thread own([&] { result = RegNotifyChangeKeyValue(r, FALSE, 0, nullptr, TRUE); });
-    own.join();
-    EXPECT_EQ(0, result.load());
-    e->SetEventData(-1);
-    CloseHandle(e);
-    RegCloseKey(r);
 }
 
 TEST(CRegistryTest, TypedAccess) {

@@ -19,7 +19,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <regex>
 #include <set>
@@ -33,11 +32,11 @@
 #include "registry/registry_internal.h"
 #include "registry/registry_test_hooks.h"
 #include "registry_support.h"
+#include "thread_probe.h"
 
 namespace {
 
 using namespace regtest;
-using namespace std::chrono_literals;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kUnderAsan = true;
@@ -123,23 +122,6 @@ bool AppendLocked(FileLock& f, const char* text) {
     if (lseek(f.GetFileDescriptor(), 0, SEEK_END) < 0) return false;
     int len = static_cast<int>(strlen(text));
     return f.WriteBlk(text, len) == len;
-}
-
-// Whether /proc/locks shows a lock request of process `pid` blocked on the
-// file with inode `ino`. -1 when /proc/locks cannot be read.
-int BlockedOnFile(pid_t pid, ino_t ino) {
-    std::ifstream in("/proc/locks");
-    if (!in) return -1;
-    std::string line;
-    std::string pidField = " " + std::to_string(pid) + " ";
-    std::string inoField = ":" + std::to_string(ino) + " ";
-    while (std::getline(in, line)) {
-        if (line.find("->") != std::string::npos && line.find(pidField) != std::string::npos &&
-            line.find(inoField) != std::string::npos) {
-            return 1;
-        }
-    }
-    return 0;
 }
 
 }  // namespace
@@ -578,9 +560,16 @@ TEST(RegistryMultiProcess, NotifyWakesOnChangesFromThreadsAndProcesses) {
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(e, 30000, FALSE));
     EXPECT_EQ(0, WaitChildFor(other, 60));
 
+    // The synchronous form (with the thread's own event) blocks until then.
     std::atomic<int> woken(0);
-    std::thread sync(
-        [&] { woken = RegNotifyChangeKeyValue(r, FALSE, 0, nullptr, FALSE) == 0 ? 1 : 2; });
+    std::atomic<pid_t> tid(0);
+    std::thread sync([&] {
+        tid = tvtest::CurrentTid();
+        woken = RegNotifyChangeKeyValue(r, FALSE, 0, nullptr, FALSE) == 0 ? 1 : 2;
+    });
+    while (tid == 0) std::this_thread::yield();
+    EXPECT_TRUE(tvtest::WaitUntilSleeping(tid));
+    EXPECT_EQ(0, woken.load());
     other = tvtest::SpawnChild("reg_do", {"leave", "Watch", "V", "3"});
     EXPECT_EQ(0, WaitChildFor(other, 60));
     for (int i = 0; i < 30000 && woken == 0; ++i) usleep(1000);
@@ -612,8 +601,6 @@ TEST(FileLockProcesses, SecondOpenerWaitsForTheHolderToClose) {
     const std::string file = dir.file("shared"), ready = dir.file("ready"), go = dir.file("go");
     pid_t child = tvtest::SpawnChild("file_lock_holder", {file, ready, go});
     ASSERT_TRUE(WaitForFile(ready));
-    struct stat st;
-    ASSERT_EQ(0, stat(file.c_str(), &st));
     // Flags outside the locking table neither lock nor wait: they open at
     // once, report false, and see the holder's lock (and later none).
     auto probe = [&] {
@@ -622,25 +609,20 @@ TEST(FileLockProcesses, SecondOpenerWaitsForTheHolderToClose) {
         return lockf(f.GetFileDescriptor(), F_TEST, 0) != 0;
     };
     EXPECT_TRUE(probe());
-
-    std::atomic<bool> acquired{false};
-    std::atomic<bool> appended{false};
+    std::atomic<bool> acquired{false}, appended{false};
+    std::atomic<pid_t> tid{0};
     std::thread opener([&] {
+        tid = tvtest::CurrentTid();
         FileLock f;
         if (!f.OpenAndLockFile(file.c_str(), O_CREAT, nullptr, false)) return;
         acquired = true;
         appended = AppendLocked(f, "B");
         f.CloseAndUnLockFile();
     });
-    // Let the child go on only once this process is seen blocked on the lock
-    // (where the kernel shows it); either way "B" can only follow "A".
-    auto end = std::chrono::steady_clock::now() + 10s;
-    int blocked;
-    while ((blocked = BlockedOnFile(getpid(), st.st_ino)) == 0 &&
-           std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(1ms);
-    }
-    EXPECT_NE(0, blocked) << "the opener never showed up as blocked";
+    // The child goes on once the opener sleeps on the lock; either way "B"
+    // can only follow "A".
+    while (tid == 0) std::this_thread::yield();
+    EXPECT_TRUE(tvtest::WaitUntilSleeping(tid));
     EXPECT_FALSE(acquired.load());
     tvtest::WriteFile(go, "go");
     EXPECT_EQ(0, tvtest::WaitChild(child));
