@@ -55,9 +55,7 @@ TEST(RegistryApi, OpenCreateAndResultCodes) {
     ASSERT_EQ(0, SetSz(w, "Name", "v"));
     EXPECT_EQ(0, RegCloseKey(r1));
     EXPECT_EQ("v", GetSz(r2, "Name"));
-    EXPECT_EQ(0, RegCloseKey(r2));
-    EXPECT_EQ(0, RegCloseKey(again));
-    EXPECT_EQ(0, RegCloseKey(w));
+    for (HKEY k : {r2, again, w}) EXPECT_EQ(0, RegCloseKey(k));
     EXPECT_EQ(-1, RegCloseKey(w));  // no open left
     EXPECT_EQ(-1, RegCloseKey(0x2345678));
 }

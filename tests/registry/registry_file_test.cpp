@@ -21,12 +21,7 @@ namespace {
 
 using namespace regtest;
 
-const char kSoftware[] =
-    "\n"
-    "HKEY_LOCAL_MACHINE=536870913\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\Software=10223\n"
-    "\n";
+const char kSoftware[] = "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\Software=10223\n\n";
 
 // The literal layout: the root's empty line first, each key's block (key
 // line, values in case-insensitive name order, "%-22s\t%22s\t%s", an empty
@@ -63,10 +58,7 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     const std::string zedLine =
         "HKEY_LOCAL_MACHINE\\Software\\Zed=" + std::to_string(zed & KEY_INDEX_MASK) + "\n";
     const std::string expected =
-        "\n"
-        "HKEY_LOCAL_MACHINE=536870913\n"
-        "\n"
-        "HKEY_LOCAL_MACHINE\\Software=10223\n"
+        "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\Software=10223\n"
         "AVeryLongValueNameThatOverflows=\t                     ;\tREG_SZ\n"
         "hosts=                \t          alpha beta ;\tREG_MULTI_SZ\n"
         "MaxClients=           \t                 0x40;\tREG_DWORD\n"
@@ -96,44 +88,24 @@ TEST(RegistryFile, WriterProducesTheExactText) {
 // Every kind of line of a hand-written file, including the odd ones.
 TEST(RegistryFile, ReaderTakesEveryLineKind) {
     std::string text =
-        "Orphan=before any key;REG_SZ\n"
-        "# a comment with HKEY_LOCAL_MACHINE in it\n"
-        "\n"
-        "HKEY_LOCAL_MACHINE=536870913\n"
-        "HKEY_LOCAL_MACHINE\\NoNumber\n"
-        "HKEY_LOCAL_MACHINE\\Hex=0x10\n"
-        "Padded=      \t    spaced  out   ;\t  REG_SZ\n"
-        " Spaced =a=b;REG_SZ\n"
-        "Empty=;REG_SZ\n"
-        "two words=x;REG_SZ\n"
-        "Num=0x1f;REG_DWORD\n"
-        "Dec=31;REG_DWORD\n"
-        "Multi=a b c ;REG_MULTI_SZ\n"
+        "Orphan=before any key;REG_SZ\n# a comment with HKEY_LOCAL_MACHINE in it\n\n"
+        "HKEY_LOCAL_MACHINE=536870913\nHKEY_LOCAL_MACHINE\\NoNumber\nHKEY_LOCAL_MACHINE\\Hex=0x10\n"
+        "Padded=      \t    spaced  out   ;\t  REG_SZ\n Spaced =a=b;REG_SZ\nEmpty=;REG_SZ\n"
+        "two words=x;REG_SZ\nNum=0x1f;REG_DWORD\nDec=31;REG_DWORD\nMulti=a b c ;REG_MULTI_SZ\n"
         "Crlf=value;REG_SZ\r\n"
-        "NoSemicolon=abc REG_SZ\n"
-        "NoEquals;REG_SZ\n"
-        "NoType=abc;\n"
-        "BadType=abc;REG_BINARY\n"
-        "Suffix=1;REG_SZX\n"
-        "TrailingBlank=abc;REG_SZ \n"
-        "Semi=a;b;REG_SZ\n"
-        "\n"
-        "HKEY_LOCAL_MACHINE\\Octal=010\n"
-        "HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"
-        "V=1;REG_SZ\n"
+        // Value lines the reader ignores.
+        "NoSemicolon=abc REG_SZ\nNoEquals;REG_SZ\nNoType=abc;\nBadType=abc;REG_BINARY\n"
+        "Suffix=1;REG_SZX\nTrailingBlank=abc;REG_SZ \nSemi=a;b;REG_SZ\n\n"
+        "HKEY_LOCAL_MACHINE\\Octal=010\nHKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\nV=1;REG_SZ\n"
         // The marker after the "=": a key line, but not one the writer could
         // give back; it is ignored with its values.
-        "Odd=HKEY_LOCAL_MACHINE\n"
-        "W=1;REG_SZ\n"
+        "Odd=HKEY_LOCAL_MACHINE\nW=1;REG_SZ\n"
         // The root misspelt (the marker comes later): keys are found without
         // regard to case, so taking it would name the root "hKEY..." and no
         // key line written afterwards would carry the marker. Ignored too.
-        "hKEY_LOCAL_MACHINE\\Case\\HKEY_LOCAL_MACHINE=5\n"
-        "C=1;REG_SZ\n"
+        "hKEY_LOCAL_MACHINE\\Case\\HKEY_LOCAL_MACHINE=5\nC=1;REG_SZ\n"
         // Numbers the tree cannot use as handles are replaced.
-        "HKEY_LOCAL_MACHINE\\Big=99999999999999999999\n"
-        "Z=z;REG_SZ\n"
-        "HKEY_LOCAL_MACHINE\\Neg=-5\n";
+        "HKEY_LOCAL_MACHINE\\Big=99999999999999999999\nZ=z;REG_SZ\nHKEY_LOCAL_MACHINE\\Neg=-5\n";
     text += std::string("Nul=b\0c;REG_SZ\n", 15);  // cut at the NUL: no ";"
     std::string deep = "HKEY_LOCAL_MACHINE";
     for (int i = 0; i < 1500; ++i) deep += "\\k";
@@ -229,43 +201,18 @@ TEST(RegistryFile, LongLinesAreSplitAt4095) {
 }
 
 const char kBefore[] =
-    "\n"
-    "HKEY_LOCAL_MACHINE=536870913\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App=100\n"
-    "A=1;REG_SZ\n"
-    "B=2;REG_SZ\n"
-    "C=3;REG_SZ\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App\\Gone=102\n"
-    "G=1;REG_SZ\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App\\Old=101\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App\\Shared=103\n"
-    "\n";
+    "\nHKEY_LOCAL_MACHINE=536870913\n\n"
+    "HKEY_LOCAL_MACHINE\\App=100\nA=1;REG_SZ\nB=2;REG_SZ\nC=3;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Gone=102\nG=1;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Old=101\n\nHKEY_LOCAL_MACHINE\\App\\Shared=103\n\n";
 
 // What another process wrote meanwhile.
 const char kTheirs[] =
-    "\n"
-    "HKEY_LOCAL_MACHINE=536870913\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App=100\n"
-    "A=theirs;REG_SZ\n"
-    "B=theirs-b;REG_SZ\n"
-    "C=3c;REG_SZ\n"
-    "D=new;REG_SZ\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App\\Old=101\n"
-    "O=back;REG_SZ\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App\\Old\\Below=107\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App\\Shared=103\n"
-    "X=1;REG_SZ\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\App\\Theirs=104\n"
-    "\n";
+    "\nHKEY_LOCAL_MACHINE=536870913\n\n"
+    "HKEY_LOCAL_MACHINE\\App=100\nA=theirs;REG_SZ\nB=theirs-b;REG_SZ\nC=3c;REG_SZ\nD=new;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Old=101\nO=back;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Old\\Below=107\n\nHKEY_LOCAL_MACHINE\\App\\Shared=103\nX=1;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Theirs=104\n\n";
 
 TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
     const std::string before = kBefore;
@@ -324,9 +271,7 @@ TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
     RegBumpVersion();
     app = Open("App");
     EXPECT_EQ("later", GetSz(app, "A"));
-    EXPECT_EQ(0, RegCloseKey(app));
-    EXPECT_EQ(0, RegCloseKey(gone));
-    EXPECT_EQ(0, RegCloseKey(shared));
+    for (HKEY h : {app, gone, shared}) EXPECT_EQ(0, RegCloseKey(h));
 }
 
 // An edit made to the file from outside moves no stamp; it is still taken

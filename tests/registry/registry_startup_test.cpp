@@ -20,12 +20,7 @@ namespace {
 using namespace regtest;
 
 const char kTemplate[] =
-    "\n"
-    "HKEY_LOCAL_MACHINE=536870913\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\FromTemplate=7\n"
-    "T=1;REG_SZ\n"
-    "\n";
+    "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\FromTemplate=7\nT=1;REG_SZ\n\n";
 
 bool WaitForText(const std::string& path, const std::string& text) {
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
