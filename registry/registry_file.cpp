@@ -713,3 +713,12 @@ const char* RegValueTextProblem(const char* name, const char* data, DWORD type) 
 const char* RegKeyPathProblem(const char* path) {
     return path == nullptr ? "no key path" : tv::detail::KeyPathProblem(path);
 }
+
+BOOL RegParseValueLine(const char* line, CKWString* name, CKWString* data, DWORD* type) {
+    tv::detail::RegValue v;
+    if (!v.FormatValue(line)) return FALSE;
+    if (name != nullptr) *name = v.GetName();
+    if (data != nullptr) *data = v.GetData();
+    if (type != nullptr) *type = v.GetType();
+    return TRUE;
+}

@@ -445,35 +445,13 @@ struct ImportKey {
     std::vector<ImportValue> values;
 };
 
-inline bool IsBlank(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
-// A value line as the registry reader takes it: "name=data;TYPE", the data
-// trimmed, the type word exact after leading white space.
+// A value line as the registry reader takes it (the library's own parser).
 inline bool ParseValueLine(const std::string& line, ImportValue& v) {
-    const size_t eq = line.find('=');
-    if (eq == std::string::npos) return false;
-    const size_t semi = line.find(';', eq + 1);
-    if (semi == std::string::npos) return false;
-    size_t b = eq + 1;
-    size_t e = semi;
-    while (b < e && IsBlank(line[b])) ++b;
-    while (e > b && IsBlank(line[e - 1])) --e;
-    size_t w = semi + 1;
-    while (w < line.size() && IsBlank(line[w])) ++w;
-    const std::string word = line.substr(w);
-    if (word == "REG_SZ") {
-        v.type = REG_SZ;
-    } else if (word == "REG_DWORD") {
-        v.type = REG_DWORD;
-    } else if (word == "REG_MULTI_SZ") {
-        v.type = REG_MULTI_SZ;
-    } else {
-        return false;
-    }
-    v.name = line.substr(0, eq);
-    v.data = line.substr(b, e - b);
+    CKWString name;
+    CKWString data;
+    if (!RegParseValueLine(line.c_str(), &name, &data, &v.type)) return false;
+    v.name = name.c_str();
+    v.data = data.c_str();
     return true;
 }
 
