@@ -281,8 +281,9 @@ const char* ValueLineProblem(const char* name, const char* data, unsigned long t
     const size_t nameLen = strlen(name);
     const size_t dataLen = strlen(data);
     if (strpbrk(name, "\r\n") != nullptr) return "a value name cannot contain a line end";
-    if (name[0] == '#')
+    if (name[0] == '#') {
         return "a value name cannot start with '#' (the line would read as a comment)";
+    }
     if (strchr(name, '=') != nullptr) {
         return "a value name cannot contain '=' (the file ends the name at the first '=')";
     }
