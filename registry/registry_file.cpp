@@ -15,8 +15,10 @@
 // writer killed at any point leaves at worst a stray temporary file. An
 // empty or short temporary file is never renamed.
 #include <ctype.h>
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -130,7 +132,133 @@ void AppendValueLine(std::string& out, const RegValue& v) {
     out += '\n';
 }
 
+const char kTempPrefix[] = ".tv.registry.tmp.";
+
 }  // namespace
+
+CKWString RegistryTempName(const CKWString& dir) {
+    static unsigned long counter = 0;
+    std::string base = dir.str();
+    while (base.size() > 1 && base[base.size() - 1] == '/') base.erase(base.size() - 1);
+    CKWString name;
+    name.Format("%s/%s%ld.%lx.%lx", base.c_str(), kTempPrefix, static_cast<long>(getpid()),
+                static_cast<unsigned long>(GetTickCount()),
+                __atomic_add_fetch(&counter, 1, __ATOMIC_RELAXED));
+    return name;
+}
+
+// The pid in the name decides: a process that no longer exists writes
+// nothing more. A pid that is alive, or that this process may not signal,
+// keeps its file (at worst a reused pid leaves one stray file for longer).
+void RemoveStaleTempFiles(const CKWString& dir) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return;
+    const size_t n = sizeof kTempPrefix - 1;
+    while (const dirent* e = readdir(d)) {
+        if (strncmp(e->d_name, kTempPrefix, n) != 0) continue;
+        char* end = nullptr;
+        const long pid = strtol(e->d_name + n, &end, 10);
+        if (pid <= 0 || end == nullptr || *end != '.') continue;
+        if (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+        if (unlinkat(dirfd(d), e->d_name, 0) != 0) {
+            // Another starting process removed it first.
+        }
+    }
+    closedir(d);
+}
+
+namespace {
+
+// The owner and mode a copy of `source` gets: the registry's owner when
+// the template told it, and a mode never more open than the source's (a
+// backup never shows more than the registry it copies). Only a privileged
+// process can give a file away; a failed chown leaves the writer's own.
+void ApplyOwner(int fd, const struct stat& source) {
+    uid_t uid = source.st_uid;
+    gid_t gid = source.st_gid;
+    mode_t mode = source.st_mode;
+    if (RegistryFileOwner(uid, gid, mode)) mode &= source.st_mode;
+    if (fchown(fd, uid, gid) != 0) {
+    }
+    if (fchmod(fd, mode & 07777) != 0) {
+    }
+}
+
+bool CopyBytes(int in, int out) {
+    char buf[64 * 1024];
+    for (;;) {
+        ssize_t n = read(in, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return n == 0;
+        for (ssize_t done = 0; done < n;) {
+            ssize_t w = write(out, buf + done, static_cast<size_t>(n - done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w < 0) return false;
+            done += w;
+        }
+    }
+}
+
+std::string Reason(const char* path, int err) {
+    return std::string(path) + ": " + (err == ELOOP ? "it is a symbolic link" : strerror(err));
+}
+
+}  // namespace
+
+bool CopyRegistryFile(const char* from, const char* to, bool replace, bool fromLink,
+                      std::string& why) {
+    const int in = open(from, O_RDONLY | O_CLOEXEC | (fromLink ? 0 : O_NOFOLLOW));
+    if (in < 0) {
+        why = Reason(from, errno);
+        return false;
+    }
+    struct stat st;
+    if (fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
+        why = std::string(from) + ": not a regular file";
+        close(in);
+        return false;
+    }
+    std::string dir = to;
+    dir = dir.rfind('/') == std::string::npos ? "." : dir.substr(0, dir.rfind('/'));
+    CKWString temp;
+    int out = -1;
+    for (int attempt = 0; attempt < 20 && out < 0; ++attempt) {
+        temp = RegistryTempName(dir);
+        out = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (out < 0 && errno != EEXIST) break;
+    }
+    if (out < 0) {
+        why = Reason(temp.c_str(), errno);
+        close(in);
+        return false;
+    }
+    bool ok = CopyBytes(in, out);
+    if (ok) ApplyOwner(out, st);
+    ok = ok && fsync(out) == 0;
+    if (!ok) why = Reason(temp.c_str(), errno);
+    ok = close(out) == 0 && ok;
+    close(in);
+    struct stat target;
+    if (ok && replace) {
+        // rename() would replace a link rather than follow it, but a link
+        // where the registry keeps a file is somebody's doing: say so.
+        if (lstat(to, &target) == 0 && S_ISLNK(target.st_mode)) {
+            why = Reason(to, ELOOP) + "; left as it is";
+            ok = false;
+        } else if (rename(temp.c_str(), to) != 0) {
+            why = Reason(to, errno);
+            ok = false;
+        }
+    } else if (ok && link(temp.c_str(), to) != 0 && errno != EEXIST) {
+        // No hard links on this file system: a rename, unless `to` appeared.
+        if (lstat(to, &target) == 0 || errno != ENOENT || rename(temp.c_str(), to) != 0) {
+            why = Reason(to, errno);
+            ok = false;
+        }
+    }
+    unlink(temp.c_str());  // after a rename, a name nobody else uses: gone already
+    return ok;
+}
 
 const char* RegTypeWord(unsigned long type) {
     switch (type) {
@@ -145,28 +273,47 @@ const char* RegTypeWord(unsigned long type) {
     }
 }
 
-bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type) {
+const char* ValueLineProblem(const char* name, const char* data, unsigned long type) {
     const char* word = RegTypeWord(type);
-    if (word == nullptr) return false;
-    if (name.length() > 0 && name[0] == '#') return false;  // would read as a comment
-    for (const CKWString* s : {&name, &data}) {
-        if (strpbrk(s->c_str(), "\r\n") != nullptr) return false;
-        if (strstr(s->c_str(), kKeyMarker) != nullptr) return false;
+    if (word == nullptr) return "the type is not REG_SZ, REG_DWORD or REG_MULTI_SZ";
+    if (name == nullptr) name = "";
+    if (data == nullptr) data = "";
+    const size_t nameLen = strlen(name);
+    const size_t dataLen = strlen(data);
+    if (strpbrk(name, "\r\n") != nullptr) return "a value name cannot contain a line end";
+    if (name[0] == '#') {
+        return "a value name cannot start with '#' (the line would read as a comment)";
     }
-    // The reader splits at the first '=' and the last ';' and trims blanks
-    // around both fields: such text would come back renamed or cut. (A
-    // multi-string's trailing blank is its own separator, trimmed on purpose.)
-    auto blankEdge = [](const CKWString& s) {
-        const size_t n = static_cast<size_t>(s.length());
-        return n > 0 && (isblank(static_cast<unsigned char>(s[0])) ||
-                         isblank(static_cast<unsigned char>(s[static_cast<int>(n - 1)])));
-    };
-    if (strchr(name.c_str(), '=') != nullptr || blankEdge(name)) return false;
-    if (strchr(data.c_str(), ';') != nullptr) return false;
-    if (type != REG_MULTI_SZ && blankEdge(data)) return false;
-    size_t nameField = std::max<size_t>(22, static_cast<size_t>(name.length()) + 1);
-    size_t dataField = std::max<size_t>(22, static_cast<size_t>(data.length()) + 1);
-    return nameField + 1 + dataField + 1 + strlen(word) <= static_cast<size_t>(kRegLineMax);
+    if (strchr(name, '=') != nullptr) {
+        return "a value name cannot contain '=' (the file ends the name at the first '=')";
+    }
+    // The reader splits at the first '=' and the last ';' and trims what it
+    // takes for blanks around the data: such text would come back renamed
+    // or cut. (A multi-string's trailing blank is its own separator,
+    // trimmed on purpose.)
+    if (nameLen > 0 && (IsBlank(name[0]) || IsBlank(name[nameLen - 1]))) {
+        return "a value name cannot start or end with white space";
+    }
+    if (strpbrk(data, "\r\n") != nullptr) return "data cannot contain a line end";
+    if (strchr(data, ';') != nullptr) {
+        return "data cannot contain ';' (the file ends the data at the first ';')";
+    }
+    if (type != REG_MULTI_SZ && dataLen > 0 && (IsBlank(data[0]) || IsBlank(data[dataLen - 1]))) {
+        return "data cannot start or end with white space (the file trims it)";
+    }
+    if (strstr(name, kKeyMarker) != nullptr || strstr(data, kKeyMarker) != nullptr) {
+        return "neither name nor data may contain the text HKEY_LOCAL_MACHINE (it marks key lines)";
+    }
+    const size_t nameField = std::max<size_t>(22, nameLen + 1);
+    const size_t dataField = std::max<size_t>(22, dataLen + 1);
+    if (nameField + 1 + dataField + 1 + strlen(word) > static_cast<size_t>(kRegLineMax)) {
+        return "the value is too long for one line of the registry file (4095 characters)";
+    }
+    return nullptr;
+}
+
+bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type) {
+    return ValueLineProblem(name.c_str(), data.c_str(), type) == nullptr;
 }
 
 static bool StartsAtRoot(const char* path) {
@@ -174,12 +321,18 @@ static bool StartsAtRoot(const char* path) {
     return strncmp(path, kKeyMarker, n) == 0 && (path[n] == '\0' || path[n] == '\\');
 }
 
-bool KeyPathFits(const CKWString& path) {
-    if (strchr(path.c_str(), '\n') != nullptr || strchr(path.c_str(), '=') != nullptr) {
-        return false;
-    }
+const char* KeyPathProblem(const char* path) {
+    if (strchr(path, '\n') != nullptr) return "a key name cannot contain a line end";
+    if (strchr(path, '=') != nullptr) return "a key name cannot contain '='";
     // "=" and up to ten digits of the number.
-    return path.length() + 11 <= kRegLineMax;
+    if (strlen(path) + 11 > static_cast<size_t>(kRegLineMax)) {
+        return "the key path is too long for one line of the registry file";
+    }
+    return nullptr;
+}
+
+bool KeyPathFits(const CKWString& path) {
+    return KeyPathProblem(path.c_str()) == nullptr;
 }
 
 // ---------------------------------------------------------------------------
@@ -423,7 +576,7 @@ using tv::detail::PercentSafe;
 BOOL ReadRegistry(int refresh) {
     const CKWString path = GetRegistryPath();
     FileLock file;
-    if (!file.OpenFileUnLocked(path.c_str(), O_RDONLY)) return FALSE;
+    if (!file.OpenFileUnLocked(path.c_str(), O_RDONLY | O_NOFOLLOW)) return FALSE;
     struct stat st;
     if (refresh && file.FileStat(&st) == 0 && st.st_size == 0) {
         // The writer never makes an empty file: this is an edit in progress
@@ -452,7 +605,7 @@ BOOL WriteRegistry() {
     int status = 0;
     bool opened = false;
     for (int attempt = 0;; ++attempt) {
-        name = KWTempNam(dir);
+        name = tv::detail::RegistryTempName(dir);
         status = 0;
         if (temp.OpenAndLockFile(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_TRUNC, &status,
                                  false)) {
@@ -528,6 +681,16 @@ BOOL WriteRegistry() {
         if (fchmod(fd, mode & 07777) != 0) {
         }
     }
+    // A link planted at the registry's path is not replaced (nor followed).
+    struct stat old;
+    if (lstat(path.c_str(), &old) == 0 && S_ISLNK(old.st_mode)) {
+        unix_err("WriteRegistry: %s is a symbolic link; not replaced\n",
+                 PercentSafe(path.c_str()).c_str());
+        temp.CloseAndUnLockFile();
+        unlink(name.c_str());
+        errno = ELOOP;
+        return FALSE;
+    }
     if (rename(name.c_str(), path.c_str()) != 0) {
         int err = errno;
         temp.CloseAndUnLockFile();
@@ -541,5 +704,22 @@ BOOL WriteRegistry() {
     tv::detail::PublishWrite();
     RegistryKeys()->CommitWritten();
     temp.CloseAndUnLockFile();
+    return TRUE;
+}
+
+const char* RegValueTextProblem(const char* name, const char* data, DWORD type) {
+    return tv::detail::ValueLineProblem(name, data, type);
+}
+
+const char* RegKeyPathProblem(const char* path) {
+    return path == nullptr ? "no key path" : tv::detail::KeyPathProblem(path);
+}
+
+BOOL RegParseValueLine(const char* line, CKWString* name, CKWString* data, DWORD* type) {
+    tv::detail::RegValue v;
+    if (!v.FormatValue(line)) return FALSE;
+    if (name != nullptr) *name = v.GetName();
+    if (data != nullptr) *data = v.GetData();
+    if (type != nullptr) *type = v.GetType();
     return TRUE;
 }

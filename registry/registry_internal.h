@@ -349,9 +349,28 @@ bool ReadRegistryFd(int fd, int refresh);
 int ReadRegistryAtStartUp(const char* path, std::string& why);
 // Checks that a value or key line stays readable: no line end, no text the
 // reader would take for a key line, and not longer than kRegLineMax.
+// The one place of these rules (the API, the tool through the public
+// wrappers, and the reader's round trip all depend on them): the reason a
+// value or key line would not read back as written, or null.
+const char* ValueLineProblem(const char* name, const char* data, unsigned long type);
+const char* KeyPathProblem(const char* path);
 bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type);
 bool KeyPathFits(const CKWString& path);
 const char* RegTypeWord(unsigned long type);
+// A fresh temporary name in dir for a file of this process
+// ("<dir>/.tv.registry.tmp.<pid>.<tick>.<n>"): every file the registry
+// writes is made under such a name and then moved into place.
+CKWString RegistryTempName(const CKWString& dir);
+// Removes the temporary files of that pattern whose writer is gone (a
+// writer killed mid-write leaves one behind). A live writer's file stays.
+void RemoveStaleTempFiles(const CKWString& dir);
+// Copies `from` to `to` without following a symbolic link at `to` (nor at
+// `from`, unless fromLink: the template may be a packaged link). The copy is written under a
+// temporary name, given its owner and mode through the descriptor, flushed, and then moved into
+// place (renamed over `to` with replace; otherwise linked, leaving an existing `to` alone). A link
+// at `to` is refused and left as it is. False with the reason in why.
+bool CopyRegistryFile(const char* from, const char* to, bool replace, bool fromLink,
+                      std::string& why);
 // The buffer size a query of v needs.
 unsigned long QuerySize(const RegValue& v);
 

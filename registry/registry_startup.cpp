@@ -18,6 +18,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "foundation/clock_internal.h"
 #include "registry/registry_internal.h"
 #include "tvcommonutil/files.h"
@@ -58,17 +60,23 @@ CKWString InstallPath() {
     return *g_installPath;
 }
 
-void GiveOwnership(const char* path) {
-    uid_t uid;
-    gid_t gid;
-    mode_t mode;
-    if (!RegistryFileOwner(uid, gid, mode)) return;
-    // Only a privileged process can give files away; failures leave the
-    // caller's own ownership.
-    if (chown(path, uid, gid) != 0) {
+// A fresh install directory has no registry directory yet: it is made
+// (0755 whatever the umask, as the tool makes it). Only a directory that
+// exists and cannot be written, or cannot be made, is an error.
+bool MakeRegistryDir(const CKWString& dir) {
+    std::string path = dir.str();
+    while (path.size() > 1 && path[path.size() - 1] == '/') path.erase(path.size() - 1);
+    if (mkdir(path.c_str(), 0755) == 0) {
+        const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd >= 0) {
+            if (fchmod(fd, 0755) != 0) {
+            }
+            close(fd);
+        }
+    } else if (errno != EEXIST) {
+        return false;
     }
-    if (chmod(path, mode & 07777) != 0) {
-    }
+    return access(path.c_str(), W_OK) == 0;
 }
 
 void MarkInitialised() {
@@ -275,10 +283,11 @@ void InitRegistry(int flags, int create) {
 
     struct stat st;
     const bool regExists = stat(registry.c_str(), &st) == 0;
-    if (access(dir.c_str(), W_OK) != 0 || (regExists && access(registry.c_str(), W_OK) != 0)) {
+    if (!MakeRegistryDir(dir) || (regExists && access(registry.c_str(), W_OK) != 0)) {
         int err = errno;
         fprintf(stderr, "InitRegistry:  problem accessing %s or %s, errno: %d/%s\n", dir.c_str(),
                 registry.c_str(), err, strerror(err));
+        fflush(stderr);
         _exit(1);
     }
 
@@ -295,11 +304,12 @@ void InitRegistry(int flags, int create) {
     }
 
     const CKWString lockFile = dir + ".registry-lockfile";
-    int fd = open(lockFile.c_str(), O_RDONLY | O_CREAT, 0444);
+    int fd = open(lockFile.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0444);
     if (fd < 0) {
         int err = errno;
         fprintf(stderr, "Unable to create registry lock file '%s':%s\n", lockFile.c_str(),
-                strerror(err));
+                err == ELOOP ? "it is a symbolic link" : strerror(err));
+        fflush(stderr);
         _exit(1);
     }
     close(fd);
@@ -312,8 +322,9 @@ void InitRegistry(int flags, int create) {
     }
 
     RegLockCache(RegLockExclusive);
+    RemoveStaleTempFiles(dir);
     bool fromTemplate = false;
-    if (stat(registry.c_str(), &st) == 0) {
+    if (lstat(registry.c_str(), &st) == 0) {
         if (st.st_size == 0) {
             // Deliberately goes on: the empty file reads as an empty tree.
             unix_err(
@@ -322,16 +333,10 @@ void InitRegistry(int flags, int create) {
                 PercentSafe(registry.c_str()).c_str(), PercentSafe(backup.c_str()).c_str());
         }
     } else {
-        for (int retries = 0;; ++retries) {
-            if (stat(registry.c_str(), &st) == 0) break;
-            if (CopyFile(templ.c_str(), registry.c_str(), 1)) break;
-            if (retries >= 10) {
-                unix_err("InitRegistry: Template copy failed!!\n");
-                break;
-            }
-            SleepMs(100);
+        std::string why;
+        if (!CopyRegistryFile(templ.c_str(), registry.c_str(), false, true, why)) {
+            unix_err("InitRegistry: Template copy failed!!\n");
         }
-        GiveOwnership(registry.c_str());
         fromTemplate = true;
     }
     std::string why;
@@ -346,10 +351,9 @@ void InitRegistry(int flags, int create) {
     // Only a registry that read correctly and holds something may replace
     // the backup.
     if ((flags & 1) && read > 0) {
-        if (CopyFile(registry.c_str(), backup.c_str(), 0)) {
-            GiveOwnership(backup.c_str());
-        } else {
-            unix_err("InitRegistry: Backup failed\n");
+        std::string whyNot;
+        if (!CopyRegistryFile(registry.c_str(), backup.c_str(), true, false, whyNot)) {
+            unix_err("InitRegistry: Backup failed: %s\n", PercentSafe(whyNot.c_str()).c_str());
         }
     }
     MarkInitialised();
@@ -362,8 +366,10 @@ BOOL RegBackupRegistry() {
     const CKWString registry = GetRegistryPath();
     const CKWString backup = registry + ".bak";
     RegLockCache(RegLockExclusive);
-    BOOL ok = CopyFile(registry.c_str(), backup.c_str(), 0);
-    if (ok) GiveOwnership(backup.c_str());
+    std::string why;
+    const BOOL ok =
+        CopyRegistryFile(registry.c_str(), backup.c_str(), true, false, why) ? TRUE : FALSE;
+    if (!ok) unix_err("RegBackupRegistry: %s\n", PercentSafe(why.c_str()).c_str());
     RegUnlockCache(RegLockExclusive);
     return ok;
 }

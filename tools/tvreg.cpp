@@ -10,11 +10,11 @@
 // error that starts with "tvreg: ".
 //
 // Two choices worth knowing:
-//  - It does not remove the registry's semaphore and shared page when it
-//    exits. Removing them is for the last process attached, and a tool that
-//    exits while a server is starting would pull them away from under it.
-//    Leaving them also keeps the version stamp and last writer meaningful
-//    for "tvreg status" between runs.
+//  - At exit it detaches from the registry's semaphore and shared page like
+//    any process of the registry (CleanSystemResources): the last process
+//    attached removes them, so after a run with no server attached the
+//    version stamp starts again at 0. A server starting meanwhile is safe:
+//    start-up attaches again when the objects go away under it.
 //  - Imports hand the file write to the library's lazy writer (a thread it
 //    starts for the import and cancels at the end, which writes once), so an
 //    import of many keys rewrites the file once instead of once per key.
@@ -420,7 +420,7 @@ int CmdSet(const Args& a) {
     if (type == "dword" && !ParseNumber(data[0], number)) {
         return Usage("'%s' is not a number from 0 to %lu", data[0].c_str(), ULONG_MAX);
     }
-    if (!CheckValueText(name, type, data, error)) return Usage("%s", error.c_str());
+    if (!CheckValueText(name, type, data, number, error)) return Usage("%s", error.c_str());
     int ready = Ready(a);
     if (ready >= 0) return ready;
 
@@ -443,8 +443,7 @@ int CmdSet(const Args& a) {
         // after every string and another at the end, would be held with a
         // trailing blank that the next read of the file trims away, so the
         // file would not read back as written.
-        std::string text;
-        for (const std::string& d : data) text += (text.empty() ? "" : " ") + d;
+        const std::string text = StoredText(type, data, number);
         set = RegSetValueEx(key.get(), name.c_str(), 0, REG_MULTI_SZ,
                             reinterpret_cast<const BYTE*>(text.c_str()),
                             static_cast<DWORD>(text.size() + 1));
@@ -536,10 +535,17 @@ int CmdExport(const Args& a) {
 
 // --- import ------------------------------------------------------------------
 
-bool ReadLines(FILE* f, std::vector<std::string>& lines) {
+// The text's lines; binary is set (and reading stops) at a NUL byte, which
+// no text of the registry's form holds.
+bool ReadLines(FILE* f, std::vector<std::string>& lines, bool& binary) {
     std::string cur;
     int c;
+    binary = false;
     while ((c = getc(f)) != EOF) {
+        if (c == '\0') {
+            binary = true;
+            return true;
+        }
         if (c == '\n') {
             lines.push_back(cur);
             cur.clear();
@@ -574,21 +580,33 @@ int CmdImport(const Args& a) {
         return Fail(kExitNotFound, "cannot open %s: %s", file.c_str(), strerror(err));
     }
     std::vector<std::string> lines;
-    const bool readOk = ReadLines(f, lines);
+    bool binary = false;
+    const bool readOk = ReadLines(f, lines, binary);
     if (f != stdin) fclose(f);
     if (!readOk) return Fail(kExitNotFound, "cannot read %s", file.c_str());
+    if (binary) {
+        return Fail(kExitNotFound, "%s is not a text in the registry's form (it holds a NUL byte)",
+                    file.c_str());
+    }
 
     std::vector<ImportKey> keys;
+    int ignored = 0;
+    auto ignore = [&](int no, const char* why) {
+        fprintf(stderr, "tvreg: %s:%d: line ignored: %s\n", file.c_str(), no, why);
+        ++ignored;
+    };
     bool inKey = false;  // value lines belong to the last usable key line
     for (size_t i = 0; i < lines.size(); ++i) {
-        const std::string& line = lines[i];
+        std::string line = lines[i];
         const int no = static_cast<int>(i + 1);
+        // The reader takes a CR before the line feed for part of the line end.
+        if (!line.empty() && line[line.size() - 1] == '\r') line.erase(line.size() - 1);
         if (line.empty() || line[0] == '#') continue;
         if (line.find(kRoot) != std::string::npos) {
             inKey = false;
             const size_t eq = line.find('=');
             if (eq == std::string::npos) {
-                fprintf(stderr, "tvreg: %s:%d: key line without '=' ignored\n", file.c_str(), no);
+                ignore(no, "key line without '='");
                 continue;
             }
             const std::string path = line.substr(0, eq);
@@ -597,19 +615,21 @@ int CmdImport(const Args& a) {
             std::string error;
             if (path.compare(0, strlen(kRoot), kRoot) != 0 ||
                 (path.size() > strlen(kRoot) && path[strlen(kRoot)] != '\\') ||
-                !ParseKey(path, k.key, error)) {
-                fprintf(stderr, "tvreg: %s:%d: key line not below HKEY_LOCAL_MACHINE ignored\n",
-                        file.c_str(), no);
+                !ParseKey(path, k.key, error, true)) {
+                ignore(no, "key line not below HKEY_LOCAL_MACHINE");
                 continue;
             }
             keys.push_back(k);
             inKey = true;
             continue;
         }
-        if (!inKey) continue;  // before any key line: the reader ignores it too
+        if (!inKey) {
+            ignore(no, "value line outside any key");
+            continue;
+        }
         ImportValue v;
         if (!ParseValueLine(line, v)) {
-            fprintf(stderr, "tvreg: %s:%d: line ignored: not 'name=data;TYPE'\n", file.c_str(), no);
+            ignore(no, "not 'name=data;TYPE'");
             continue;
         }
         v.line = no;
@@ -624,7 +644,7 @@ int CmdImport(const Args& a) {
     static int interval = 3600 * 1000;
     pthread_t writer;
     const bool lazy = pthread_create(&writer, nullptr, LazyWriterThread, &interval) == 0;
-    int status = kExitOk;
+    int status = ignored > 0 ? kExitNotFound : kExitOk;
     for (const ImportKey& k : keys) {
         OpenKey key;
         if (key.Create(k.key) != ERROR_SUCCESS) {

@@ -37,12 +37,15 @@ const char kIntro[] =
     "  --root DIR   install directory; overrides TV_REGISTRY (default\n"
     "               /usr/lib/tavren/../). The registry is DIR/registry/tv.registry.\n"
     "  --json       query, list and status: print one JSON document instead\n"
+    "               (always valid UTF-8: a byte of a name or data that is not\n"
+    "               part of well-formed UTF-8 is written as \\u00XX, XX its value)\n"
     "  --help, -h   this text; 'tvreg COMMAND --help' describes one command\n"
     "  --           end of options (for names or data starting with '-')\n"
     "\n"
     "KEY is HKEY_LOCAL_MACHINE or HKLM, alone or followed by '\\' and a path,\n"
-    "e.g. 'HKLM\\Software\\App' or HKLM/Software/App (forward slashes work too;\n"
-    "letter case is ignored when keys are matched).\n"
+    "e.g. 'HKLM\\Software\\App' or HKLM/Software/App (letter case is ignored\n"
+    "when keys are matched). Forward slashes separate names only in a KEY\n"
+    "without any '\\'; with one, '/' is part of a name ('HKLM\\Software\\a/b').\n"
     "\n"
     "Commands:\n";
 
@@ -69,10 +72,11 @@ const CommandHelp kCommands[] = {
      "  number (decimal, 0x hexadecimal or 0 octal, up to 64 bits), stored as\n"
      "  0x hexadecimal; multi_sz takes zero or more strings.\n"
      "  The file has no escapes, so what it could not give back is refused as a\n"
-     "  usage error: a NAME containing '=' or a line end or starting with '#';\n"
-     "  DATA containing ';' or a line end, or sz data with leading or trailing\n"
-     "  white space; multi_sz strings that are empty or contain white space;\n"
-     "  the text HKEY_LOCAL_MACHINE anywhere; lines over 4095 characters.\n"
+     "  usage error, by the same rules the library applies: a NAME containing\n"
+     "  '=' or a line end, starting with '#' or starting or ending with white\n"
+     "  space; DATA containing ';' or a line end, or sz data with leading or\n"
+     "  trailing white space; multi_sz strings that are empty or contain white\n"
+     "  space; the text HKEY_LOCAL_MACHINE anywhere; lines over 4095 characters.\n"
      "  A key that so far existed only as the path to deeper keys becomes a key\n"
      "  of its own with its first value.\n"},
     {"delete", "delete KEY [NAME]",
@@ -90,11 +94,15 @@ const CommandHelp kCommands[] = {
      "  Applies a text in the registry file's form (as export writes it; '-' reads\n"
      "  standard input): every key line creates its key, every value line sets\n"
      "  its value, through the registry API, and the file is written once at the\n"
-     "  end. Lines the registry reader would ignore are ignored (those that are\n"
-     "  neither comments nor empty are reported). Key numbers in the text are not\n"
-     "  kept: keys made by the import are numbered afresh. REG_DWORD values are\n"
-     "  stored as 0x hexadecimal whatever their notation in the text.\n"
-     "  Values that cannot be set are reported; the status is then 1.\n"},
+     "  end. Lines the registry reader would ignore are ignored, and each one\n"
+     "  that is neither a comment nor empty is reported with its line number\n"
+     "  (value lines outside any usable key line included); the rest is applied\n"
+     "  and the status is then 1. A CR before a line end is part of the line\n"
+     "  end. A file holding a NUL byte is not a text and is refused whole.\n"
+     "  Key numbers in the text are not kept: keys made by the import are\n"
+     "  numbered afresh. REG_DWORD values are stored as 0x hexadecimal whatever\n"
+     "  their notation in the text. Values that cannot be set are reported; the\n"
+     "  status is then 1.\n"},
     {"watch", "watch [--interval MS] KEY",
      "  Prints a line when watching starts and then one line each time KEY\n"
      "  changes (values set, changed or deleted, subkeys added or removed, the\n"
@@ -127,8 +135,10 @@ const char kOutro[] =
     "library makes the registry), and every other command fails with status 1.\n"
     "When only the template is missing, the library reports that on standard\n"
     "error at start-up and carries on. tvreg attaches to the registry's\n"
-    "semaphore and shared page like a server and leaves them in place when it\n"
-    "exits (they belong to whichever process is attached; see 'ipcs').\n"
+    "semaphore and shared page like a server, and at exit detaches as every\n"
+    "process of the registry does: when it is the last process attached, it\n"
+    "removes them (the next process makes them afresh, version stamp 0);\n"
+    "otherwise they stay for the processes still attached (see 'ipcs').\n"
     "\n"
     "Exit status: 0 success; 1 a key, value, file or registry was not found or\n"
     "an operation failed; 2 usage error.\n";
@@ -158,11 +168,16 @@ struct KeyArg {
     std::string Display() const { return sub.empty() ? kRoot : std::string(kRoot) + "\\" + sub; }
 };
 
-inline bool ParseKey(const std::string& text, KeyArg& key, std::string& error) {
+// '\\' separates the names of a KEY. So does '/', for convenience, but only
+// in a KEY without any '\\' (and never in the file's own key lines, which
+// import reads with fileForm): a name may contain '/' and stay reachable.
+inline bool ParseKey(const std::string& text, KeyArg& key, std::string& error,
+                     bool fileForm = false) {
+    const bool slashes = !fileForm && text.find('\\') == std::string::npos;
     std::vector<std::string> parts;
     std::string cur;
     for (char c : text) {
-        if (c == '\\' || c == '/') {
+        if (c == '\\' || (slashes && c == '/')) {
             if (!cur.empty()) parts.push_back(cur);
             cur.clear();
         } else {
@@ -177,15 +192,11 @@ inline bool ParseKey(const std::string& text, KeyArg& key, std::string& error) {
     }
     key.sub.clear();
     for (size_t i = 1; i < parts.size(); ++i) {
-        if (parts[i].find('=') != std::string::npos || parts[i].find('\n') != std::string::npos) {
-            error = "a key name cannot contain '=' or a line end: '" + parts[i] + "'";
-            return false;
-        }
         if (!key.sub.empty()) key.sub += '\\';
         key.sub += parts[i];
     }
-    if (key.Display().size() + 11 > kLineMax) {
-        error = "KEY is too long for one line of the registry file";
+    if (const char* problem = RegKeyPathProblem(key.Display().c_str())) {
+        error = std::string(problem) + ": '" + text + "'";
         return false;
     }
     return true;
@@ -259,9 +270,58 @@ inline std::string DataText(const Value& v) {
 // JSON
 // ---------------------------------------------------------------------------
 
+// The length of the well-formed UTF-8 sequence at s[i] (no overlong forms,
+// no surrogates, nothing past U+10FFFF), or 0 when the byte starts none.
+inline size_t Utf8Length(const std::string& s, size_t i) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    size_t n;
+    unsigned long cp;
+    if (c < 0x80) return 1;
+    if (c >= 0xc2 && c <= 0xdf) {
+        n = 2;
+        cp = c & 0x1f;
+    } else if (c >= 0xe0 && c <= 0xef) {
+        n = 3;
+        cp = c & 0x0f;
+    } else if (c >= 0xf0 && c <= 0xf4) {
+        n = 4;
+        cp = c & 0x07;
+    } else {
+        return 0;
+    }
+    if (i + n > s.size()) return 0;
+    for (size_t k = 1; k < n; ++k) {
+        const unsigned char cc = static_cast<unsigned char>(s[i + k]);
+        if ((cc & 0xc0) != 0x80) return 0;
+        cp = (cp << 6) | (cc & 0x3f);
+    }
+    if ((n == 3 && (cp < 0x800 || (cp >= 0xd800 && cp <= 0xdfff))) ||
+        (n == 4 && (cp < 0x10000 || cp > 0x10ffff))) {
+        return 0;
+    }
+    return n;
+}
+
+// A JSON string of s. The registry holds bytes, not necessarily UTF-8: a
+// byte that is not part of a well-formed UTF-8 sequence is written as
+// \u00XX, the code point of the same number, so the output is always valid
+// UTF-8 JSON and no byte is silently lost.
 inline std::string JsonString(const std::string& s) {
     std::string out = "\"";
-    for (unsigned char c : s) {
+    for (size_t i = 0; i < s.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(s[i]);
+        if (c >= 0x80) {
+            const size_t n = Utf8Length(s, i);
+            if (n == 0) {
+                char buf[8];
+                snprintf(buf, sizeof buf, "\\u%04x", c);
+                out += buf;
+            } else {
+                out.append(s, i, n);
+                i += n - 1;
+            }
+            continue;
+        }
         switch (c) {
             case '"':
                 out += "\\\"";
@@ -325,47 +385,40 @@ inline bool HasSpace(const std::string& s) {
     return false;
 }
 
-// Refuses what a write and a read of the file would not give back as set.
-inline bool CheckValueText(const std::string& name, const std::string& type,
-                           const std::vector<std::string>& data, std::string& error) {
-    if (name.find('=') != std::string::npos) {
-        error = "a value name cannot contain '=' (the file ends the name at the first '=')";
-    } else if (name.find('\n') != std::string::npos || name.find('\r') != std::string::npos) {
-        error = "a value name cannot contain a line end";
-    } else if (!name.empty() && name[0] == '#') {
-        error = "a value name cannot start with '#' (the line would read as a comment)";
-    } else if (name.find(kRoot) != std::string::npos) {
-        error = "a value name cannot contain the text HKEY_LOCAL_MACHINE";
+// The text the registry would hold for a set's DATA arguments.
+inline std::string StoredText(const std::string& type, const std::vector<std::string>& data,
+                              unsigned long number) {
+    if (type == "dword") {
+        char buf[32];
+        snprintf(buf, sizeof buf, "%#lx", number);
+        return buf;
     }
-    if (!error.empty()) return false;
     std::string joined;
-    for (const std::string& d : data) {
-        if (d.find(';') != std::string::npos) {
-            error = "data cannot contain ';' (the file ends the data at the first ';')";
-        } else if (d.find('\n') != std::string::npos || d.find('\r') != std::string::npos) {
-            error = "data cannot contain a line end";
-        } else if (d.find(kRoot) != std::string::npos) {
-            error = "data cannot contain the text HKEY_LOCAL_MACHINE";
-        } else if (type == "multi_sz" && (d.empty() || HasSpace(d))) {
-            error =
-                "multi_sz strings must be non-empty and hold no white space (the file joins "
-                "them with blanks): '" +
-                d + "'";
+    for (const std::string& d : data) joined += (joined.empty() ? "" : " ") + d;
+    return joined;
+}
+
+// Refuses what a write and a read of the file would not give back as set:
+// the registry's own rules, and this tool's for multi_sz (each argument is
+// one string, and the file joins the strings with blanks).
+inline bool CheckValueText(const std::string& name, const std::string& type,
+                           const std::vector<std::string>& data, unsigned long number,
+                           std::string& error) {
+    if (type == "multi_sz") {
+        for (const std::string& d : data) {
+            if (d.empty() || HasSpace(d)) {
+                error =
+                    "multi_sz strings must be non-empty and hold no white space (the file joins "
+                    "them with blanks): '" +
+                    d + "'";
+                return false;
+            }
         }
-        if (!error.empty()) return false;
-        if (!joined.empty()) joined += ' ';
-        joined += d;
     }
-    if (type == "sz" && !joined.empty() &&
-        (isspace(static_cast<unsigned char>(joined[0])) ||
-         isspace(static_cast<unsigned char>(joined[joined.size() - 1])))) {
-        error = "sz data cannot start or end with white space (the file trims it)";
-        return false;
-    }
-    const size_t nameField = std::max<size_t>(22, name.size() + 1);
-    const size_t dataField = std::max<size_t>(22, joined.size() + 2);
-    if (nameField + dataField + 2 + strlen("REG_MULTI_SZ") > kLineMax) {
-        error = "the value is too long for one line of the registry file (4095 characters)";
+    const DWORD t = type == "dword" ? REG_DWORD : type == "sz" ? REG_SZ : REG_MULTI_SZ;
+    const std::string text = StoredText(type, data, number);
+    if (const char* problem = RegValueTextProblem(name.c_str(), text.c_str(), t)) {
+        error = problem;
         return false;
     }
     return true;
@@ -392,35 +445,13 @@ struct ImportKey {
     std::vector<ImportValue> values;
 };
 
-inline bool IsBlank(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
-// A value line as the registry reader takes it: "name=data;TYPE", the data
-// trimmed, the type word exact after leading white space.
+// A value line as the registry reader takes it (the library's own parser).
 inline bool ParseValueLine(const std::string& line, ImportValue& v) {
-    const size_t eq = line.find('=');
-    if (eq == std::string::npos) return false;
-    const size_t semi = line.find(';', eq + 1);
-    if (semi == std::string::npos) return false;
-    size_t b = eq + 1;
-    size_t e = semi;
-    while (b < e && IsBlank(line[b])) ++b;
-    while (e > b && IsBlank(line[e - 1])) --e;
-    size_t w = semi + 1;
-    while (w < line.size() && IsBlank(line[w])) ++w;
-    const std::string word = line.substr(w);
-    if (word == "REG_SZ") {
-        v.type = REG_SZ;
-    } else if (word == "REG_DWORD") {
-        v.type = REG_DWORD;
-    } else if (word == "REG_MULTI_SZ") {
-        v.type = REG_MULTI_SZ;
-    } else {
-        return false;
-    }
-    v.name = line.substr(0, eq);
-    v.data = line.substr(b, e - b);
+    CKWString name;
+    CKWString data;
+    if (!RegParseValueLine(line.c_str(), &name, &data, &v.type)) return false;
+    v.name = name.c_str();
+    v.data = data.c_str();
     return true;
 }
 

@@ -190,8 +190,12 @@ private:
 // (serialising writers of the file across processes) and one shared page
 // (last writer, lock owner, version stamp, attach count).
 //
-// Every registry call starts the registry when needed. Start-up failures
-// that leave the registry unusable print their message and end the process.
+// Every registry call starts the registry when needed. A missing registry
+// directory is made (0755); temporary files left by writers that are gone
+// are removed. Start-up failures that leave the registry unusable (a
+// registry file that cannot be read or holds no key line, a symbolic link
+// at the registry's or the lock file's path) print their message and end
+// the process; a link at the backup's path is reported and left alone.
 
 // flags bit 0: copy the registry to its backup first. create: make the
 // shared objects when missing (false: they must exist, else exit code 1).
@@ -359,6 +363,20 @@ TV_API LONG RegQueryStatus(RegStatusInfo* status);
 // contribute no block of their own. 0 on success; -1 for a null text or an
 // unknown handle.
 TV_API LONG RegExportKey(HKEY hKey, CKWString* text);
+
+// The rules RegSetValueEx and RegCreateKeyEx apply before anything is
+// stored, for tools that check their input first: why the value would not
+// read back from the file as written, or null when it would. data is the
+// text the file holds (a REG_DWORD as "0x...", a REG_MULTI_SZ's strings
+// joined by blanks). The reasons are short English sentences.
+TV_API const char* RegValueTextProblem(const char* name, const char* data, DWORD type);
+// The same for a key path from HKEY_LOCAL_MACHINE on.
+TV_API const char* RegKeyPathProblem(const char* path);
+// Parses one value line as the registry reader does ("name=data;TYPE": the
+// name up to the first '=', the data up to the next ';' with the blanks
+// around it trimmed, then the type word alone). FALSE, nothing stored, for
+// a line the reader ignores.
+TV_API BOOL RegParseValueLine(const char* line, CKWString* name, CKWString* data, DWORD* type);
 
 // Whether the key behind hKey is written to the file with a block of its
 // own. A key that exists only as the path to a deeper key (made when that

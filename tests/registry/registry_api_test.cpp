@@ -1,5 +1,6 @@
-// The Reg* functions: result codes, sizes, the documented quirks, and the
-// guards that keep the file readable.
+// The Reg* functions and CRegistry: result codes, sizes, the documented
+// quirks, the guards that keep the file readable, and key notification
+// within one process.
 #include <gtest/gtest.h>
 
 #include <errno.h>
@@ -14,26 +15,7 @@
 
 namespace {
 
-using regtest::RegistryEnv;
-
-HKEY Create(HKEY parent, const char* path, REGSAM sam = KEY_ALL_ACCESS) {
-    HKEY h = 0;
-    DWORD disp = 0;
-    EXPECT_EQ(0, RegCreateKeyEx(parent, path, 0, nullptr, 0, sam, nullptr, &h, &disp)) << path;
-    return h;
-}
-
-LONG SetSz(HKEY h, const char* name, const std::string& value) {
-    return RegSetValueEx(h, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                         value.size() + 1);
-}
-
-std::string GetSz(HKEY h, const char* name) {
-    char buf[256];
-    DWORD size = sizeof buf;
-    LONG r = RegQueryValueEx(h, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
-    return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
-}
+using namespace regtest;
 
 unsigned long Revision(HKEY h) {
     tv::detail::RegKey* k = tv::detail::LookupHandle(h);
@@ -73,16 +55,14 @@ TEST(RegistryApi, OpenCreateAndResultCodes) {
     ASSERT_EQ(0, SetSz(w, "Name", "v"));
     EXPECT_EQ(0, RegCloseKey(r1));
     EXPECT_EQ("v", GetSz(r2, "Name"));
-    EXPECT_EQ(0, RegCloseKey(r2));
-    EXPECT_EQ(0, RegCloseKey(again));
-    EXPECT_EQ(0, RegCloseKey(w));
+    for (HKEY k : {r2, again, w}) EXPECT_EQ(0, RegCloseKey(k));
     EXPECT_EQ(-1, RegCloseKey(w));  // no open left
     EXPECT_EQ(-1, RegCloseKey(0x2345678));
 }
 
 TEST(RegistryApi, QuerySizesAndTypes) {
     RegistryEnv env;
-    HKEY h = Create(0, "Types");
+    HKEY h = Create("Types");
     ASSERT_EQ(0, SetSz(h, "Sz", "hello"));
     unsigned long dw = 31;
     ASSERT_EQ(0, RegSetValueEx(h, "Dw", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dw), 8));
@@ -95,34 +75,30 @@ TEST(RegistryApi, QuerySizesAndTypes) {
                                reinterpret_cast<const BYTE*>(empty), sizeof empty));
 
     DWORD type = 0, size = 0;
-    EXPECT_EQ(0, RegQueryValueEx(h, "Sz", nullptr, &type, nullptr, &size));
+    auto query = [&](const char* name, void* buf, DWORD room, HKEY key) {
+        type = 0;
+        size = room;
+        return RegQueryValueEx(key, name, nullptr, &type, static_cast<BYTE*>(buf), &size);
+    };
+    char buf[32];
+    unsigned long out = 0;
+    EXPECT_EQ(0, query("Sz", nullptr, 0, h));
     EXPECT_EQ(REG_SZ, type);
     EXPECT_EQ(6u, size);
-    char small[4];
-    size = sizeof small;
-    EXPECT_EQ(234, RegQueryValueEx(h, "Sz", nullptr, &type, reinterpret_cast<BYTE*>(small), &size));
+    EXPECT_EQ(234, query("Sz", buf, 4, h));
     EXPECT_EQ(6u, size);
-    EXPECT_EQ(13, RegQueryValueEx(h, "Nope", nullptr, &type, nullptr, &size));
-    EXPECT_EQ(-1, RegQueryValueEx(0x3456789, "Sz", nullptr, &type, nullptr, &size));
-
-    unsigned long out = 0;
-    size = 4;
-    type = 0;
-    EXPECT_EQ(234, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    EXPECT_EQ(13, query("Nope", nullptr, 0, h));
+    EXPECT_EQ(-1, query("Sz", nullptr, 0, 0x3456789));
+    EXPECT_EQ(234, query("Dw", &out, 4, h));  // "more data" still tells the type and the size
     EXPECT_EQ(8u, size);
     EXPECT_EQ(REG_DWORD, type);
-    EXPECT_EQ(0, RegQueryValueEx(h, "Dw", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    EXPECT_EQ(0, query("Dw", &out, 8, h));
     EXPECT_EQ(REG_DWORD, type);
     EXPECT_EQ(31u, out);
-
-    char buf[32];
-    size = sizeof buf;
-    ASSERT_EQ(0, RegQueryValueEx(h, "Multi", nullptr, &type, reinterpret_cast<BYTE*>(buf), &size));
+    ASSERT_EQ(0, query("Multi", buf, sizeof buf, h));
     EXPECT_EQ(REG_MULTI_SZ, type);
     EXPECT_EQ(std::string("a\0b\0c\0\0", 7), std::string(buf, size));
-    size = sizeof buf;
-    ASSERT_EQ(
-        0, RegQueryValueEx(h, "EmptyMulti", nullptr, &type, reinterpret_cast<BYTE*>(buf), &size));
+    ASSERT_EQ(0, query("EmptyMulti", buf, sizeof buf, h));
     EXPECT_EQ(1u, size);
 
     // A DWORD of 31: "0x1f" through RegSetValueEx, "31" through a batch.
@@ -133,17 +109,16 @@ TEST(RegistryApi, QuerySizesAndTypes) {
     ASSERT_EQ(0, RegSetValueNode("BatchMulti", REG_MULTI_SZ, "x\0y\0", batch));
     EXPECT_EQ(-1, RegSetValueNode("Bin", REG_BINARY, "x", batch));
     ASSERT_EQ(0, RegBatchSetValueEx(h, batch));
-    size = sizeof out;
-    ASSERT_EQ(0, RegQueryValueEx(h, "Batch", nullptr, &type, reinterpret_cast<BYTE*>(&out), &size));
+    ASSERT_EQ(0, query("Batch", &out, sizeof out, h));
     EXPECT_EQ(31u, out);
     EXPECT_EQ(0, RegCloseKey(h));
     const std::string file = env.ReadRegistryFile();
-    EXPECT_NE(std::string::npos, file.find("0x1f;\tREG_DWORD\n")) << file;
-    EXPECT_NE(std::string::npos, file.find(" 31;\tREG_DWORD\n")) << file;
-    EXPECT_NE(std::string::npos, file.find(" x y ;\tREG_MULTI_SZ\n")) << file;
+    EXPECT_TRUE(Has(file, "0x1f;\tREG_DWORD\n"));
+    EXPECT_TRUE(Has(file, " 31;\tREG_DWORD\n"));
+    EXPECT_TRUE(Has(file, " x y ;\tREG_MULTI_SZ\n"));
 
     unsigned char bin[2] = {1, 2};
-    h = Create(0, "Types");
+    h = Create("Types");
     EXPECT_EQ(-1, RegSetValueEx(h, "Bin", 0, REG_BINARY, bin, 2));
     EXPECT_EQ(ERROR_NOT_SUPPORTED, static_cast<long>(errno));
     EXPECT_EQ(0, RegCloseKey(h));
@@ -151,20 +126,17 @@ TEST(RegistryApi, QuerySizesAndTypes) {
 
 TEST(RegistryApi, EnumerationAndInfo) {
     RegistryEnv env;
-    HKEY h = Create(0, "Enum");
-    for (const char* k : {"Zeta", "alpha", "Mid"}) RegCloseKey(Create(h, k));
+    HKEY h = Create("Enum");
+    for (const char* k : {"Zeta", "alpha", "Mid"}) RegCloseKey(Create(k, h));
     ASSERT_EQ(0, SetSz(h, "second", "22"));
     ASSERT_EQ(0, SetSz(h, "First", "1"));
     ASSERT_EQ(0, SetSz(h, "second", "2"));  // keeps its place
 
     char name[16];
-    // Subkeys in order of creation.
-    ASSERT_EQ(0, RegEnumKey(h, 0, name, sizeof name));
-    EXPECT_STREQ("Zeta", name);
-    ASSERT_EQ(0, RegEnumKey(h, 2, name, sizeof name));
-    EXPECT_STREQ("Mid", name);
-    ASSERT_EQ(0, RegEnumKey(h, 1, name, sizeof name));
-    EXPECT_STREQ("alpha", name);
+    for (DWORD i : {0, 2, 1}) {  // subkeys in order of creation, in any order of asking
+        ASSERT_EQ(0, RegEnumKey(h, i, name, sizeof name));
+        EXPECT_STREQ(i == 0 ? "Zeta" : i == 1 ? "alpha" : "Mid", name);
+    }
     EXPECT_EQ(259, RegEnumKey(h, 3, name, sizeof name));
     EXPECT_EQ(-1, RegEnumKey(h, 0, name, 4));  // "Zeta" needs 5: -1, never 234
     EXPECT_EQ(0, RegEnumKey(h, 0, name, 5));
@@ -172,9 +144,8 @@ TEST(RegistryApi, EnumerationAndInfo) {
     EXPECT_EQ(-1, RegEnumKey(0x3456789, 0, name, 16));
 
     // Values in order of first setting.
-    DWORD cbName = sizeof name, type = 0, cbData = 0;
     char data[8];
-    cbData = sizeof data;
+    DWORD cbName = sizeof name, type = 0, cbData = sizeof data;
     ASSERT_EQ(0, RegEnumValue(h, 0, name, &cbName, nullptr, &type, reinterpret_cast<BYTE*>(data),
                               &cbData));
     EXPECT_STREQ("second", name);
@@ -182,7 +153,6 @@ TEST(RegistryApi, EnumerationAndInfo) {
     EXPECT_STREQ("2", data);
     EXPECT_EQ(2u, cbData);
     cbName = 3;
-    cbData = sizeof data;
     EXPECT_EQ(234, RegEnumValue(h, 1, name, &cbName, nullptr, &type, nullptr, nullptr));
     EXPECT_EQ(6u, cbName);
     cbName = sizeof name;
@@ -208,28 +178,24 @@ TEST(RegistryApi, EnumerationAndInfo) {
 
 TEST(RegistryApi, DeleteKeyRules) {
     RegistryEnv env;
-    RegCloseKey(Create(0, "Software\\Old\\Leaf"));
-    RegCloseKey(Create(0, "Software\\Keep"));
+    RegCloseKey(Create("Software\\Old\\Leaf"));
+    RegCloseKey(Create("Software\\Keep"));
     EXPECT_EQ(-1, RegDeleteKey(0, "Software"));  // no parent path
     EXPECT_EQ(-1, RegDeleteKey(0, "Nowhere\\Old"));
 
-    HKEY ro = 0;
-    ASSERT_EQ(0, RegOpenKeyEx(0, "Software", 0, KEY_READ & ~0x60000, &ro));
+    HKEY ro = Open("Software", KEY_READ & ~0x60000);
     EXPECT_EQ(0, ro & KEY_WRITE_HANDLE_BIT);
     EXPECT_EQ(-1, RegDeleteKey(ro, "Keep"));  // no write access
     EXPECT_EQ(0, RegCloseKey(ro));
 
     EXPECT_EQ(0, RegDeleteKey(0, "SOFTWARE\\OLD"));
-    HKEY h = 0;
-    EXPECT_EQ(13, RegOpenKeyEx(0, "Software\\Old", 0, 0, &h));
-    EXPECT_EQ(13, RegOpenKeyEx(0, "Software\\Old\\Leaf", 0, 0, &h));
-    ASSERT_EQ(0, RegOpenKeyEx(0, "Software\\Keep", 0, 0, &h));
-    RegCloseKey(h);
+    EXPECT_FALSE(KeyExists("Software\\Old") || KeyExists("Software\\Old\\Leaf"));
+    EXPECT_TRUE(KeyExists("Software\\Keep"));
     const std::string file = env.ReadRegistryFile();
-    EXPECT_EQ(std::string::npos, file.find("Old")) << file;
-    EXPECT_NE(std::string::npos, file.find("Software\\Keep=")) << file;
+    EXPECT_FALSE(Has(file, "Old"));
+    EXPECT_TRUE(Has(file, "Software\\Keep="));
 
-    HKEY sw = Create(0, "Software");
+    HKEY sw = Create("Software");
     EXPECT_EQ(-1, RegDeleteKey(sw, "Missing"));
     EXPECT_EQ(0, RegCloseKey(sw));
 }
@@ -238,51 +204,47 @@ TEST(RegistryApi, DeleteKeyRules) {
 // written, and comes back to life when opened again.
 TEST(RegistryApi, DeletedKeyWhileOpen) {
     RegistryEnv env;
-    HKEY parent = Create(0, "P");
-    HKEY child = Create(parent, "C");
+    HKEY parent = Create("P");
+    HKEY child = Create("C", parent);
     ASSERT_EQ(0, SetSz(child, "V", "1"));
     ASSERT_EQ(0, RegDeleteKey(parent, "C"));
     EXPECT_EQ("1", GetSz(child, "V"));
     EXPECT_EQ(-1, SetSz(child, "W", "2"));
     EXPECT_EQ(ERROR_KEY_DELETED, static_cast<long>(errno));
     ASSERT_EQ(0, RegFlushKey(parent));
-    EXPECT_EQ(std::string::npos, env.ReadRegistryFile().find("\\P\\C="));
+    EXPECT_FALSE(Has(env.ReadRegistryFile(), "\\P\\C="));
 
     // Opening it again revives it, values and all.
-    HKEY again = 0;
-    ASSERT_EQ(0,
-              RegCreateKeyEx(parent, "C", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &again, nullptr));
+    HKEY again = Create("C", parent);
     EXPECT_EQ(child, again);
     EXPECT_EQ("1", GetSz(again, "V"));
     EXPECT_EQ(0, RegCloseKey(again));
-    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("\\P\\C=")) << env.ReadRegistryFile();
+    EXPECT_TRUE(Has(env.ReadRegistryFile(), "\\P\\C="));
 
     // Deleted again and closed for the last time: gone from the tree.
     ASSERT_EQ(0, RegDeleteKey(parent, "C"));
     EXPECT_EQ(0, RegCloseKey(child));
     EXPECT_EQ(-1, RegCloseKey(child));
-    HKEY h = 0;
-    EXPECT_EQ(13, RegOpenKeyEx(parent, "C", 0, 0, &h));
+    EXPECT_FALSE(KeyExists("P\\C"));
     EXPECT_EQ(0, RegCloseKey(parent));
-    EXPECT_EQ(std::string::npos, env.ReadRegistryFile().find("\\P\\C="));
+    EXPECT_FALSE(Has(env.ReadRegistryFile(), "\\P\\C="));
 }
 
 TEST(RegistryApi, UnchangedValueDoesNotDirtyTheKey) {
     RegistryEnv env;
-    HKEY h = Create(0, "Same");
+    HKEY h = Create("Same");
     ASSERT_EQ(0, SetSz(h, "V", "x"));
     EXPECT_EQ(0, RegCloseKey(h));
-    struct stat before;
+    struct stat before, after;
     ASSERT_EQ(0, stat(env.registryFile().c_str(), &before));
-    h = Create(0, "Same");
+    h = Create("Same");
     const unsigned long rev = Revision(h);
     ASSERT_EQ(0, SetSz(h, "V", "x"));
     EXPECT_EQ(rev, Revision(h));
     EXPECT_EQ(0, RegCloseKey(h));
-    struct stat after;
     ASSERT_EQ(0, stat(env.registryFile().c_str(), &after));
     EXPECT_EQ(before.st_ino, after.st_ino);  // not rewritten
-    h = Create(0, "Same");
+    h = Create("Same");
     ASSERT_EQ(0, SetSz(h, "V", "y"));
     EXPECT_GT(Revision(h), rev);
     EXPECT_EQ(0, RegCloseKey(h));
@@ -292,7 +254,7 @@ TEST(RegistryApi, UnchangedValueDoesNotDirtyTheKey) {
 // the registry stays as it was.
 TEST(RegistryApi, RefusesValuesTheFileCannotHold) {
     RegistryEnv env;
-    HKEY h = Create(0, "Guard");
+    HKEY h = Create("Guard");
     ASSERT_EQ(0, SetSz(h, "Ok", "fine"));
     ASSERT_EQ(0, RegFlushKey(h));
     const std::string before = env.ReadRegistryFile();
@@ -315,6 +277,7 @@ TEST(RegistryApi, RefusesValuesTheFileCannotHold) {
         errno = 0;
         EXPECT_EQ(ERROR_INVALID_PARAMETER, SetSz(h, r.first.c_str(), r.second)) << r.first;
         EXPECT_EQ(EINVAL, errno) << r.first;
+        EXPECT_NE(nullptr, RegValueTextProblem(r.first.c_str(), r.second.c_str(), REG_SZ));
     }
     EXPECT_EQ(0, SetSz(h, "NearlyBig", std::string(4095 - 23 - 1 - 1 - 6, 'z')));
     std::list<RegValueList> batch;
@@ -323,14 +286,127 @@ TEST(RegistryApi, RefusesValuesTheFileCannotHold) {
     EXPECT_EQ(-1, RegBatchSetValueEx(h, batch));
     EXPECT_EQ("<13>", GetSz(h, "Good"));  // all or nothing
     HKEY k = 0;
-    EXPECT_EQ(-1, RegCreateKeyEx(h, "a=b", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k, nullptr));
-    EXPECT_EQ(-1, RegCreateKeyEx(h, "line\nbreak", 0, nullptr, 0, 0, nullptr, &k, nullptr));
-    EXPECT_EQ(-1, RegCreateKeyEx(h, std::string(4100, 'k').c_str(), 0, nullptr, 0, 0, nullptr, &k,
-                                 nullptr));
+    for (const std::string& key :
+         {std::string("a=b"), std::string("a\nb"), std::string(4100, 'k')}) {
+        EXPECT_EQ(-1, RegCreateKeyEx(h, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k,
+                                     nullptr));
+        EXPECT_NE(nullptr, RegKeyPathProblem(("HKEY_LOCAL_MACHINE\\" + key).c_str()));
+    }
     EXPECT_EQ(0, RegDeleteValue(h, "NearlyBig"));
     EXPECT_EQ(-1, RegDeleteValue(h, "NearlyBig"));
     EXPECT_EQ(0, RegCloseKey(h));
     EXPECT_EQ(before, env.ReadRegistryFile());
+}
+
+TEST(RegistryNotify, SecondCallSignalsAfterAChange) {
+    RegistryEnv env;
+    HKEY w = Create("Watched");
+    HKEY r = Create("Watched", 0, 0);  // no write bit: the handle compared as passed
+    Event* e = static_cast<Event*>(CreateEvent(nullptr, FALSE, FALSE, nullptr));
+
+    EXPECT_EQ(-1, RegNotifyChangeKeyValue(0x3456789, FALSE, 0, e, TRUE));
+    // The first call attaches and stamps the event; it does not signal.
+    ASSERT_EQ(0, RegNotifyChangeKeyValue(r, TRUE, 0, e, TRUE));
+    EXPECT_EQ(0, e->EventIsSignaled());
+    EXPECT_EQ(r, e->GetEventData());
+    // Unchanged key: nothing.
+    ASSERT_EQ(0, RegNotifyChangeKeyValue(r, TRUE, 0, e, TRUE));
+    EXPECT_EQ(0, e->EventIsSignaled());
+    ASSERT_EQ(0, SetSz(w, "V", "1"));
+    ASSERT_EQ(0, RegNotifyChangeKeyValue(r, TRUE, 0, e, TRUE));
+    EXPECT_EQ(1, e->EventIsSignaled());
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(e, 0, FALSE));
+    // Reported once per change.
+    ASSERT_EQ(0, RegNotifyChangeKeyValue(r, TRUE, 0, e, TRUE));
+    EXPECT_EQ(0, e->EventIsSignaled());
+
+    // With the write bit the comparison never matches: no early signal.
+    Event* e2 = static_cast<Event*>(CreateEvent(nullptr, FALSE, FALSE, nullptr));
+    ASSERT_EQ(0, RegNotifyChangeKeyValue(w, TRUE, 0, e2, TRUE));
+    ASSERT_EQ(0, SetSz(w, "V", "2"));
+    ASSERT_EQ(0, RegNotifyChangeKeyValue(w, TRUE, 0, e2, TRUE));
+    EXPECT_EQ(0, e2->EventIsSignaled());
+
+    EXPECT_EQ(0, RegUnnotifyChangeKeyValue(r, e));
+    for (Event* ev : {e, e2}) {
+        ev->SetEventData(-1);
+        CloseHandle(ev);
+    }
+    RegCloseKey(r);
+    RegCloseKey(w);
+}
+
+TEST(CRegistryTest, TypedAccess) {
+    RegistryEnv env;
+    {
+        CRegistry none(0, nullptr, 0);  // no call at all
+        EXPECT_EQ(0, none.GetHandle());
+        EXPECT_EQ(0, none.GetLastResult());
+    }
+    DWORD disp = 0;
+    CRegistry reg(0, "Software\\Typed", &disp, 0);
+    ASSERT_EQ(0, reg.GetLastResult());
+    EXPECT_EQ(REG_CREATED_NEW_KEY, disp);
+    EXPECT_NE(0, reg.GetHandle() & KEY_WRITE_HANDLE_BIT);
+
+    EXPECT_TRUE(reg.SetValue("Dword", 0x100UL));
+    int flag = 0;
+    EXPECT_TRUE(reg.GetValue("Dword", flag));
+    EXPECT_EQ(1, flag);
+    unsigned long n = 0;
+    EXPECT_TRUE(reg.GetValue("Dword", &n));
+    EXPECT_EQ(0x100u, n);
+    EXPECT_FALSE(reg.GetValue("Dword", static_cast<unsigned long*>(nullptr)));
+    const int seven = 7;
+    EXPECT_TRUE(reg.SetValue("Bool", seven));
+    EXPECT_TRUE(reg.GetValue("Bool", n));
+    EXPECT_EQ(1u, n);
+    EXPECT_TRUE(reg.SetValue("Sz", "text"));
+    unsigned char buf[16];
+    unsigned long size = sizeof buf;
+    EXPECT_TRUE(reg.GetValue("Sz", buf, size));
+    EXPECT_STREQ("text", reinterpret_cast<char*>(buf));
+    unsigned long multiSize = 6;
+    EXPECT_TRUE(reg.SetValue("Multi", "a\0bc\0", multiSize));
+    unsigned char bin[2] = {1, 2};
+    unsigned long binSize = 2;
+    EXPECT_FALSE(reg.SetValue("Bin", bin, binSize));
+    EXPECT_EQ(-1, reg.GetLastResult());
+    EXPECT_FALSE(reg.SetValue("a=b", "x"));  // refused as the API refuses it
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, reg.GetLastResult());
+    EXPECT_FALSE(reg.GetValue("Missing", n));
+    EXPECT_EQ(ERROR_INVALID_DATA, reg.GetLastResult());
+
+    SharedBasicString<char> s;
+    EXPECT_TRUE(reg.GetValue("Sz", s));
+    EXPECT_EQ(std::string("text", 5), s.str());  // the size the query reported
+    EXPECT_TRUE(reg.SetValue("Long", std::string(1024, 'x').c_str()));
+    EXPECT_FALSE(reg.GetValue("Long", s));
+    EXPECT_EQ(ERROR_MORE_DATA, reg.GetLastResult());
+    EXPECT_TRUE(reg.SetValue("Long", std::string(1023, 'x').c_str()));
+    EXPECT_TRUE(reg.GetValue("Long", s));
+    EXPECT_EQ(1024u, s.str().size());
+
+    EXPECT_TRUE(reg.DeleteValue("Sz"));
+    EXPECT_FALSE(reg.GetValue("Sz", buf, size));
+
+    {
+        CRegistry ro(0, "Software\\Typed", 1);
+        EXPECT_EQ(0, ro.GetLastResult());
+        EXPECT_EQ(0, ro.GetHandle() & KEY_WRITE_HANDLE_BIT);
+        EXPECT_TRUE(ro.GetValue("Dword", n));
+        EXPECT_FALSE(ro.DeleteSubKey("x"));
+        EXPECT_FALSE(ro.DeleteSubKey(nullptr));
+    }
+    // Delete() removes the child bearing the key's own subkey path as its
+    // name, not the key itself.
+    RegCloseKey(Create("Software\\Software\\Inner"));
+    CRegistry sw(0, "Software", 0);
+    EXPECT_TRUE(sw.Delete());
+    EXPECT_FALSE(KeyExists("Software\\Software"));
+    EXPECT_TRUE(KeyExists("Software\\Typed"));
+    EXPECT_TRUE(sw.DeleteSubKey("Typed"));
+    EXPECT_FALSE(sw.Delete());  // nothing of that name left
 }
 
 }  // namespace

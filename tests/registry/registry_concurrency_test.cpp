@@ -17,14 +17,13 @@
 
 namespace {
 
-using regtest::RegistryEnv;
+using namespace regtest;
 
-std::string Query(HKEY h, const std::string& name) {
-    char buf[64];
-    DWORD size = sizeof buf;
-    LONG r =
-        RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf), &size);
-    return r == 0 ? std::string(buf) : "<" + std::to_string(r) + ">";
+// Walks every subkey of h (the walk is what races with a refresh).
+void Enumerate(HKEY h) {
+    char name[64];
+    for (DWORD i = 0; RegEnumKey(h, i, name, sizeof name) == 0; ++i) {
+    }
 }
 
 // Each worker owns a key and keeps creating, filling, enumerating and
@@ -36,64 +35,40 @@ TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
     const int kWorkers = 4, kRounds = 300;
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
-
     std::thread refresher([&] {
-        while (!stop) {
+        for (HKEY h = 0; !stop; std::this_thread::yield()) {
             RegBumpVersion();
-            HKEY h = 0;
-            if (RegOpenKeyEx(0, "W0", 0, 0, &h) == 0) {
-                char name[64];
-                for (DWORD i = 0; RegEnumKey(h, i, name, sizeof name) == 0; ++i) {
-                }
-                RegCloseKey(h);
-            }
-            std::this_thread::yield();
+            if (RegOpenKeyEx(0, "W0", 0, 0, &h) != 0) continue;
+            Enumerate(h);
+            RegCloseKey(h);
         }
     });
     int interval = 1;
     pthread_t lazy;
     ASSERT_EQ(0, pthread_create(
                      &lazy, nullptr,
-                     [](void* p) -> void* {
-                         RegLazyWriteThread(p);
-                         return nullptr;
-                     },
-                     &interval));
-
+                     [](void* ms) -> void* { return RegLazyWriteThread(ms), nullptr; }, &interval));
     std::vector<std::thread> workers;
     for (int w = 0; w < kWorkers; ++w) {
         workers.emplace_back([&, w] {
             const std::string base = "W" + std::to_string(w);
             for (int i = 0; i < kRounds; ++i) {
-                HKEY k = 0;
-                const std::string sub = base + "\\K" + std::to_string(i % 5);
-                if (RegCreateKeyEx(0, sub.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k,
-                                   nullptr) != 0) {
-                    ++failures;
-                    continue;
-                }
                 const std::string v = std::to_string(i);
-                RegSetValueEx(k, "V", 0, REG_SZ, reinterpret_cast<const BYTE*>(v.c_str()),
-                              v.size() + 1);
-                if (Query(k, "V") != v) ++failures;
+                HKEY k = 0, parent = 0;
+                if (RegCreateKeyEx(0, (base + "\\K" + std::to_string(i % 5)).c_str(), 0, nullptr, 0,
+                                   KEY_ALL_ACCESS, nullptr, &k, nullptr) != 0 ||
+                    SetSz(k, "V", v) != 0 || GetSz(k, "V") != v) {
+                    ++failures;
+                }
                 RegCloseKey(k);
-                HKEY parent = 0;
                 if (RegOpenKeyEx(0, base.c_str(), 0, KEY_ALL_ACCESS, &parent) == 0) {
-                    char name[32];
-                    for (DWORD j = 0; RegEnumKey(parent, j, name, sizeof name) == 0; ++j) {
-                    }
+                    Enumerate(parent);
                     if (i % 7 == 6)
                         RegDeleteKey(parent, ("K" + std::to_string((i + 1) % 5)).c_str());
                     RegCloseKey(parent);
                 }
                 // The last value of each worker is kept.
-                HKEY last = 0;
-                if (RegCreateKeyEx(0, (base + "\\Last").c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                                   nullptr, &last, nullptr) == 0) {
-                    RegSetValueEx(last, "N", 0, REG_SZ, reinterpret_cast<const BYTE*>(v.c_str()),
-                                  v.size() + 1);
-                    RegCloseKey(last);
-                }
+                if (SetAndClose(base + "\\Last", "N", v) != 0) ++failures;
             }
         });
     }
@@ -103,14 +78,10 @@ TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
     pthread_cancel(lazy);  // writes what is left
     pthread_join(lazy, nullptr);
     EXPECT_EQ(0, failures.load());
-
     // A fresh read of the file holds every worker's last value.
     tv::detail::RegistryResetForTests();
     for (int w = 0; w < kWorkers; ++w) {
-        HKEY h = 0;
-        ASSERT_EQ(0, RegOpenKeyEx(0, ("W" + std::to_string(w) + "\\Last").c_str(), 0, 0, &h));
-        EXPECT_EQ(std::to_string(kRounds - 1), Query(h, "N"));
-        RegCloseKey(h);
+        EXPECT_EQ(std::to_string(kRounds - 1), Query("W" + std::to_string(w) + "\\Last", "N"));
     }
 }
 
@@ -125,7 +96,7 @@ TEST(RegistryConcurrency, FirstCallsRace) {
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([&] {
             HKEY h = 0;
-            if (RegOpenKeyEx(0, "Ready", 0, 0, &h) == 0 && Query(h, "R") == "1") ++ok;
+            if (RegOpenKeyEx(0, "Ready", 0, 0, &h) == 0 && GetSz(h, "R") == "1") ++ok;
             RegCloseKey(h);
         });
     }

@@ -1,10 +1,12 @@
-// The registry file: what the writer produces, byte for byte, and how the
-// reader takes hand-written files (every line kind, CR-LF, long lines,
-// intermediate keys).
+// The registry file: what the writer produces, byte for byte; how the
+// reader takes hand-written files (every line kind, CR-LF, long lines, odd
+// bytes, intermediate keys); and the refresh rule: when another writer (or
+// an administrator's editor) has changed the file, this process takes their
+// changes without dropping its own unwritten ones or bringing back what it
+// deleted.
 #include <gtest/gtest.h>
 
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,42 +19,9 @@
 
 namespace {
 
-using regtest::RegistryEnv;
+using namespace regtest;
 
-const char kSoftware[] =
-    "\n"
-    "HKEY_LOCAL_MACHINE=536870913\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\Software=10223\n"
-    "\n";
-
-HKEY OpenWrite(const char* path) {
-    HKEY h = 0;
-    EXPECT_EQ(0, RegOpenKeyEx(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS, &h)) << path;
-    return h;
-}
-
-HKEY OpenRead(const char* path) {
-    HKEY h = 0;
-    EXPECT_EQ(0, RegOpenKeyEx(HKEY_LOCAL_MACHINE, path, 0, 0, &h)) << path;
-    return h;
-}
-
-std::string QuerySz(HKEY h, const char* name) {
-    char buf[8192];
-    DWORD size = sizeof buf;
-    DWORD type = 0;
-    LONG r = RegQueryValueEx(h, name, nullptr, &type, reinterpret_cast<BYTE*>(buf), &size);
-    if (r != 0) return "<" + std::to_string(r) + ">";
-    return std::string(buf, size - 1);
-}
-
-unsigned long QueryDword(HKEY h, const char* name) {
-    unsigned long v = 0;
-    DWORD size = sizeof v;
-    EXPECT_EQ(0, RegQueryValueEx(h, name, nullptr, nullptr, reinterpret_cast<BYTE*>(&v), &size));
-    return v;
-}
+const char kSoftware[] = "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\Software=10223\n\n";
 
 // The literal layout: the root's empty line first, each key's block (key
 // line, values in case-insensitive name order, "%-22s\t%22s\t%s", an empty
@@ -60,39 +29,27 @@ unsigned long QueryDword(HKEY h, const char* name) {
 // nothing of deleted keys, and the numbers of keys made here.
 TEST(RegistryFile, WriterProducesTheExactText) {
     RegistryEnv env(kSoftware);
-    HKEY sw = OpenWrite("Software");
+    HKEY sw = Open("Software", KEY_ALL_ACCESS);
     EXPECT_EQ(10223 | KEY_WRITE_HANDLE_BIT, sw);
 
-    const char root[] = "/srv/app";
-    ASSERT_EQ(
-        0, RegSetValueEx(sw, "Root", 0, REG_SZ, reinterpret_cast<const BYTE*>(root), sizeof root));
+    ASSERT_EQ(0, SetSz(sw, "Root", "/srv/app"));
     unsigned long clients = 64;
     ASSERT_EQ(0, RegSetValueEx(sw, "MaxClients", 0, REG_DWORD,
                                reinterpret_cast<const BYTE*>(&clients), sizeof clients));
     const char hosts[] = "alpha\0beta\0";  // plus the literal's zero: a double zero
     ASSERT_EQ(0, RegSetValueEx(sw, "hosts", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(hosts),
                                sizeof hosts));
-    const char longName[] = "AVeryLongValueNameThatOverflows";
-    ASSERT_EQ(0, RegSetValueEx(sw, longName, 0, REG_SZ, reinterpret_cast<const BYTE*>(""), 1));
+    ASSERT_EQ(0, SetSz(sw, "AVeryLongValueNameThatOverflows", ""));
 
     // b\c below Software: "b" is only a path (no block); "Zed" comes after
     // "b" and "a" in case-insensitive order.
-    HKEY c = 0, zed = 0, gone = 0;
-    DWORD disp = 0;
-    ASSERT_EQ(0, RegCreateKeyEx(sw, "b\\c", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &c, &disp));
-    EXPECT_EQ(REG_CREATED_NEW_KEY, disp);
-    ASSERT_EQ(0, RegCreateKeyEx(sw, "Zed", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &zed, &disp));
-    ASSERT_EQ(0, RegCreateKeyEx(sw, "a", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &gone, &disp));
-    ASSERT_EQ(0, RegCloseKey(gone));
+    HKEY c = Create("b\\c", sw), zed = Create("Zed", sw);
+    ASSERT_EQ(0, RegCloseKey(Create("a", sw)));
     ASSERT_EQ(0, RegDeleteKey(sw, "A"));
     // A value set on the intermediate key makes it a key of its own.
-    HKEY b = OpenWrite("Software\\B");
-    const char lost[] = "x";
-    ASSERT_EQ(0, RegSetValueEx(b, "Lost", 0, REG_SZ, reinterpret_cast<const BYTE*>(lost), 2));
-    ASSERT_EQ(0, RegCloseKey(b));
-    ASSERT_EQ(0, RegCloseKey(c));
-    ASSERT_EQ(0, RegCloseKey(zed));
-    ASSERT_EQ(0, RegCloseKey(sw));
+    HKEY b = Open("Software\\B", KEY_ALL_ACCESS);
+    ASSERT_EQ(0, SetSz(b, "Lost", "x"));
+    for (HKEY h : {b, c, zed, sw}) ASSERT_EQ(0, RegCloseKey(h));
 
     const std::string bLine =
         "HKEY_LOCAL_MACHINE\\Software\\b=" + std::to_string(b & KEY_INDEX_MASK) + "\n";
@@ -101,10 +58,7 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     const std::string zedLine =
         "HKEY_LOCAL_MACHINE\\Software\\Zed=" + std::to_string(zed & KEY_INDEX_MASK) + "\n";
     const std::string expected =
-        "\n"
-        "HKEY_LOCAL_MACHINE=536870913\n"
-        "\n"
-        "HKEY_LOCAL_MACHINE\\Software=10223\n"
+        "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\Software=10223\n"
         "AVeryLongValueNameThatOverflows=\t                     ;\tREG_SZ\n"
         "hosts=                \t          alpha beta ;\tREG_MULTI_SZ\n"
         "MaxClients=           \t                 0x40;\tREG_DWORD\n"
@@ -117,9 +71,9 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     // What was written reads back the same in a fresh start, and the
     // padded multi-string loses its trailing blank to the trim.
     tv::detail::RegistryResetForTests();
-    HKEY again = OpenRead("SOFTWARE");
-    EXPECT_EQ("/srv/app", QuerySz(again, "root"));
-    EXPECT_EQ(64u, QueryDword(again, "MaxClients"));
+    HKEY again = Open("SOFTWARE");
+    EXPECT_EQ("/srv/app", GetSz(again, "root"));
+    EXPECT_EQ(64u, GetDword(again, "MaxClients"));
     char multi[64];
     DWORD size = sizeof multi;
     DWORD type = 0;
@@ -128,112 +82,95 @@ TEST(RegistryFile, WriterProducesTheExactText) {
     EXPECT_EQ(REG_MULTI_SZ, type);
     EXPECT_EQ(std::string("alpha\0beta\0", 11), std::string(multi, size));
     EXPECT_EQ(0, RegCloseKey(again));
-    HKEY inter = OpenRead("Software\\b");
-    EXPECT_EQ("x", QuerySz(inter, "Lost"));
-    RegCloseKey(inter);
+    EXPECT_EQ("x", Query("Software\\b", "Lost"));
 }
 
 // Every kind of line of a hand-written file, including the odd ones.
 TEST(RegistryFile, ReaderTakesEveryLineKind) {
-    const std::string text =
-        "Orphan=before any key;REG_SZ\n"
-        "# a comment with HKEY_LOCAL_MACHINE in it\n"
-        "\n"
-        "HKEY_LOCAL_MACHINE=536870913\n"
-        "HKEY_LOCAL_MACHINE\\NoNumber\n"
-        "HKEY_LOCAL_MACHINE\\Hex=0x10\n"
-        "Padded=      \t    spaced out   ;\t  REG_SZ\n"
-        "Empty=;REG_SZ\n"
-        "two words=x;REG_SZ\n"
-        "Num=0x1f;REG_DWORD\n"
-        "Dec=31;REG_DWORD\n"
-        "Multi=a b c ;REG_MULTI_SZ\n"
-        "NoSemicolon=abc REG_SZ\n"
-        "NoEquals;REG_SZ\n"
-        "NoType=abc;\n"
-        "BadType=abc;REG_BINARY\n"
-        "TrailingBlank=abc;REG_SZ \n"
-        "Semi=a;b;REG_SZ\n"
-        "\n"
-        "HKEY_LOCAL_MACHINE\\Octal=010\n"
-        "HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"
-        "V=1;REG_SZ\n"
+    std::string text =
+        "Orphan=before any key;REG_SZ\n# a comment with HKEY_LOCAL_MACHINE in it\n\n"
+        "HKEY_LOCAL_MACHINE=536870913\nHKEY_LOCAL_MACHINE\\NoNumber\nHKEY_LOCAL_MACHINE\\Hex=0x10\n"
+        "Padded=      \t    spaced  out   ;\t  REG_SZ\n Spaced =a=b;REG_SZ\nEmpty=;REG_SZ\n"
+        "two words=x;REG_SZ\nNum=0x1f;REG_DWORD\nDec=31;REG_DWORD\nMulti=a b c ;REG_MULTI_SZ\n"
+        "Crlf=value;REG_SZ\r\n"
+        // Value lines the reader ignores.
+        "NoSemicolon=abc REG_SZ\nNoEquals;REG_SZ\nNoType=abc;\nBadType=abc;REG_BINARY\n"
+        "Suffix=1;REG_SZX\nTrailingBlank=abc;REG_SZ \nSemi=a;b;REG_SZ\n\n"
+        "HKEY_LOCAL_MACHINE\\Octal=010\nHKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\nV=1;REG_SZ\n"
         // The marker after the "=": a key line, but not one the writer could
         // give back; it is ignored with its values.
-        "Odd=HKEY_LOCAL_MACHINE\n"
-        "W=1;REG_SZ\n"
+        "Odd=HKEY_LOCAL_MACHINE\nW=1;REG_SZ\n"
         // The root misspelt (the marker comes later): keys are found without
         // regard to case, so taking it would name the root "hKEY..." and no
         // key line written afterwards would carry the marker. Ignored too.
-        "hKEY_LOCAL_MACHINE\\Case\\HKEY_LOCAL_MACHINE=5\n"
-        "C=1;REG_SZ\n";
+        "hKEY_LOCAL_MACHINE\\Case\\HKEY_LOCAL_MACHINE=5\nC=1;REG_SZ\n"
+        // Numbers the tree cannot use as handles are replaced.
+        "HKEY_LOCAL_MACHINE\\Big=99999999999999999999\nZ=z;REG_SZ\nHKEY_LOCAL_MACHINE\\Neg=-5\n";
+    text += std::string("Nul=b\0c;REG_SZ\n", 15);  // cut at the NUL: no ";"
+    std::string deep = "HKEY_LOCAL_MACHINE";
+    for (int i = 0; i < 1500; ++i) deep += "\\k";
+    text += deep + "=1\n";
     RegistryEnv env(regtest::kBaseRegistry, &text);
 
-    HKEY hex = OpenRead("Hex");
+    HKEY hex = Open("Hex");
     EXPECT_EQ(16, hex);
-    EXPECT_EQ("spaced out", QuerySz(hex, "Padded"));
-    EXPECT_EQ("", QuerySz(hex, "Empty"));
-    EXPECT_EQ("x", QuerySz(hex, "two words"));
-    EXPECT_EQ(31u, QueryDword(hex, "Num"));
-    EXPECT_EQ(31u, QueryDword(hex, "Dec"));
-    for (const char* ignored :
-         {"NoSemicolon", "NoEquals", "NoType", "BadType", "TrailingBlank", "Semi", "Orphan"}) {
-        EXPECT_EQ("<13>", QuerySz(hex, ignored)) << ignored;
+    EXPECT_EQ("spaced  out", GetSz(hex, "Padded"));
+    EXPECT_EQ("a=b", GetSz(hex, " Spaced "));  // the name is taken as it stands
+    EXPECT_EQ("", GetSz(hex, "Empty"));
+    EXPECT_EQ("x", GetSz(hex, "two words"));
+    EXPECT_EQ(31u, GetDword(hex, "Num"));
+    EXPECT_EQ(31u, GetDword(hex, "Dec"));
+    EXPECT_EQ("value", GetSz(hex, "Crlf"));  // a CR before the line feed ends the line
+    for (const char* ignored : {"NoSemicolon", "NoEquals", "NoType", "BadType", "Suffix",
+                                "TrailingBlank", "Semi", "Orphan"}) {
+        EXPECT_EQ("<13>", GetSz(hex, ignored)) << ignored;
     }
     DWORD subKeys = 99, values = 99;
     ASSERT_EQ(0, RegQueryInfoKey(hex, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr,
                                  &values, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(0u, subKeys);
-    EXPECT_EQ(6u, values);
+    EXPECT_EQ(8u, values);
 
-    HKEY octal = OpenRead("octal");
+    HKEY octal = Open("octal");
     EXPECT_EQ(8, octal);
-    HKEY missing = 0;
-    EXPECT_EQ(13, RegOpenKeyEx(HKEY_LOCAL_MACHINE, "NoNumber", 0, 0, &missing));
+    EXPECT_FALSE(KeyExists("NoNumber"));
+    HKEY big = Open("Big");
+    EXPECT_GT(big, 0);
+    EXPECT_LE(big, KEY_INDEX_MASK);
+    EXPECT_EQ("z", GetSz(big, "Z"));
+    EXPECT_EQ("<13>", GetSz(big, "Nul"));
+    EXPECT_TRUE(KeyExists("Neg"));
 
     // Deep and Deep\Er are intermediate: reachable, numbered only when
     // opened, and never sharing a number with Key.
-    HKEY key = OpenRead("Deep\\Er\\Key");
+    HKEY key = Open("Deep\\Er\\Key");
     EXPECT_EQ(77, key);
-    EXPECT_EQ("1", QuerySz(key, "V"));
-    EXPECT_EQ("<13>", QuerySz(key, "W"));
-    HKEY deep = OpenRead("Deep");
-    HKEY er = OpenRead("Deep\\Er");
-    EXPECT_NE(0, deep);
-    EXPECT_NE(deep, er);
-    EXPECT_NE(77, deep & KEY_INDEX_MASK);
+    EXPECT_EQ("1", GetSz(key, "V"));
+    EXPECT_EQ("<13>", GetSz(key, "W"));
+    HKEY deepKey = Open("Deep");
+    HKEY er = Open("Deep\\Er");
+    EXPECT_NE(0, deepKey);
+    EXPECT_NE(deepKey, er);
+    EXPECT_NE(77, deepKey & KEY_INDEX_MASK);
     EXPECT_NE(77, er & KEY_INDEX_MASK);
     char name[16];
-    ASSERT_EQ(0, RegEnumKey(deep, 0, name, sizeof name));
+    ASSERT_EQ(0, RegEnumKey(deepKey, 0, name, sizeof name));
     EXPECT_STREQ("Er", name);
 
     // Written back: intermediate keys have no block, ignored lines are gone.
-    HKEY w = OpenWrite("Hex");
+    HKEY w = Open("Hex", KEY_ALL_ACCESS);
     ASSERT_EQ(0, RegFlushKey(w));
     const std::string out = env.ReadRegistryFile();
-    EXPECT_EQ(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep="));
-    EXPECT_EQ(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep\\Er="));
-    EXPECT_NE(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"));
-    EXPECT_EQ(std::string::npos, out.find("Orphan"));
-    EXPECT_EQ(std::string::npos, out.find("BadType"));
-    EXPECT_EQ(std::string::npos, out.find("Odd"));
-    EXPECT_EQ(std::string::npos, out.find("Case"));
+    EXPECT_FALSE(Has(out, "HKEY_LOCAL_MACHINE\\Deep="));
+    EXPECT_FALSE(Has(out, "HKEY_LOCAL_MACHINE\\Deep\\Er="));
+    EXPECT_TRUE(Has(out, "HKEY_LOCAL_MACHINE\\Deep\\Er\\Key=77\n"));
+    EXPECT_FALSE(Has(out, "Orphan"));
+    EXPECT_FALSE(Has(out, "BadType"));
+    EXPECT_FALSE(Has(out, "Odd"));
+    EXPECT_FALSE(Has(out, "Case"));
     EXPECT_EQ(0u, out.find("\nHKEY_LOCAL_MACHINE=536870913\n")) << out;
-    for (HKEY h : {hex, octal, key, deep, er, w}) EXPECT_EQ(0, RegCloseKey(h));
-}
-
-// CR-LF: a CR before the line feed is not part of the line.
-TEST(RegistryFile, CrLfFileKeepsKeysAndValues) {
-    const std::string text =
-        "\r\nHKEY_LOCAL_MACHINE=536870913\r\n\r\n"
-        "HKEY_LOCAL_MACHINE\\Win=42\r\n"
-        "Name=value;REG_SZ\r\n"
-        "\r\n";
-    RegistryEnv env(regtest::kBaseRegistry, &text);
-    HKEY h = OpenRead("Win");
-    EXPECT_EQ(42, h);
-    EXPECT_EQ("value", QuerySz(h, "Name"));
-    RegCloseKey(h);
+    EXPECT_TRUE(Has(out, deep + "=1\n"));
+    for (HKEY h : {hex, octal, key, deepKey, er, w, big}) EXPECT_EQ(0, RegCloseKey(h));
 }
 
 // A line is read up to 4095 characters; the rest is the next line.
@@ -243,71 +180,118 @@ TEST(RegistryFile, LongLinesAreSplitAt4095) {
                        "Whole=" + std::string(4095 - 6 - 8, 'y') + ";REG_SZ\n" +
                        "After=ok;REG_SZ\n";
     RegistryEnv env(regtest::kBaseRegistry, &text);
-    HKEY h = OpenRead("Long");
-    EXPECT_EQ("<13>", QuerySz(h, "Cut"));  // its first 4095 characters hold no ";"
-    EXPECT_EQ("end", QuerySz(h, "Tail"));
-    EXPECT_EQ(std::string(4095 - 6 - 8, 'y'), QuerySz(h, "Whole"));
-    EXPECT_EQ("ok", QuerySz(h, "After"));
+    HKEY h = Open("Long");
+    EXPECT_EQ("<13>", GetSz(h, "Cut"));  // its first 4095 characters hold no ";"
+    EXPECT_EQ("end", GetSz(h, "Tail"));
+    EXPECT_EQ(std::string(4095 - 6 - 8, 'y'), GetSz(h, "Whole"));
+    EXPECT_EQ("ok", GetSz(h, "After"));
     RegCloseKey(h);
 
     // Padded, "Whole" would no longer fit one line: it is written compact
     // and survives the round trip.
-    h = OpenWrite("Long");
+    h = Open("Long", KEY_ALL_ACCESS);
     ASSERT_EQ(0, RegFlushKey(h));
     RegCloseKey(h);
-    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find(
-                                     "\nWhole=" + std::string(4095 - 6 - 8, 'y') + ";REG_SZ\n"));
+    EXPECT_TRUE(
+        Has(env.ReadRegistryFile(), "\nWhole=" + std::string(4095 - 6 - 8, 'y') + ";REG_SZ\n"));
     tv::detail::RegistryResetForTests();
-    h = OpenRead("Long");
-    EXPECT_EQ(std::string(4095 - 6 - 8, 'y'), QuerySz(h, "Whole"));
+    h = Open("Long");
+    EXPECT_EQ(std::string(4095 - 6 - 8, 'y'), GetSz(h, "Whole"));
     RegCloseKey(h);
 }
 
-// The value-line parser on its own.
-TEST(RegistryFile, FormatValue) {
-    tv::detail::RegValue v;
-    ASSERT_TRUE(v.FormatValue("Name=  data with  blanks \t;  \tREG_MULTI_SZ"));
-    EXPECT_EQ(REG_MULTI_SZ, v.GetType());
-    EXPECT_STREQ("Name", v.GetName().c_str());
-    EXPECT_STREQ("data with  blanks", v.GetData().c_str());
-    ASSERT_TRUE(v.FormatValue(" name =a=b;REG_DWORD"));
-    EXPECT_STREQ(" name ", v.GetName().c_str());
-    EXPECT_STREQ("a=b", v.GetData().c_str());
-    EXPECT_FALSE(v.FormatValue("x=1;REG_SZ\r"));
-    EXPECT_FALSE(v.FormatValue("x=1;   "));
-    EXPECT_FALSE(v.FormatValue("x=1;REG_SZX"));
-    EXPECT_FALSE(v.FormatValue("x=1"));
-    EXPECT_FALSE(v.FormatValue("no equals;REG_SZ"));
+const char kBefore[] =
+    "\nHKEY_LOCAL_MACHINE=536870913\n\n"
+    "HKEY_LOCAL_MACHINE\\App=100\nA=1;REG_SZ\nB=2;REG_SZ\nC=3;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Gone=102\nG=1;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Old=101\n\nHKEY_LOCAL_MACHINE\\App\\Shared=103\n\n";
+
+// What another process wrote meanwhile.
+const char kTheirs[] =
+    "\nHKEY_LOCAL_MACHINE=536870913\n\n"
+    "HKEY_LOCAL_MACHINE\\App=100\nA=theirs;REG_SZ\nB=theirs-b;REG_SZ\nC=3c;REG_SZ\nD=new;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Old=101\nO=back;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Old\\Below=107\n\nHKEY_LOCAL_MACHINE\\App\\Shared=103\nX=1;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App\\Theirs=104\n\n";
+
+TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
+    const std::string before = kBefore;
+    RegistryEnv env(regtest::kBaseRegistry, &before);
+
+    HKEY app = Open("App", KEY_ALL_ACCESS), gone = Open("App\\Gone");
+    // Unwritten changes of this process: nothing is closed yet.
+    ASSERT_EQ(0, SetSz(app, "A", "mine"));
+    ASSERT_EQ(0, RegDeleteValue(app, "B"));
+    HKEY fresh = Create("New\\Deeper", app);
+    ASSERT_EQ(0, SetSz(fresh, "N", "1"));
+    ASSERT_EQ(0, RegDeleteKey(app, "Old"));
+
+    tvtest::WriteFile(env.registryFile(), kTheirs);
+    RegBumpVersion();
+
+    // The next open refreshes.
+    EXPECT_TRUE(KeyExists("App\\Theirs"));
+    EXPECT_EQ("mine", GetSz(app, "A"));  // own pending value wins until written
+    EXPECT_EQ("<13>", GetSz(app, "B"));  // own deletion is not undone
+    EXPECT_EQ("3c", GetSz(app, "C"));    // their change to a value left alone here
+    EXPECT_EQ("new", GetSz(app, "D"));
+    EXPECT_FALSE(KeyExists("App\\Old"));  // deleted here: not back, nor anything below
+    EXPECT_FALSE(KeyExists("App\\Old\\Below"));
+    EXPECT_TRUE(KeyExists("App\\New\\Deeper"));  // made here, not in their file
+    EXPECT_EQ("1", GetSz(fresh, "N"));
+    HKEY shared = Open("App\\Shared");
+    EXPECT_EQ("1", GetSz(shared, "X"));
+    // Gone was deleted by them while open here: still readable through the
+    // handle, no longer reachable by path or enumeration.
+    EXPECT_EQ("1", GetSz(gone, "G"));
+    EXPECT_FALSE(KeyExists("App\\Gone"));
+    char name[32];
+    for (DWORD i = 0; RegEnumKey(app, i, name, sizeof name) == 0; ++i) {
+        EXPECT_STRNE("Gone", name);
+        EXPECT_STRNE("Old", name);
+    }
+
+    // Writing publishes the merge.
+    ASSERT_EQ(0, RegCloseKey(fresh));
+    ASSERT_EQ(0, RegCloseKey(app));
+    const std::string file = env.ReadRegistryFile();
+    for (const char* in :
+         {"mine;", "3c;", "new;", "App\\New\\Deeper=", "App\\Theirs=104", "App\\Shared=103\nX="}) {
+        EXPECT_TRUE(Has(file, in)) << in << "\n";
+    }
+    // App\New is only a path; the rest were deleted here or overridden.
+    for (const char* out : {"theirs", "App\\New=", "Old", "Gone"}) {
+        EXPECT_FALSE(Has(file, out)) << "\n";
+    }
+
+    // After the write nothing is pending: their next change to A is taken.
+    std::string next = file;
+    next.replace(next.find("mine"), 4, "later");
+    tvtest::WriteFile(env.registryFile(), next);
+    RegBumpVersion();
+    app = Open("App");
+    EXPECT_EQ("later", GetSz(app, "A"));
+    for (HKEY h : {app, gone, shared}) EXPECT_EQ(0, RegCloseKey(h));
 }
 
-// The reader straight from a descriptor: a deep path, NUL bytes, junk.
-TEST(RegistryFile, ReaderSurvivesOddBytes) {
+// An edit made to the file from outside moves no stamp; it is still taken
+// at the next open and kept by the next write, not overwritten.
+TEST(RegistryMerge, OutsideEditIsMergedNotOverwritten) {
     RegistryEnv env;
-    std::string text = "HKEY_LOCAL_MACHINE";
-    for (int i = 0; i < 1500; ++i) text += "\\k";
-    text += "=1\nv=1;REG_SZ\n";
-    text += std::string("HKEY_LOCAL_MACHINE\\Nul=9\nA=b\0c;REG_SZ\n", 38);
-    text += "HKEY_LOCAL_MACHINE\\Big=99999999999999999999\nZ=z;REG_SZ\n";
-    text += "HKEY_LOCAL_MACHINE\\Neg=-5\n";
-    int fd = memfd_create("reg", 0);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
-    lseek(fd, 0, SEEK_SET);
-    EXPECT_TRUE(tv::detail::ReadRegistryFd(fd, 0));
-    close(fd);
-    long index = -1;
-    int created = 0;
-    tv::detail::RegKey* big =
-        tv::detail::FindKey(tv::detail::RegistryKeys(), "HKEY_LOCAL_MACHINE\\Big", 0, created,
-                            tv::detail::FindMode::kLoad, index, 0);
-    ASSERT_NE(nullptr, big);
-    EXPECT_GT(big->GetIndex(), 0);  // an unusable number is replaced
-    EXPECT_LE(big->GetIndex(), KEY_INDEX_MASK);
-    tv::detail::PrintSink sink;
-    tv::detail::RegistryKeys()->Print(sink, 1, 0);
-    EXPECT_NE(std::string::npos, sink.text.find("HKEY_LOCAL_MACHINE\\Neg="));
-    EXPECT_EQ(std::string::npos, sink.text.find("A="));  // cut at the NUL: no ";"
-    tv::detail::ClearRegistryTree();
+    ASSERT_EQ(0, SetAndClose("Mine", "V", "1"));
+
+    std::string edited =
+        env.ReadRegistryFile() + "HKEY_LOCAL_MACHINE\\Admin=555\nSet=by hand;REG_SZ\n\n";
+    tvtest::WriteFile(env.registryFile(), edited);
+    ASSERT_EQ(0, SetAndClose("Mine", "V", "2"));
+    const std::string file = env.ReadRegistryFile();
+    EXPECT_TRUE(Has(file, "HKEY_LOCAL_MACHINE\\Admin=555\n"));
+    EXPECT_TRUE(Has(file, "by hand;"));
+
+    // An editor that has emptied the file for a moment is not taken as
+    // "everything was deleted".
+    tvtest::WriteFile(env.registryFile(), "");
+    EXPECT_TRUE(KeyExists("Admin"));
 }
 
 }  // namespace

@@ -17,15 +17,10 @@
 
 namespace {
 
-using regtest::RegistryEnv;
+using namespace regtest;
 
 const char kTemplate[] =
-    "\n"
-    "HKEY_LOCAL_MACHINE=536870913\n"
-    "\n"
-    "HKEY_LOCAL_MACHINE\\FromTemplate=7\n"
-    "T=1;REG_SZ\n"
-    "\n";
+    "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\FromTemplate=7\nT=1;REG_SZ\n\n";
 
 bool WaitForText(const std::string& path, const std::string& text) {
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -36,24 +31,18 @@ bool WaitForText(const std::string& path, const std::string& text) {
     return true;
 }
 
-LONG SetAndClose(const char* key, const char* name, const char* value) {
-    HKEY h = 0;
-    LONG r = RegCreateKeyEx(0, key, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr);
-    if (r != 0) return r;
-    r = RegSetValueEx(h, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value), strlen(value) + 1);
-    RegCloseKey(h);
-    return r;
-}
-
 TEST(RegistryStartup, PathsFromTheEnvironment) {
     RegistryEnv env(kTemplate);
+    chmod(env.templateFile().c_str(), 0640);  // the registry made from it gets its mode
     std::string noSlash = env.install().substr(0, env.install().size() - 1);
     setenv("TV_REGISTRY", noSlash.c_str(), 1);
     EXPECT_EQ(noSlash + "/registry/tv.registry", std::string(GetRegistryPath().c_str()));
     // Made from the template before the first read.
     EXPECT_EQ(std::string(kTemplate), env.ReadRegistryFile());
-    HKEY h = 0;
-    EXPECT_EQ(0, RegOpenKeyEx(0, "FromTemplate", 0, 0, &h));
+    struct stat st;
+    ASSERT_EQ(0, stat(env.registryFile().c_str(), &st));
+    EXPECT_EQ(0640u, st.st_mode & 07777);
+    HKEY h = Open("FromTemplate");
     EXPECT_EQ(7, h);
     EXPECT_TRUE(tvtest::FileExists(env.lockFile()));
     EXPECT_TRUE(regtest::SysVExists(env.lockFile()));
@@ -70,37 +59,37 @@ TEST(RegistryStartup, NoTemplateAndNoRegistry) {
     testing::internal::CaptureStderr();
     InitRegistry(0, 1);
     const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(std::string::npos,
-              err.find("\n\nInitRegistry: stat(" + env.templateFile() + ") failed, errno - "))
-        << err;
-    EXPECT_NE(std::string::npos, err.find("InitRegistry: Template copy failed!!\n")) << err;
+    EXPECT_TRUE(Has(err, "\n\nInitRegistry: stat(" + env.templateFile() + ") failed, errno - "));
+    EXPECT_TRUE(Has(err, "InitRegistry: Template copy failed!!\n"));
     EXPECT_FALSE(tvtest::FileExists(env.registryFile()));
-    HKEY h = 0;
-    EXPECT_EQ(13, RegOpenKeyEx(0, "Anything", 0, 0, &h));
+    EXPECT_FALSE(KeyExists("Anything"));
     // The first write makes the file.
     ASSERT_EQ(0, SetAndClose("Made", "V", "x"));
-    EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("HKEY_LOCAL_MACHINE\\Made="));
+    EXPECT_TRUE(Has(env.ReadRegistryFile(), "HKEY_LOCAL_MACHINE\\Made="));
 }
 
 // An empty registry with the backup flag: the message is logged, the tree
-// starts empty, and the backup is kept.
+// starts empty, and the backup is kept (only a registry that read
+// correctly and holds something replaces it).
 TEST(RegistryStartup, EmptyRegistryAndBackup) {
     const std::string empty;
     RegistryEnv env(kTemplate, &empty);
-    tvtest::WriteFile(env.registryFile() + ".bak", "old backup");
+    const std::string bak = env.registryFile() + ".bak";
+    tvtest::WriteFile(bak, "old backup");
     testing::internal::CaptureStderr();
     InitRegistry(1, 1);
-    const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ("\n\nInitRegistry: Registry is zero length.\nPlease restore " + env.registryFile() +
-                  " from backup file " + env.registryFile() + ".bak.\nExiting...\n",
-              err);
-    EXPECT_EQ("old backup", tvtest::ReadFile(env.registryFile() + ".bak"));
-    HKEY h = 0;
-    EXPECT_EQ(13, RegOpenKeyEx(0, "FromTemplate", 0, 0, &h));
-
+                  " from backup file " + bak + ".\nExiting...\n",
+              testing::internal::GetCapturedStderr());
+    EXPECT_EQ("old backup", tvtest::ReadFile(bak));
+    EXPECT_FALSE(KeyExists("FromTemplate"));
     ASSERT_EQ(0, SetAndClose("After", "V", "x"));
+    chmod(env.registryFile().c_str(), 0604);
     EXPECT_TRUE(RegBackupRegistry());
-    EXPECT_EQ(env.ReadRegistryFile(), tvtest::ReadFile(env.registryFile() + ".bak"));
+    EXPECT_EQ(env.ReadRegistryFile(), tvtest::ReadFile(bak));
+    struct stat st;
+    ASSERT_EQ(0, stat(bak.c_str(), &st));
+    EXPECT_EQ(0604u, st.st_mode & 07777);  // never more open than the registry
 }
 
 // args: stderr file. Starts the registry with the backup flag.
@@ -111,81 +100,153 @@ TV_TEST_CHILD(reg_start) {
     return 0;
 }
 
-// A registry file that cannot be read, or is not a registry, ends start-up
-// with the reason, and it and the backup are left byte for byte.
-TEST(RegistryStartup, UnusableFileIsNeverWrittenOver) {
-    struct Case {
-        std::string text;
-        mode_t mode;
-        const char* reason;
-    };
+// A registry file that cannot be read or is not a registry, and a symbolic
+// link planted at one of the registry's paths: start-up refuses it with a
+// message naming the path and the reason, and writes nothing through it.
+// The registry, the backup and a link's target keep their bytes and mode; a
+// dangling link's target is never made.
+TEST(RegistryStartup, UnusableFilesAndPlantedLinksAreRefused) {
     static const char kGarbage[] =
         "\x7f"
         "ELF\x02\x01\x01\0\0\xff\n<junk>\nmore=junk\n";
+    struct Case {
+        std::string registry;
+        mode_t mode;
+        const char* linkAt;  // in registry/, or none
+        bool dangling;
+        int exit;  // the backup is not needed to go on
+        const char* says;
+    };
     const Case cases[] = {
-        {std::string(kGarbage, sizeof kGarbage - 1), 0600, "it holds no key line"},
-        {"HKEY_LOCAL_MACHINE\\Secret=5\nV=1;REG_SZ\n", 0200, "Permission denied"},
+        {std::string(kGarbage, sizeof kGarbage - 1), 0600, nullptr, false, 1,
+         "it holds no key line"},
+        {kTemplate, 0200, nullptr, false, 1, "Permission denied"},
+        {kTemplate, 0600, "tv.registry", false, 1, "symbolic link"},
+        {kTemplate, 0600, "tv.registry", true, 1, "symbolic link"},
+        {kTemplate, 0600, "tv.registry.bak", false, 0, "symbolic link"},
+        {kTemplate, 0600, "tv.registry.bak", true, 0, "symbolic link"},
+        {kTemplate, 0600, ".registry-lockfile", false, 1, "symbolic link"},
+        {kTemplate, 0600, ".registry-lockfile", true, 1, "symbolic link"},
     };
     for (const Case& c : cases) {
-        if (c.mode == 0200 && geteuid() == 0) {
-            fprintf(stderr, "skipped the unreadable file: root reads any file\n");
+        if (c.mode == 0200 && geteuid() == 0) continue;  // root reads any file
+        RegistryEnv env(kTemplate, &c.registry);
+        const std::string bak = env.registryFile() + ".bak", target = env.file("secret");
+        tvtest::WriteFile(bak, "old backup");
+        chmod(env.registryFile().c_str(), c.mode);
+        const std::string named =
+            c.linkAt != nullptr ? env.install() + "registry/" + c.linkAt : env.registryFile();
+        if (c.linkAt != nullptr) {
+            if (!c.dangling) tvtest::WriteFile(target, "secret\n");
+            chmod(target.c_str(), 0600);
+            unlink(named.c_str());
+            ASSERT_EQ(0, symlink(target.c_str(), named.c_str()));
+        }
+        pid_t pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
+        EXPECT_EQ(c.exit, WaitChildFor(pid, 60)) << named;
+        const std::string err = tvtest::ReadFile(env.file("stderr"));
+        EXPECT_TRUE(Has(err, named));
+        EXPECT_TRUE(Has(err, c.says));
+        if (c.linkAt == nullptr) {
+            chmod(env.registryFile().c_str(), 0600);
+            EXPECT_EQ(c.registry, env.ReadRegistryFile());
+            EXPECT_EQ("old backup", tvtest::ReadFile(bak));
             continue;
         }
-        RegistryEnv env(kTemplate, &c.text);
-        tvtest::WriteFile(env.registryFile() + ".bak", "old backup");
-        chmod(env.registryFile().c_str(), c.mode);
-        const std::string log = env.file("stderr");
-        pid_t pid = tvtest::SpawnChild("reg_start", {log});
-        EXPECT_EQ(1, regtest::WaitChildFor(pid, 60)) << c.reason;
-        chmod(env.registryFile().c_str(), 0600);
-        EXPECT_EQ(c.text, env.ReadRegistryFile()) << c.reason;
-        EXPECT_EQ("old backup", tvtest::ReadFile(env.registryFile() + ".bak"));
-        const std::string err = tvtest::ReadFile(log);
-        EXPECT_NE(std::string::npos, err.find(env.registryFile())) << err;
-        EXPECT_NE(std::string::npos, err.find(c.reason)) << err;
+        struct stat st;
+        ASSERT_EQ(0, lstat(named.c_str(), &st));
+        EXPECT_TRUE(S_ISLNK(st.st_mode)) << named;
+        EXPECT_EQ(!c.dangling, tvtest::FileExists(target)) << named;
+        if (c.dangling) continue;
+        EXPECT_EQ("secret\n", tvtest::ReadFile(target)) << named;
+        ASSERT_EQ(0, stat(target.c_str(), &st));
+        EXPECT_EQ(0600u, st.st_mode & 07777) << named;
     }
+    // Planted while the registry runs: the write fails instead of replacing
+    // the link, and no refresh reads through it.
+    RegistryEnv env(kTemplate);
+    HKEY h = Create("K");
+    tvtest::WriteFile(env.file("secret"), "HKEY_LOCAL_MACHINE\\Secret=9\n");
+    ASSERT_EQ(0, unlink(env.registryFile().c_str()));
+    ASSERT_EQ(0, symlink(env.file("secret").c_str(), env.registryFile().c_str()));
+    RegBumpVersion();
+    ASSERT_EQ(0, SetSz(h, "V", "x"));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(-1, RegFlushKey(h));
+    EXPECT_TRUE(Has(testing::internal::GetCapturedStderr(), "symbolic link"));
+    EXPECT_FALSE(KeyExists("Secret"));
+    EXPECT_EQ("HKEY_LOCAL_MACHINE\\Secret=9\n", tvtest::ReadFile(env.file("secret")));
+    RegCloseKey(h);
 }
 
-struct LazyArgs {
-    int interval;
-};
+// A fresh install directory without registry/ gets one, 0755 whatever the
+// umask; one that exists but cannot be written still ends start-up. Later
+// start-ups remove the temporary files of writers that are gone, and leave
+// a live writer's file and files of other names.
+TEST(RegistryStartup, MakesItsDirectoryAndClearsStaleTempFiles) {
+    RegistryEnv env;
+    const std::string dir = env.install() + "registry/";
+    ASSERT_EQ(0, unlink(env.templateFile().c_str()));
+    ASSERT_EQ(0, rmdir(dir.c_str()));
+    const mode_t old = umask(077);
+    pid_t pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
+    umask(old);
+    EXPECT_EQ(0, WaitChildFor(pid, 60)) << tvtest::ReadFile(env.file("stderr"));
+    struct stat st;
+    ASSERT_EQ(0, stat(dir.c_str(), &st));
+    EXPECT_EQ(0755u, st.st_mode & 07777);
+    EXPECT_TRUE(tvtest::FileExists(env.lockFile()));
 
-void* LazyBody(void* arg) {
-    RegLazyWriteThread(&static_cast<LazyArgs*>(arg)->interval);
-    return nullptr;
+    const pid_t gone = tvtest::SpawnChild("reg_start", {"/nonexistent/stderr"});
+    ASSERT_EQ(3, WaitChildFor(gone, 60));
+    const std::string stale = dir + ".tv.registry.tmp." + std::to_string(gone) + ".1f.1";
+    const std::string live = dir + ".tv.registry.tmp." + std::to_string(getpid()) + ".1f.1";
+    const std::string other = dir + "tv.registry.tmp.notes";
+    for (const std::string& f : {stale, live, other}) tvtest::WriteFile(f, "partial");
+    pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
+    EXPECT_EQ(0, WaitChildFor(pid, 60));
+    EXPECT_FALSE(tvtest::FileExists(stale));
+    EXPECT_TRUE(tvtest::FileExists(live));
+    EXPECT_TRUE(tvtest::FileExists(other));
+    if (geteuid() == 0) return;  // root writes into any directory
+    chmod(dir.c_str(), 0555);
+    pid = tvtest::SpawnChild("reg_start", {env.file("stderr")});
+    EXPECT_EQ(1, WaitChildFor(pid, 60));
+    chmod(dir.c_str(), 0755);
+    EXPECT_TRUE(Has(tvtest::ReadFile(env.file("stderr")), "problem accessing"));
 }
 
 TEST(RegistryStartup, LazyWriter) {
     for (int interval : {20, 0}) {
         RegistryEnv env(kTemplate);
         ASSERT_EQ(0, SetAndClose("Before", "V", "x"));  // written at once
-        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("Before"));
+        EXPECT_TRUE(Has(env.ReadRegistryFile(), "Before"));
 
-        LazyArgs args{interval};
         pthread_t t;
-        ASSERT_EQ(0, pthread_create(&t, nullptr, LazyBody, &args));
+        ASSERT_EQ(
+            0, pthread_create(
+                   &t, nullptr, [](void* ms) -> void* { return RegLazyWriteThread(ms), nullptr; },
+                   &interval));
         // Once the writer runs, a close only marks the registry.
         while (!tv::detail::LazyFlushOn()) std::this_thread::yield();
         ASSERT_EQ(0, SetAndClose("Lazy", "V", "1"));
         EXPECT_TRUE(WaitForText(env.registryFile(), "HKEY_LOCAL_MACHINE\\Lazy=")) << interval;
 
         // Cancelling writes what is left, and closes write at once again.
-        HKEY h = 0;
-        ASSERT_EQ(0,
-                  RegCreateKeyEx(0, "Lazy", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr));
-        const char last[] = "last";
-        ASSERT_EQ(0, RegSetValueEx(h, "Last", 0, REG_SZ, reinterpret_cast<const BYTE*>(last), 5));
+        HKEY h = Create("Lazy");
+        ASSERT_EQ(0, SetSz(h, "Last", "last"));
         ASSERT_EQ(0, RegFlushKey(h));  // only marks
         ASSERT_EQ(0, pthread_cancel(t));
         ASSERT_EQ(0, pthread_join(t, nullptr));
-        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("last;"));
+        EXPECT_TRUE(Has(env.ReadRegistryFile(), "last;"));
         EXPECT_FALSE(tv::detail::LazyFlushOn());
         ASSERT_EQ(0, RegCloseKey(h));
         ASSERT_EQ(0, SetAndClose("AfterLazy", "V", "x"));
-        EXPECT_NE(std::string::npos, env.ReadRegistryFile().find("AfterLazy"));
+        EXPECT_TRUE(Has(env.ReadRegistryFile(), "AfterLazy"));
     }
 }
 
+// The diagnostic dumps: the shared stamp and last writer, and the tree.
 TEST(RegistryStartup, DumpVersionAndCache) {
     RegistryEnv env(kTemplate);
     ASSERT_EQ(0, SetAndClose("Dump", "Name", "value"));
@@ -193,15 +254,11 @@ TEST(RegistryStartup, DumpVersionAndCache) {
     RegDumpVersion();
     DumpRegistryCache();
     const std::string out = testing::internal::GetCapturedStdout();
-    const std::string expected =
-        "Lock owner PID: 0\nRegistry version stamp: 1\n"
-        "Last PID to write Registry: " +
-        std::to_string(getpid()) + "\n";
-    EXPECT_EQ(expected, out.substr(0, expected.size()));
-    EXPECT_NE(std::string::npos,
-              out.find("Name=                 \tvalue;                \tREG_SZ\n"))
-        << out;
-    EXPECT_NE(std::string::npos, out.find("HKEY_LOCAL_MACHINE\\FromTemplate=7\n")) << out;
+    EXPECT_TRUE(
+        Has(out, "Lock owner PID: 0\nRegistry version stamp: 1\nLast PID to write Registry: " +
+                     std::to_string(getpid()) + "\n"));
+    EXPECT_TRUE(Has(out, "Name=                 \tvalue;                \tREG_SZ\n"));
+    EXPECT_TRUE(Has(out, "HKEY_LOCAL_MACHINE\\FromTemplate=7\n"));
 }
 
 }  // namespace

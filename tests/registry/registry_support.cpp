@@ -12,6 +12,9 @@
 
 #include <chrono>
 #include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "registry/registry_internal.h"
 
@@ -31,6 +34,78 @@ RegistryEnv::RegistryEnv(const std::string& templateText, const std::string* reg
 RegistryEnv::~RegistryEnv() {
     tv::detail::RegistryResetForTests();
     RemoveSysV(lockFile());
+}
+
+HKEY Create(const std::string& path, HKEY parent, REGSAM sam) {
+    HKEY h = 0;
+    EXPECT_EQ(0, RegCreateKeyEx(parent, path.c_str(), 0, nullptr, 0, sam, nullptr, &h, nullptr))
+        << path;
+    return h;
+}
+
+HKEY Open(const std::string& path, REGSAM sam, HKEY parent) {
+    HKEY h = 0;
+    EXPECT_EQ(0, RegOpenKeyEx(parent, path.c_str(), 0, sam, &h)) << path;
+    return h;
+}
+
+LONG SetSz(HKEY h, const std::string& name, const std::string& value) {
+    return RegSetValueEx(h, name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                         static_cast<DWORD>(value.size() + 1));
+}
+
+std::string GetSz(HKEY h, const std::string& name) {
+    std::vector<char> buf(8192);
+    DWORD size = static_cast<DWORD>(buf.size());
+    LONG r = RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(buf.data()),
+                             &size);
+    return r == 0 ? std::string(buf.data()) : "<" + std::to_string(r) + ">";
+}
+
+unsigned long GetDword(HKEY h, const std::string& name) {
+    unsigned long v = 0;
+    DWORD size = sizeof v;
+    EXPECT_EQ(
+        0, RegQueryValueEx(h, name.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(&v), &size));
+    return v;
+}
+
+DWORD ValueCount(HKEY h) {
+    DWORD values = 0;
+    EXPECT_EQ(0, RegQueryInfoKey(h, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &values,
+                                 nullptr, nullptr, nullptr, nullptr));
+    return values;
+}
+
+LONG SetAndClose(const std::string& path, const std::string& name, const std::string& value) {
+    HKEY h = 0;
+    LONG r = RegCreateKeyEx(0, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h, nullptr);
+    if (r != 0) return r;
+    r = SetSz(h, name, value);
+    const LONG c = RegCloseKey(h);
+    return r != 0 ? r : c;
+}
+
+std::string Query(const std::string& path, const std::string& name) {
+    HKEY h = 0;
+    if (RegOpenKeyEx(0, path.c_str(), 0, 0, &h) != 0) return "<no key>";
+    const std::string v = GetSz(h, name);
+    RegCloseKey(h);
+    return v;
+}
+
+bool KeyExists(const std::string& path) {
+    HKEY h = 0;
+    if (RegOpenKeyEx(0, path.c_str(), 0, 0, &h) != 0) return false;
+    RegCloseKey(h);
+    return true;
+}
+
+::testing::AssertionResult Has(const std::string& text, const std::string& needle) {
+    const bool found = text.find(needle) != std::string::npos;
+    return (found ? ::testing::AssertionSuccess() : ::testing::AssertionFailure())
+           << "'" << needle << "' " << (found ? "is" : "is not") << " in:\n"
+           << text;
 }
 
 void RemoveSysV(const std::string& lockFile) {

@@ -5,6 +5,9 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
+#include <tvcommonutil.h>
+
 #include "test_support.h"
 
 namespace regtest {
@@ -37,6 +40,25 @@ private:
     tvtest::TempDir dir_;
     std::string install_;
 };
+
+// Short forms of the calls every test makes. Keys are paths from
+// HKEY_LOCAL_MACHINE unless a parent is given; a failed open or create is
+// reported as a test failure and returns 0.
+HKEY Create(const std::string& path, HKEY parent = 0, REGSAM sam = KEY_ALL_ACCESS);
+HKEY Open(const std::string& path, REGSAM sam = 0, HKEY parent = 0);
+LONG SetSz(HKEY h, const std::string& name, const std::string& value);
+// The REG_SZ value, or "<result>" when the query fails.
+std::string GetSz(HKEY h, const std::string& name);
+unsigned long GetDword(HKEY h, const std::string& name);
+DWORD ValueCount(HKEY h);
+// Create, set, close: the first result that is not 0, else 0.
+LONG SetAndClose(const std::string& path, const std::string& name, const std::string& value);
+// Open, query, close: the value, "<no key>" or "<result>".
+std::string Query(const std::string& path, const std::string& name);
+bool KeyExists(const std::string& path);
+
+// Whether text contains needle; either way the message shows the text.
+::testing::AssertionResult Has(const std::string& text, const std::string& needle);
 
 // Removes the semaphore set and the segment keyed by ftok(lockFile, 1).
 void RemoveSysV(const std::string& lockFile);
