@@ -3,8 +3,8 @@
 // Design
 // ------
 // All timers of the process sit in one queue, a singly linked list through
-// Timer::next_ ordered by whole due seconds (timers due within the same
-// second stay in the order they were queued). One timer thread, started by
+// Timer::next_ ordered by the full due time (timers due at the same instant
+// stay in the order they were armed). One timer thread, started by
 // the first timer ever created and never stopped, sleeps on the request
 // condition until the due time of the head. Expiry is not a signalled state:
 // the timer thread queues the completion routine as an APC to the thread that
@@ -113,7 +113,7 @@ int Timer::GetState() const {
 }
 
 bool Timer::InsertHere(const timespec& due) const {
-    return due.tv_sec < due_.tv_sec;
+    return due.tv_sec < due_.tv_sec || (due.tv_sec == due_.tv_sec && due.tv_nsec < due_.tv_nsec);
 }
 
 int Timer::Queue(Timer* t) {

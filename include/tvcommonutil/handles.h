@@ -522,11 +522,10 @@ public:
     static int Cancel(Timer* t);
 
     // Internal; the caller holds the request lock.
-    // Queues t by due second; 1 when t became the head of the queue.
+    // Queues t by due time; 1 when t became the head of the queue.
     static int Queue(Timer* t);
-    // True when `due` falls in an earlier whole second than this timer's due
-    // time. Nanoseconds never decide: timers due within the same second fire
-    // in the order they were queued, deliberately.
+    // True when `due` is strictly earlier than this timer's due time, so
+    // timers due at the same instant fire in the order they were armed.
     bool InsertHere(const timespec& due) const;
     // Starts the timer thread if it has not been started yet.
     static void StartThread();
