@@ -88,7 +88,13 @@ void TvPlatformThread::QueueAPC(void (*fn)(void*, void*, void*), void* a1, void*
         return;
     }
     apcs_.push_back(_threadapc{fn, a1, a2, a3});
-    if (wakeFlag_) pthread_kill(GetTid(), tv::detail::ApcSignal());
+    if (wakeFlag_) {
+        // One signal per CheckAPC is enough: the sleeper looks at the queue
+        // before it sleeps again. Leaving the flag set would send a signal
+        // with every APC long after the thread stopped waiting for one.
+        wakeFlag_ = 0;
+        pthread_kill(GetTid(), tv::detail::ApcSignal());
+    }
     // The waiter stays registered, and so alive, until it has taken this
     // mutex to leave.
     if (alertableWait_) alertableWait_->Alert();

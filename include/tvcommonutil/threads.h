@@ -115,8 +115,9 @@ TV_API void UserAPCHandler(int sig);
 TV_API void SuspendHandler(int sig);
 TV_API void ResumeHandler(int sig);
 
-// 0, or WAIT_IO_COMPLETION when an alertable sleep ran APCs. SleepEx(0, ...)
-// only yields. INFINITE is an ordinary (very long) time-out here.
+// 0, or WAIT_IO_COMPLETION when an alertable sleep ran APCs (it ends early
+// only then). A non-alertable sleep lasts its whole time whatever signals
+// arrive. SleepEx(0, ...) only yields; INFINITE sleeps for ever.
 TV_API DWORD SleepEx(DWORD ms, BOOL alertable);
 TV_API void Sleep(DWORD ms);
 // There is no message queue: blocks until any signal is handled, returns 0.

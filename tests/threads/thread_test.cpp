@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <signal.h>
 
 #include <atomic>
 #include <chrono>
@@ -138,9 +139,9 @@ TEST(Apc, WorkerThatQuitsFromItsApc) {
         Handle* t = CreateThread(
             nullptr, 0,
             [](void* p) -> DWORD {
-                Worker* w = static_cast<Worker*>(p);
-                SetEvent(w->ready);
-                while (!w->quit) WaitForMultipleObjectsEx(2, w->idle, FALSE, 20000, TRUE);
+                Worker* self = static_cast<Worker*>(p);
+                SetEvent(self->ready);
+                while (!self->quit) WaitForMultipleObjectsEx(2, self->idle, FALSE, 20000, TRUE);
                 return 0;
             },
             &w, 0, nullptr);
@@ -228,6 +229,40 @@ TEST(Apc, QueuedWhileTargetSleepsEndsTheAlertableWait) {
         EXPECT_EQ(5 + mode, apc_value.load());
         EXPECT_EQ(100 + mode, apc_marker.load());
         CloseHandle(never);
+    }
+}
+
+// Neither a stray signal nor an APC shortens a non-alertable sleep (also
+// after an alertable one, which leaves the thread open to APC wake-ups); an
+// alertable sleep ends early only when an APC really ran.
+TEST(Apc, SleepOutlastsSignalsThatRunNoApc) {
+    struct sigaction sa = {};
+    sa.sa_handler = [](int) {};
+    sigaction(SIGUSR2, &sa, nullptr);  // no SA_RESTART
+    for (int mode = 0; mode < 3; ++mode) {
+        std::atomic<Handle*> self{nullptr};
+        std::atomic<pid_t> tid{0};
+        DWORD result = 99;
+        long slept = 0;
+        std::thread sleeper([&] {
+            if (mode == 2) SleepEx(1, TRUE);
+            self = GetCurrentThread();
+            tid = tvtest::CurrentTid();
+            const auto t0 = Clock::now();
+            result = SleepEx(300, mode == 1);
+            slept = MsSince(t0);
+        });
+        while (tid.load() == 0) std::this_thread::yield();
+        ASSERT_TRUE(tvtest::WaitUntilSleeping(tid.load()));
+        apc_value = 0;
+        if (mode == 2)
+            QueueUserAPC(RecordApc, self.load(), 3);
+        else
+            pthread_kill(sleeper.native_handle(), SIGUSR2);
+        sleeper.join();
+        EXPECT_EQ(0u, result) << mode;
+        EXPECT_GE(slept, 295) << mode;
+        EXPECT_EQ(0, apc_value.load()) << mode;
     }
 }
 
