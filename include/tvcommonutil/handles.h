@@ -515,7 +515,8 @@ public:
 
     int What() override;
     // Arms (or re-arms) the timer for the absolute CLOCK_REALTIME time `due`,
-    // then every periodMs milliseconds when periodMs is not 0. Returns 1.
+    // then, when periodMs is not 0, every periodMs milliseconds counted from
+    // `due` (expiries missed while behind are skipped). Returns 1.
     int SetTimer(const timespec* due, long periodMs, PTIMERAPCROUTINE routine, void* arg);
     // 1 when the timer was queued (its routine will not be called for that
     // expiry), 0 otherwise or for a null timer.
@@ -550,7 +551,8 @@ private:
 
 TV_API Handle* CreateWaitableTimer(SECURITY_ATTRIBUTES* sa, BOOL manualReset, const char* name);
 // `due` is an absolute CLOCK_REALTIME time (not a relative or 100 ns count);
-// `resume` is ignored. TRUE, or FALSE for a null timer or due time.
+// `resume` is ignored. TRUE, or FALSE for a null timer or due time (or, with
+// EINVAL, a negative period).
 TV_API BOOL SetWaitableTimer(Handle* timer, const timespec* due, long periodMs,
                              PTIMERAPCROUTINE routine, void* arg, BOOL resume);
 TV_API BOOL CancelWaitableTimer(Handle* timer);

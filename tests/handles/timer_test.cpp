@@ -107,3 +107,40 @@ TEST(Timer, FiresInDueTimeOrderOnTimeAndOnTheArmingThread) {
     EXPECT_EQ(5u, shots.size());
     for (Handle* h : t) CloseHandle(h);
 }
+
+// A periodic timer re-arms at its previous due time plus the period: a due
+// time a second in the past gives one expiry at once and then the period,
+// not a burst of the missed ones; a short period does not flood its owner,
+// whose non-alertable sleep lasts its whole time meanwhile.
+TEST(Timer, PeriodicTimerKeepsItsPeriodWithoutBurstsOrFloods) {
+    shots.clear();
+    Handle* t = CreateWaitableTimer(nullptr, FALSE, "periodic");
+    const long periodMs = 20;
+    const timespec first = RealtimeIn(-1000);
+    SleepEx(1, TRUE);  // the thread has looked for APCs before
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(TRUE, SetWaitableTimer(t, &first, periodMs, Record, Id(1), FALSE));
+    Sleep(200);
+    const auto afterSleep = std::chrono::steady_clock::now();
+    EXPECT_GE(afterSleep - start, std::chrono::milliseconds(195));
+    Collect(8);
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        std::chrono::steady_clock::now() - start)
+                        .count();
+    EXPECT_EQ(TRUE, CancelWaitableTimer(t));
+    SleepEx(1, TRUE);  // an expiry queued before the cancel
+    const size_t n = shots.size();
+    ASSERT_GE(n, 8u);
+    EXPECT_LE(static_cast<long>(n), ms / periodMs + 2);
+    for (size_t i = 0; i < n; ++i) {
+        const long long sinceFirst = Ns(shots[i].due) - Ns(first);
+        EXPECT_EQ(0, sinceFirst % (periodMs * 1000000LL)) << i;
+        if (i == 0) continue;
+        EXPECT_GT(Ns(shots[i].due), Ns(shots[i - 1].due));
+        EXPECT_LE(shots[i].lateMs, 500.0) << i;
+    }
+    // Nothing arrives once cancelled.
+    EXPECT_EQ(0u, SleepEx(5 * periodMs, TRUE));
+    EXPECT_EQ(n, shots.size());
+    CloseHandle(t);
+}
