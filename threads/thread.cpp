@@ -28,16 +28,46 @@ TvPlatformThread::TvPlatformThread(pthread_t tid, int initialCount)
       tid_(tid),
       state_(kThreadRunning),
       wakeFlag_(0),
-      suspendCount_(0),
-      alertableWait_(nullptr) {
+      alertableWait_(nullptr),
+      ended_(false),
+      suspendCount_(0) {
     pthread_mutex_init(&mutex_, nullptr);
+    pthread_mutex_init(&signalLock_, nullptr);
     // Made now so that the end of the thread always has an event to set.
     synch_ = new Event(-1, TRUE, FALSE, nullptr);
 }
 
 TvPlatformThread::~TvPlatformThread() {
+    pthread_mutex_destroy(&signalLock_);
     pthread_mutex_destroy(&mutex_);
 }
+
+namespace {
+
+// Holds a thread's signal lock with the suspend signal blocked for the
+// holder: a thread suspending itself stops only after it has let go.
+class SignalLockHolder {
+public:
+    explicit SignalLockHolder(pthread_mutex_t* m) : m_(m) {
+        sigset_t suspend;
+        sigemptyset(&suspend);
+        sigaddset(&suspend, tv::detail::SuspendSignal());
+        pthread_sigmask(SIG_BLOCK, &suspend, &saved_);
+        pthread_mutex_lock(m_);
+    }
+    ~SignalLockHolder() {
+        pthread_mutex_unlock(m_);
+        pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+    }
+    SignalLockHolder(const SignalLockHolder&) = delete;
+    SignalLockHolder& operator=(const SignalLockHolder&) = delete;
+
+private:
+    pthread_mutex_t* m_;
+    sigset_t saved_;
+};
+
+}  // namespace
 
 int TvPlatformThread::What() {
     return kHandleThread;
@@ -52,6 +82,11 @@ void TvPlatformThread::SetTid(pthread_t tid) {
 }
 
 void TvPlatformThread::SetState(ThreadState_t state) {
+    if (state == kThreadExited) {
+        // From here on the thread may be gone at any moment: no more signals.
+        SignalLockHolder hold(&signalLock_);
+        ended_ = true;
+    }
     pthread_mutex_lock(&mutex_);
     state_ = state;
     pthread_mutex_unlock(&mutex_);
@@ -145,23 +180,51 @@ void TvPlatformThread::LeaveAlertableWait() {
     pthread_mutex_unlock(&mutex_);
 }
 
+// The count changes by compare-and-swap under the signal lock: the lock keeps
+// the signals in the order of the transitions they stand for (0 -> 1 sends
+// the suspend signal, 1 -> 0 the resume signal) and away from an ended
+// thread, whose identifier may already be gone.
 unsigned long TvPlatformThread::Suspend() {
-    long count = InterlockedIncrement(&suspendCount_);
-    if (count == 1 && pthread_kill(GetTid(), tv::detail::SuspendSignal()) != 0) {
-        InterlockedDecrement(&suspendCount_);
+    SignalLockHolder hold(&signalLock_);
+    if (ended_) {
+        errno = ESRCH;
         return 0xFFFFFFFFUL;
     }
-    return static_cast<unsigned long>(count - 1);
+    long count = __atomic_load_n(&suspendCount_, __ATOMIC_RELAXED);
+    while (!__atomic_compare_exchange_n(&suspendCount_, &count, count + 1, false, __ATOMIC_ACQ_REL,
+                                        __ATOMIC_RELAXED)) {
+    }
+    if (count == 0) {
+        const int rc = pthread_kill(GetTid(), tv::detail::SuspendSignal());
+        if (rc != 0) {
+            __atomic_fetch_sub(&suspendCount_, 1, __ATOMIC_ACQ_REL);
+            errno = rc;
+            return 0xFFFFFFFFUL;
+        }
+    }
+    return static_cast<unsigned long>(count);
 }
 
 unsigned long TvPlatformThread::Resume() {
-    if (__atomic_load_n(&suspendCount_, __ATOMIC_ACQUIRE) == 0) return 0;
-    long count = InterlockedDecrement(&suspendCount_);
-    if (count == 0 && pthread_kill(GetTid(), tv::detail::ResumeSignal()) != 0) {
-        InterlockedIncrement(&suspendCount_);
+    SignalLockHolder hold(&signalLock_);
+    if (ended_) {
+        errno = ESRCH;
         return 0xFFFFFFFFUL;
     }
-    return static_cast<unsigned long>(count + 1);
+    long count = __atomic_load_n(&suspendCount_, __ATOMIC_RELAXED);
+    do {
+        if (count <= 0) return 0;
+    } while (!__atomic_compare_exchange_n(&suspendCount_, &count, count - 1, false,
+                                          __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
+    if (count == 1) {
+        const int rc = pthread_kill(GetTid(), tv::detail::ResumeSignal());
+        if (rc != 0) {
+            __atomic_fetch_add(&suspendCount_, 1, __ATOMIC_ACQ_REL);
+            errno = rc;
+            return 0xFFFFFFFFUL;
+        }
+    }
+    return static_cast<unsigned long>(count);
 }
 
 namespace tv {

@@ -34,7 +34,9 @@ enum ThreadState_t { kThreadRunning = 0, kThreadExited = 1 };
 // A POSIX thread as a Windows thread handle. Thread-safe. Its mutex guards
 // the APC queue, the wake flag, the state and the alertable wait the thread
 // is in; it comes after every object lock (QueueAPC alerts the registered
-// wait under it) and APCs run without it held.
+// wait under it) and APCs run without it held. Suspension is a signal whose
+// handler waits for the resume signal, so a suspended thread stops wherever
+// it is, with whatever locks it holds: suspend only threads known to be idle.
 class TV_API TvPlatformThread : public Handle {
 public:
     explicit TvPlatformThread(pthread_t tid, int initialCount = 1);
@@ -58,14 +60,15 @@ public:
     int CheckAPC();
     // True when APCs are queued; used by alertable waits.
     bool HasPendingAPC();
-    // Previous suspend count, or 0xFFFFFFFF when the signal could not be sent.
+    // The suspend count before the call, or 0xFFFFFFFF (errno ESRCH) once the
+    // thread has ended. Resume of a thread that is not suspended returns 0.
     unsigned long Suspend();
     unsigned long Resume();
     pthread_t GetTid() const;
     void SetTid(pthread_t tid);
     void SetState(ThreadState_t state);
     ThreadState_t GetState();
-    long GetSuspendCount() const { return suspendCount_; }
+    long GetSuspendCount() const { return __atomic_load_n(&suspendCount_, __ATOMIC_ACQUIRE); }
 
     // Internal: an alertable timed wait registers its waiter so that QueueAPC
     // can alert it; true when APCs were already queued.
@@ -78,8 +81,14 @@ private:
     pthread_mutex_t mutex_;
     std::deque<_threadapc> apcs_;
     int wakeFlag_;
-    long suspendCount_;
     tv::detail::Waiter* alertableWait_;
+    // Orders the suspend and resume signals with the count and with the end
+    // of the thread; held only with the suspend signal blocked, so that no
+    // holder is ever stopped with it held. Never taken with mutex_ held, nor
+    // mutex_ under it: a thread may be stopped while it holds mutex_.
+    pthread_mutex_t signalLock_;
+    bool ended_;         // guarded by signalLock_: no signal may be sent
+    long suspendCount_;  // changed under signalLock_ by compare-and-swap
 };
 
 // The start record handed to a new thread.

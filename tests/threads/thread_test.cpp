@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -322,7 +323,31 @@ TEST(Thread, SuspendAndResumeCounts) {
     EXPECT_EQ(a, spins.load()) << "runs again only after the last resume";
     EXPECT_EQ(1u, ResumeThread(t));
     while (spins.load() == a) std::this_thread::yield();
+
+    // Two threads resume a thread suspended once: exactly one of them
+    // resumes it, and the count never goes below 0.
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(0u, SuspendThread(t)) << i;
+        std::atomic<int> ready{0};
+        DWORD r[2] = {9, 9};
+        auto resume = [&](int k) {
+            ++ready;
+            while (ready.load() < 2) {
+            }
+            r[k] = ResumeThread(t);
+        };
+        std::thread r0(resume, 0), r1(resume, 1);
+        r0.join();
+        r1.join();
+        ASSERT_EQ(1u, r[0] + r[1]) << i << ": " << r[0] << " " << r[1];
+        ASSERT_EQ(0, static_cast<TvPlatformThread*>(t)->GetSuspendCount()) << i;
+    }
     stop_spinning = true;
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, 20000, FALSE));
+    // An ended thread cannot be signalled: an error, not a crash.
+    errno = 0;
+    EXPECT_EQ(0xFFFFFFFFu, SuspendThread(t));
+    EXPECT_EQ(ESRCH, errno);
+    EXPECT_EQ(0xFFFFFFFFu, ResumeThread(t));
     CloseHandle(t);
 }
