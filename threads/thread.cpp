@@ -3,17 +3,21 @@
 // A thread made by CreateThread starts in KwThreadBase, which first waits on
 // the start gate (a CriticalSection its creator holds until the handle is
 // complete), so user code never runs before CreateThread has returned a
-// usable handle. The thread's context owns one reference to its thread
+// usable handle; one created suspended then waits there for its first
+// resume. The thread's context owns one reference to its thread
 // object; when the thread ends the context marks the object exited and, if
 // anyone else holds the handle, signals its synchronisation event. That event
 // is manual-reset and never reset: an ended thread stays signalled for every
 // waiter, single or multi-object, however many there are.
 #include <errno.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <exception>
 #include <iostream>
@@ -30,6 +34,7 @@ TvPlatformThread::TvPlatformThread(pthread_t tid, int initialCount)
       wakeFlag_(0),
       alertableWait_(nullptr),
       ended_(false),
+      startHeld_(0),
       suspendCount_(0) {
     pthread_mutex_init(&mutex_, nullptr);
     pthread_mutex_init(&signalLock_, nullptr);
@@ -216,7 +221,10 @@ unsigned long TvPlatformThread::Resume() {
         if (count <= 0) return 0;
     } while (!__atomic_compare_exchange_n(&suspendCount_, &count, count - 1, false,
                                           __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
-    if (count == 1) {
+    if (count == 1 && startHeld_) {
+        __atomic_store_n(&startHeld_, 0, __ATOMIC_RELEASE);
+        syscall(SYS_futex, &startHeld_, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    } else if (count == 1) {
         const int rc = pthread_kill(GetTid(), tv::detail::ResumeSignal());
         if (rc != 0) {
             __atomic_fetch_add(&suspendCount_, 1, __ATOMIC_ACQ_REL);
@@ -225,6 +233,21 @@ unsigned long TvPlatformThread::Resume() {
         }
     }
     return static_cast<unsigned long>(count);
+}
+
+// A thread created suspended has not run any code of its caller yet, so it
+// waits on a futex rather than in the suspend signal's handler, and its
+// first resume wakes it there.
+void TvPlatformThread::HoldStart() {
+    SignalLockHolder hold(&signalLock_);
+    startHeld_ = 1;
+    __atomic_store_n(&suspendCount_, 1, __ATOMIC_RELEASE);
+}
+
+void TvPlatformThread::WaitForStart() {
+    while (__atomic_load_n(&startHeld_, __ATOMIC_ACQUIRE)) {
+        syscall(SYS_futex, &startHeld_, FUTEX_WAIT_PRIVATE, 1, nullptr, nullptr, 0);
+    }
 }
 
 namespace tv {
@@ -272,11 +295,12 @@ void* KwThreadBase(void* p) {
     void* param = args->param;
     delete args;
     ctx->SetCurrentThread(self);
+    self->WaitForStart();
     DWORD result = start(param);
     return reinterpret_cast<void*>(result);
 }
 
-Handle* CreateThread(SECURITY_ATTRIBUTES*, DWORD, DWORD (*start)(void*), void* param, DWORD,
+Handle* CreateThread(SECURITY_ATTRIBUTES*, DWORD, DWORD (*start)(void*), void* param, DWORD flags,
                      DWORD* threadId) {
     tv::detail::EnsureThreadSignals();
     CriticalSection* gate = new CriticalSection();
@@ -298,6 +322,7 @@ Handle* CreateThread(SECURITY_ATTRIBUTES*, DWORD, DWORD (*start)(void*), void* p
     // One reference for the caller, one for the new thread's context.
     TvPlatformThread* t = new TvPlatformThread(tid, 1);
     t->IncRefCount();
+    if (flags & CREATE_SUSPENDED) t->HoldStart();
     args->thread = t;
     if (threadId) *threadId = static_cast<DWORD>(tid);
     gate->Unlock();

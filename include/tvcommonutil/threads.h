@@ -70,6 +70,10 @@ public:
     ThreadState_t GetState();
     long GetSuspendCount() const { return __atomic_load_n(&suspendCount_, __ATOMIC_ACQUIRE); }
 
+    // Internal: makes a thread that has not started yet wait at its start
+    // until resumed (suspend count 1), and the wait itself (on the thread).
+    void HoldStart();
+    void WaitForStart();
     // Internal: an alertable timed wait registers its waiter so that QueueAPC
     // can alert it; true when APCs were already queued.
     bool EnterAlertableWait(tv::detail::Waiter* waiter);
@@ -88,6 +92,7 @@ private:
     // mutex_ under it: a thread may be stopped while it holds mutex_.
     pthread_mutex_t signalLock_;
     bool ended_;         // guarded by signalLock_: no signal may be sent
+    int startHeld_;      // created suspended and not resumed yet; futex word
     long suspendCount_;  // changed under signalLock_ by compare-and-swap
 };
 
@@ -99,8 +104,10 @@ struct ThreadArgs {
     TvPlatformThread* thread;
 };
 
-// Starts a thread at once (CREATE_SUSPENDED is ignored); the identifier is
-// written through threadId, which must not be null. Null on failure.
+// Starts a thread, or with CREATE_SUSPENDED holds it before its start routine
+// (suspend count 1) until ResumeThread. Other flags, the security attributes
+// and the stack size are ignored. The identifier is written through threadId
+// when it is not null. Null on failure.
 TV_API Handle* CreateThread(SECURITY_ATTRIBUTES* sa, DWORD stackSize, DWORD (*start)(void*),
                             void* param, DWORD flags, DWORD* threadId);
 TV_API void* KwThreadBase(void* args);

@@ -50,14 +50,20 @@ void RecordApc(ULONG_PTR v) {
 
 }  // namespace
 
-TEST(Thread, WaitOnThreadHandleAndWakeAllWaitersAtEnd) {
+TEST(Thread, CreateSuspendedAndWakeAllWaitersAtEnd) {
     Gate g;
     DWORD id = 0;
     Handle* t = CreateThread(nullptr, 0, WaitForGo, &g, CREATE_SUSPENDED, &id);
     ASSERT_NE(nullptr, t);
     EXPECT_NE(0u, id);
     EXPECT_EQ(kHandleThread, t->What());
-    // CREATE_SUSPENDED is ignored: the thread runs at once.
+    // Held before its start routine until the suspend count is back at 0.
+    EXPECT_EQ(1, static_cast<TvPlatformThread*>(t)->GetSuspendCount());
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(g.ready, 200, FALSE));
+    EXPECT_EQ(1u, SuspendThread(t));
+    EXPECT_EQ(2u, ResumeThread(t));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(g.ready, 50, FALSE));
+    EXPECT_EQ(1u, ResumeThread(t));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(g.ready, 10000, FALSE));
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(t, 0, FALSE));
 
