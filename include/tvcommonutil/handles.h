@@ -120,8 +120,9 @@ private:
 // preference (readers enter whenever no writer holds the lock). Write locks
 // are recursive for their owner; read locks are counted, not owned.
 // Results of the lock calls: 0 acquired, 128 (WAIT_ABANDONED) refused without
-// waiting, 258 (WAIT_TIMEOUT) timed out. Time-outs below one second expire at
-// once (see FixTimeout), deliberately; callers that need short waits poll.
+// waiting, 258 (WAIT_TIMEOUT) timed out. A time-out counts from the call,
+// however often the caller is woken meanwhile; time-outs below one second
+// expire at once, deliberately (callers that need short waits poll).
 //
 // Thread-safe. mutex_ guards the counters and the hand-off state; it is a
 // leaf lock (nothing else is taken while it is held). The lock itself sits in
@@ -175,8 +176,10 @@ private:
     class Holder;  // scoped holder of mutex_ (rwlock.cpp)
 
     bool ReaderAdmissible() const TV_REQUIRES(mutex_);
-    bool WaitReader(unsigned long ms) TV_REQUIRES(mutex_);
-    bool WaitWriter(unsigned long ms) TV_REQUIRES(mutex_);
+    // Sleep until woken or until the absolute CLOCK_MONOTONIC time `until`
+    // (null: no time-out); false on time-out.
+    bool WaitReader(const timespec* until) TV_REQUIRES(mutex_);
+    bool WaitWriter(const timespec* until) TV_REQUIRES(mutex_);
     void UnwaitReader(bool handOff) TV_REQUIRES(mutex_);
     void UnwaitWriter() TV_REQUIRES(mutex_);
     void PassOnAfterWriterTimeout() TV_REQUIRES(mutex_);
