@@ -170,8 +170,9 @@ TV_API DWORD ThreadPoolConsume(TvThreadPool* pool);
 
 // A producer/consumer pool: Produce queues opaque work items, which pool
 // threads take first in, first out and pass to the consume callback.
-// Threads are started on demand (by the creator) up to the maximum; an idle
-// thread above the minimum ends after the idle time-out. A consume callback
+// Produce starts a thread (by the creator, up to the maximum) whenever the
+// queued items outnumber the idle threads not already woken; an idle thread
+// above the minimum ends after the idle time-out. A consume callback
 // may take its thread out of the pool (ExitPool) to go on with long work.
 //
 // Thread-safe. One mutex guards every counter, the queue and the shutting
@@ -187,8 +188,8 @@ public:
     // No thread is started here, not even the minimum. A null creator means
     // DefaultCreator; a null exit function means pthread_exit. An idle
     // time-out of INFINITE keeps idle threads forever; time-outs under one
-    // second expire at once (FixTimeout), so idle threads above the minimum
-    // then end as soon as they find nothing to do.
+    // second expire at once, so idle threads above the minimum then end as
+    // soon as they find nothing to do.
     TvThreadPool(unsigned long minThreads, unsigned long maxThreads, void (*consume)(void*),
                  Creator creator = nullptr, void (*exitFn)(unsigned int) = nullptr,
                  void (*dispose)(void*) = nullptr, unsigned long idleMs = INFINITE);
@@ -223,6 +224,7 @@ private:
     unsigned long threads_;
     unsigned long exitedThreads_;
     unsigned long idleThreads_;
+    unsigned long wokenThreads_;  // idle threads signalled, still in the wait
     unsigned long idleMs_;
     pthread_mutex_t mutex_;
     pthread_cond_t cond_;

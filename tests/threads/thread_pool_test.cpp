@@ -155,6 +155,32 @@ TEST_F(ThreadPoolTest, GrowsToMaximumUnderBurstAndShrinksToMinimumWhenIdle) {
     CloseHandle(gate);
 }
 
+// A burst that meets one idle thread wakes it for one item and starts a
+// thread for each further one, up to the maximum: the woken thread, not yet
+// out of its wait, does not count as idle for the rest of the burst.
+TEST_F(ThreadPoolTest, BurstPastAnIdleThreadGrowsThePool) {
+    Handle* gate = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    Task quick, blocked;
+    blocked.gate = gate;
+    TvThreadPool pool(1, 8, RunTask, CountingCreator, CountingExit, nullptr, INFINITE);
+    pool.Produce(&quick);
+    ASSERT_TRUE(Eventually([] { return probe->done.load() == 1; }));
+    pid_t idle;
+    {
+        std::lock_guard<std::mutex> hold(probe->m);
+        idle = *probe->workers.begin();
+    }
+    ASSERT_TRUE(tvtest::WaitUntilSleeping(idle));
+    for (int i = 0; i < 10; ++i) pool.Produce(&blocked);
+    EXPECT_EQ(8, probe->created.load());
+    EXPECT_TRUE(Eventually([] { return probe->inFlight.load() == 8; }));
+    SetEvent(gate);
+    ASSERT_TRUE(Eventually([] { return probe->done.load() == 11; }));
+    EXPECT_EQ(8, probe->maxInFlight.load());
+    pool.Shutdown();
+    CloseHandle(gate);
+}
+
 TEST_F(ThreadPoolTest, ShutdownWaitsForRunningItemsAndDestructorDisposesTheRest) {
     Handle* gate = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     Task tasks[4];
