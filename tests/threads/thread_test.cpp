@@ -50,7 +50,7 @@ void RecordApc(ULONG_PTR v) {
 
 }  // namespace
 
-TEST(Thread, CreateSuspendedAndWakeAllWaitersAtEnd) {
+TEST(Thread, CreateSuspendedRunsOnResumeAndStaysSignalledOnceEnded) {
     Gate g;
     DWORD id = 0;
     Handle* t = CreateThread(nullptr, 0, WaitForGo, &g, CREATE_SUSPENDED, &id);
@@ -65,37 +65,15 @@ TEST(Thread, CreateSuspendedAndWakeAllWaitersAtEnd) {
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(g.ready, 50, FALSE));
     EXPECT_EQ(1u, ResumeThread(t));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(g.ready, 10000, FALSE));
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(t, 0, FALSE));
 
-    std::atomic<int> woken{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 3; ++i) {
-        std::atomic<pid_t> wtid{0};
-        waiters.emplace_back([&] {
-            wtid = tvtest::CurrentTid();
-            if (WaitForSingleObjectEx(t, INFINITE, FALSE) == WAIT_OBJECT_0) ++woken;
-        });
-        while (wtid.load() == 0) std::this_thread::yield();
-        ASSERT_TRUE(tvtest::WaitUntilSleeping(wtid.load()));
-    }
-    SetEvent(g.go);
-    for (auto& w : waiters) w.join();
-    EXPECT_EQ(3, woken.load());
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, 0, FALSE));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, INFINITE, FALSE));
-    CloseHandle(t);
-}
-
-TEST(Thread, MixedWaitOnEventAndThread) {
-    Gate g;
-    DWORD id = 0;
-    Handle* t = CreateThread(nullptr, 0, WaitForGo, &g, 0, &id);
     Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
     Handle* set[2] = {ev, t};
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(t, 0, FALSE));
     EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE));
     SetEvent(g.go);
-    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE));
-    // Already ended: still reported at once.
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, INFINITE, FALSE));
+    // Ended: reported at once from then on, to single, mixed and wait-all waits.
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(t, 0, FALSE));
     EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE));
     Handle* threads[2] = {t, t};
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjectsEx(2, threads, TRUE, 0, FALSE));
@@ -113,20 +91,20 @@ TEST(Thread, EndSeenByEverySingleAndMixedWaiter) {
         Handle* set[2] = {ev, t};
         std::atomic<int> seen{0};
         std::vector<std::thread> waiters;
-        for (int i = 0; i < 3; ++i) {
+        for (int i = 0; i < 4; ++i) {
             std::atomic<pid_t> wtid{0};
             waiters.emplace_back([&, i] {
                 wtid = tvtest::CurrentTid();
-                DWORD r = i == 0 ? WaitForSingleObjectEx(t, 20000, FALSE)
-                                 : WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE);
-                if (r == (i == 0 ? WAIT_OBJECT_0 : WAIT_OBJECT_0 + 1)) ++seen;
+                DWORD r = i < 2 ? WaitForSingleObjectEx(t, i ? INFINITE : 20000, FALSE)
+                                : WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE);
+                if (r == (i < 2 ? WAIT_OBJECT_0 : WAIT_OBJECT_0 + 1)) ++seen;
             });
             while (wtid.load() == 0) std::this_thread::yield();
             ASSERT_TRUE(tvtest::WaitUntilSleeping(wtid.load()));
         }
         SetEvent(g.go);
         for (auto& w : waiters) w.join();
-        EXPECT_EQ(3, seen.load()) << "run " << run;
+        EXPECT_EQ(4, seen.load()) << "run " << run;
         CloseHandle(ev);
         CloseHandle(t);
     }
@@ -211,88 +189,70 @@ TEST(Apc, DeliveredOnlyAtAlertablePointsOnTheTargetThread) {
     CloseHandle(c.ready);
 }
 
-TEST(Apc, QueuedWhileTargetSleepsEndsTheAlertableWait) {
-    // Once in SleepEx, once in a timed alertable event wait, the target is
-    // already asleep in the kernel when the APC is queued.
-    for (int mode = 0; mode < 2; ++mode) {
-        Handle* never = CreateEvent(nullptr, FALSE, FALSE, nullptr);
-        std::atomic<Handle*> self{nullptr};
-        std::atomic<pid_t> tid{0};
-        DWORD result = 0;
-        std::thread target([&] {
-            tls_marker = 100 + mode;
-            self = GetCurrentThread();
-            tid = tvtest::CurrentTid();
-            result = mode == 0 ? SleepEx(30000, TRUE) : WaitForSingleObjectEx(never, 30000, TRUE);
-        });
-        while (tid.load() == 0 || self.load() == nullptr) std::this_thread::yield();
-        ASSERT_TRUE(tvtest::WaitUntilSleeping(tid.load()));
-        auto t0 = Clock::now();
-        apc_value = 0;
-        QueueUserAPC(RecordApc, self.load(), 5 + mode);
-        target.join();
-        EXPECT_EQ(WAIT_IO_COMPLETION, result) << mode;
-        EXPECT_LT(MsSince(t0), 10000) << mode;
-        EXPECT_EQ(5 + mode, apc_value.load());
-        EXPECT_EQ(100 + mode, apc_marker.load());
-        CloseHandle(never);
-    }
-}
-
-// Neither a stray signal nor an APC shortens a non-alertable sleep (also
-// after an alertable one, which leaves the thread open to APC wake-ups); an
-// alertable sleep ends early only when an APC really ran.
-TEST(Apc, SleepOutlastsSignalsThatRunNoApc) {
+// What ends a sleeping target's wait: an APC ends a finite alertable wait
+// with 192 (also one queued while the target already sleeps); an INFINITE
+// wait ignores APCs; neither a stray signal nor an APC shortens a
+// non-alertable sleep (also after an alertable one, which leaves the thread
+// open to APC wake-ups), and an alertable sleep ends early only when an APC
+// really ran.
+TEST(Apc, WhatEndsASleepingTargetsWait) {
     struct sigaction sa = {};
     sa.sa_handler = [](int) {};
     sigaction(SIGUSR2, &sa, nullptr);  // no SA_RESTART
-    for (int mode = 0; mode < 3; ++mode) {
+    struct Case {
+        int wait;  // 0 SleepEx, 1 timed event wait, 2 INFINITE event wait
+        DWORD ms;
+        BOOL alertable;
+        bool apc;  // else a plain signal
+        DWORD result;
+    } cases[] = {{0, 30000, TRUE, true, WAIT_IO_COMPLETION},
+                 {1, 30000, TRUE, true, WAIT_IO_COMPLETION},
+                 {2, INFINITE, TRUE, true, WAIT_OBJECT_0},
+                 {0, 300, FALSE, false, 0},
+                 {0, 300, TRUE, false, 0},
+                 {3, 300, FALSE, true, 0}};
+    for (const Case& c : cases) {
+        const int n = static_cast<int>(&c - cases);
+        Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
         std::atomic<Handle*> self{nullptr};
         std::atomic<pid_t> tid{0};
         DWORD result = 99;
         long slept = 0;
-        std::thread sleeper([&] {
-            if (mode == 2) SleepEx(1, TRUE);
+        std::thread target([&] {
+            tls_marker = 100 + n;
+            if (c.wait == 3) SleepEx(1, TRUE);
             self = GetCurrentThread();
             tid = tvtest::CurrentTid();
             const auto t0 = Clock::now();
-            result = SleepEx(300, mode == 1);
+            result = c.wait == 0 || c.wait == 3 ? SleepEx(c.ms, c.alertable)
+                                                : WaitForSingleObjectEx(ev, c.ms, c.alertable);
             slept = MsSince(t0);
         });
         while (tid.load() == 0) std::this_thread::yield();
         ASSERT_TRUE(tvtest::WaitUntilSleeping(tid.load()));
         apc_value = 0;
-        if (mode == 2)
-            QueueUserAPC(RecordApc, self.load(), 3);
+        if (c.apc)
+            QueueUserAPC(RecordApc, self.load(), 5 + n);
         else
-            pthread_kill(sleeper.native_handle(), SIGUSR2);
-        sleeper.join();
-        EXPECT_EQ(0u, result) << mode;
-        EXPECT_GE(slept, 295) << mode;
-        EXPECT_EQ(0, apc_value.load()) << mode;
+            pthread_kill(target.native_handle(), SIGUSR2);
+        if (c.wait == 2) {
+            EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(ev, 300, FALSE)) << "target still waits";
+            SetEvent(ev);
+        }
+        target.join();
+        EXPECT_EQ(c.result, result) << n;
+        if (c.result == WAIT_IO_COMPLETION) {
+            EXPECT_LT(slept, 10000) << n;
+            EXPECT_EQ(5 + n, apc_value.load()) << n;
+            EXPECT_EQ(100 + n, apc_marker.load()) << n;
+        } else {
+            EXPECT_EQ(0, apc_value.load()) << n;
+        }
+        if (c.ms == 300) {
+            EXPECT_GE(slept, 295) << n;
+        }
+        CloseHandle(ev);
     }
-}
-
-TEST(Apc, InfiniteWaitIgnoresApcs) {
-    Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
-    std::atomic<Handle*> self{nullptr};
-    std::atomic<pid_t> tid{0};
-    DWORD result = 99;
-    std::thread target([&] {
-        self = GetCurrentThread();
-        tid = tvtest::CurrentTid();
-        result = WaitForSingleObjectEx(ev, INFINITE, TRUE);
-    });
-    while (tid.load() == 0 || self.load() == nullptr) std::this_thread::yield();
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid.load()));
-    apc_value = 0;
-    QueueUserAPC(RecordApc, self.load(), 9);
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObjectEx(ev, 300, FALSE)) << "target still waits";
-    SetEvent(ev);
-    target.join();
-    EXPECT_EQ(WAIT_OBJECT_0, result);
-    EXPECT_EQ(0, apc_value.load());
-    CloseHandle(ev);
 }
 
 namespace {
