@@ -46,7 +46,7 @@ long ElapsedMs(Clock::time_point start) {
 
 }  // namespace
 
-TEST(RWLockThreads, WriterPreferenceHoldsNewReadersBack) {
+TEST(RWLockThreads, WriterPreferenceHoldsNewReadersAndUpgradesBack) {
     RWLock lock;
     ASSERT_EQ(0u, lock.ReadLock());
     std::atomic<bool> writerDone{false}, readerSawWriterDone{false};
@@ -66,6 +66,10 @@ TEST(RWLockThreads, WriterPreferenceHoldsNewReadersBack) {
     });
     // Only a reader holds the lock, yet the new reader waits for the writer.
     ASSERT_TRUE(Eventually([&] { return lock.GetWaitingReaders() == 1; }));
+    // An upgrade is refused while a writer waits, and the read lock is kept.
+    EXPECT_EQ(128u, lock.UpgradeLock());
+    EXPECT_EQ(1, lock.GetReaderCount());
+    EXPECT_EQ(NULL_PTHREAD, lock.GetWriter());
     EXPECT_FALSE(Finished(writer, 0ms));
     EXPECT_EQ(1, lock.ReadUnlock());
     ASSERT_TRUE(Finished(writer));
@@ -106,8 +110,11 @@ TEST(RWLockThreads, ReaderPreferenceAdmitsReadersPastWaitingWriter) {
     EXPECT_TRUE(Finished(second));
 }
 
-TEST(RWLockThreads, SubSecondTimeOutsUnderAWriterExpireAtOnce) {
-    RWLock lock;
+// A time-out counts from the call: a writer that a downgrade wakes (and does
+// not admit) halfway through its wait still gives up at the original time,
+// before the last reader leaves. Time-outs under a second expire at once.
+TEST(RWLockThreads, TimeOutIsATotalAcrossWakeUps) {
+    RWLock lock(true);
     ASSERT_EQ(0u, lock.WriteLock());
     Spawn([&] {
         for (int write = 0; write < 2; ++write) {
@@ -116,17 +123,6 @@ TEST(RWLockThreads, SubSecondTimeOutsUnderAWriterExpireAtOnce) {
             EXPECT_LT(ElapsedMs(start), 450);
         }
     }).get();
-    EXPECT_EQ(0, lock.GetWaitingReaders());
-    EXPECT_EQ(0, lock.GetWaitingWriters());
-    EXPECT_EQ(1, lock.WriteUnlock());
-}
-
-// A time-out counts from the call: a writer that a downgrade wakes (and does
-// not admit) halfway through its wait still gives up at the original time,
-// before the last reader leaves.
-TEST(RWLockThreads, TimeOutIsATotalAcrossWakeUps) {
-    RWLock lock(true);
-    ASSERT_EQ(0u, lock.WriteLock());
     unsigned long rc = 99;
     long ms = -1;
     Runner writer = Spawn([&] {
@@ -149,22 +145,6 @@ TEST(RWLockThreads, TimeOutIsATotalAcrossWakeUps) {
     ASSERT_TRUE(Finished(writer));
     EXPECT_EQ(258u, rc);
     EXPECT_GE(ms, 1900);
-}
-
-TEST(RWLockThreads, UpgradeRefusedWhileAWriterWaitsKeepsTheReadLock) {
-    RWLock lock;
-    ASSERT_EQ(0u, lock.ReadLock());
-    Runner writer = Spawn([&] {
-        EXPECT_EQ(0u, lock.WriteLock());
-        EXPECT_EQ(1, lock.WriteUnlock());
-    });
-    ASSERT_TRUE(Eventually([&] { return lock.GetWaitingWriters() == 1; }));
-    EXPECT_EQ(128u, lock.UpgradeLock());
-    EXPECT_EQ(1, lock.GetReaderCount());
-    EXPECT_EQ(NULL_PTHREAD, lock.GetWriter());
-    EXPECT_FALSE(Finished(writer, 0ms));
-    EXPECT_EQ(1, lock.ReadUnlock());
-    EXPECT_TRUE(Finished(writer));
 }
 
 // An upgrader, then a writer, that times out waiting for the reader held by
