@@ -9,9 +9,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <fstream>
-#include <mutex>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,34 +49,21 @@ bool Has(const std::vector<DWORD>& ids, long pid) {
 }
 
 // A thread that stays alive until the object goes away.
-class ParkedThread {
-public:
+struct ParkedThread {
+    std::promise<void> stop;
+    std::atomic<pid_t> id{0};
+    std::thread thread{[this] {
+        id = tvtest::CurrentTid();
+        stop.get_future().wait();
+    }};
     ParkedThread() {
-        thread_ = std::thread([this] {
-            std::unique_lock<std::mutex> lock(m_);
-            tid_ = tvtest::CurrentTid();
-            cv_.notify_all();
-            cv_.wait(lock, [this] { return done_; });
-        });
-        std::unique_lock<std::mutex> lock(m_);
-        cv_.wait(lock, [this] { return tid_ != 0; });
+        while (id.load() == 0) sched_yield();
     }
     ~ParkedThread() {
-        {
-            std::lock_guard<std::mutex> lock(m_);
-            done_ = true;
-        }
-        cv_.notify_all();
-        thread_.join();
+        stop.set_value();
+        thread.join();
     }
-    pid_t tid() const { return tid_; }
-
-private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    pid_t tid_ = 0;
-    bool done_ = false;
-    std::thread thread_;
+    pid_t tid() const { return id.load(); }
 };
 
 TEST(EnumProcesses, ListsProcessesAndNoThreads) {

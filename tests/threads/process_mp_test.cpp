@@ -157,12 +157,16 @@ INSTANTIATE_TEST_SUITE_P(Methods, ProcessWait,
                                            tv::detail::kWaitPoll),
                          MethodName);
 
-TEST(ProcessSpawn, ChildReceivesArgumentsAsSplit) {
+TEST(ProcessSpawn, ChildReceivesArgumentsAsSplitAndAtMostFifteen) {
     tvtest::TempDir dir;
     const std::string out = dir.file("argv");
-    Handle* p = Start(proctest::SelfExe() + " --tv-child argv_dump " + out +
-                          " \"a b\"  'say \"hi\"' \"ab\"cd x\\\"y '' plain",
-                      0, dir.path().c_str());
+    // Twenty arguments: the program, --tv-child, the child's name, the output
+    // file, seven more as split below and arg12..arg20, of which only the
+    // first fifteen arrive.
+    std::string line = proctest::SelfExe() + " --tv-child argv_dump " + out +
+                       " \"a b\"  'say \"hi\"' \"ab\"cd x\\\"y '' plain";
+    for (int i = 12; i <= 20; ++i) line += " arg" + std::to_string(i);
+    Handle* p = Start(line, 0, dir.path().c_str());
     ASSERT_NE(p, nullptr);
     ASSERT_EQ(WaitForSingleObjectEx(p, 10000, FALSE), WAIT_OBJECT_0);
     DWORD code = 1;
@@ -171,31 +175,15 @@ TEST(ProcessSpawn, ChildReceivesArgumentsAsSplit) {
     CloseHandle(p);
     const std::string text = tvtest::ReadFile(out);
     EXPECT_EQ(Lines(text, "ARG:"),
-              (std::vector<std::string>{"a b", "say \"hi\"", "ab", "cd", "x\"y", "", "plain"}));
+              (std::vector<std::string>{"a b", "say \"hi\"", "ab", "cd", "x\"y", "", "plain",
+                                        "arg12", "arg13", "arg14", "arg15"}));
     // Without a start-up record the standard streams are /dev/null.
-    EXPECT_EQ(Lines(text, "FD0:"), std::vector<std::string>{"/dev/null"});
-    EXPECT_EQ(Lines(text, "FD1:"), std::vector<std::string>{"/dev/null"});
-    EXPECT_EQ(Lines(text, "FD2:"), std::vector<std::string>{"/dev/null"});
+    for (const char* fd : {"FD0:", "FD1:", "FD2:"})
+        EXPECT_EQ(Lines(text, fd), std::vector<std::string>{"/dev/null"}) << fd;
     char real[4096];
     ASSERT_NE(realpath(dir.path().c_str(), real), nullptr);
     EXPECT_EQ(Lines(text, "CWD:"), std::vector<std::string>{real});
     EXPECT_EQ(proctest::ZombieChildren(), 0);
-}
-
-TEST(ProcessSpawn, TwentyArgumentsAreCutToFifteen) {
-    tvtest::TempDir dir;
-    const std::string out = dir.file("argv");
-    std::string line = proctest::SelfExe() + " --tv-child argv_dump " + out;
-    for (int i = 4; i < 20; ++i) line += " arg" + std::to_string(i);
-    Handle* p = Start(line);
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(WaitForSingleObjectEx(p, 10000, FALSE), WAIT_OBJECT_0);
-    CloseHandle(p);
-    // Twenty arguments: the program, --tv-child, the child's name, the
-    // output file and arg4..arg19, of which arg4..arg14 arrive.
-    std::vector<std::string> got = Lines(tvtest::ReadFile(out), "ARG:");
-    ASSERT_EQ(got.size(), 11u);
-    EXPECT_EQ(got.back(), "arg14");
 }
 
 TEST(ProcessSpawn, ProgramThatCannotRunGivesNoHandle) {
@@ -262,35 +250,24 @@ void CountApc(ULONG_PTR) {
     ++g_apcRuns;
 }
 
-struct ApcWaiter {
-    Handle* process;
-    std::atomic<pid_t> tid{0};
-    std::atomic<unsigned long> result{0};
-};
-
-DWORD AlertableWaitBody(void* arg) {
-    ApcWaiter* w = static_cast<ApcWaiter*>(arg);
-    w->tid = tvtest::CurrentTid();
-    w->result = WaitForSingleObjectEx(w->process, INFINITE, TRUE);
-    return 0;
-}
-
 TEST_P(ProcessWait, AlertableWaitEndsForAnApc) {
     HeldChild child("/bin/sh -c \"read x\"");
     ASSERT_NE(child.handle(), nullptr);
-    ApcWaiter w;
-    w.process = child.handle();
     g_apcRuns = 0;
-    DWORD tid = 0;
-    Handle* t = CreateThread(nullptr, 0, AlertableWaitBody, &w, 0, &tid);
-    ASSERT_NE(t, nullptr);
-    while (w.tid == 0) sched_yield();
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(w.tid));
-    EXPECT_EQ(QueueUserAPC(CountApc, t, 0), 0u);
-    EXPECT_EQ(WaitForSingleObjectEx(t, 10000, FALSE), WAIT_OBJECT_0);
-    EXPECT_EQ(w.result, WAIT_IO_COMPLETION);
+    std::atomic<Handle*> self{nullptr};
+    std::atomic<pid_t> tid{0};
+    unsigned long result = 0;
+    std::thread waiter([&] {
+        self = GetCurrentThread();
+        tid = tvtest::CurrentTid();
+        result = WaitForSingleObjectEx(child.handle(), INFINITE, TRUE);
+    });
+    while (tid == 0) sched_yield();
+    EXPECT_TRUE(tvtest::WaitUntilSleeping(tid));
+    EXPECT_EQ(QueueUserAPC(CountApc, self.load(), 0), 0u);
+    waiter.join();
+    EXPECT_EQ(result, WAIT_IO_COMPLETION);
     EXPECT_EQ(g_apcRuns, 1);
-    CloseHandle(t);
     child.Release();
     EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 10000, FALSE), WAIT_OBJECT_0);
 }
@@ -330,23 +307,15 @@ TEST_P(ProcessWait, SeveralThreadsWaitingOnOneAndOnSeparateChildren) {
     std::vector<std::thread> threads;
     // Two direct waits on the shared child (only one can trace it), one on
     // the other child, and one mixed wait through the watcher.
-    threads.emplace_back([&] {
-        tids[0] = tvtest::CurrentTid();
-        results[0] = WaitForSingleObjectEx(shared.handle(), 20000, FALSE);
-    });
-    threads.emplace_back([&] {
-        tids[1] = tvtest::CurrentTid();
-        results[1] = WaitForSingleObjectEx(shared.handle(), 20000, FALSE);
-    });
-    threads.emplace_back([&] {
-        tids[2] = tvtest::CurrentTid();
-        results[2] = WaitForSingleObjectEx(other.handle(), 20000, FALSE);
-    });
-    threads.emplace_back([&] {
-        tids[3] = tvtest::CurrentTid();
-        Handle* set[2] = {event, shared.handle()};
-        results[3] = WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE);
-    });
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            tids[i] = tvtest::CurrentTid();
+            Handle* set[2] = {event, shared.handle()};
+            results[i] = i == 3   ? WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE)
+                         : i == 2 ? WaitForSingleObjectEx(other.handle(), 20000, FALSE)
+                                  : WaitForSingleObjectEx(shared.handle(), 20000, FALSE);
+        });
+    }
     for (auto& tid : tids) {
         while (tid == 0) sched_yield();
         ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));

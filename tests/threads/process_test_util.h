@@ -16,23 +16,31 @@
 
 namespace proctest {
 
+// The parent pid and state letter of a process, from its stat line.
+inline bool StatOf(long pid, long* ppid, char* state) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(in, line);
+    size_t close = line.rfind(')');
+    if (close == std::string::npos || close + 4 >= line.size()) return false;
+    *state = line[close + 2];
+    *ppid = strtol(line.c_str() + close + 4, nullptr, 10);
+    return true;
+}
+
 // Children of this process that are zombies.
 inline int ZombieChildren() {
     int zombies = 0;
     DIR* d = opendir("/proc");
     if (!d) return -1;
-    const std::string self = std::to_string(getpid());
     while (dirent* e = readdir(d)) {
-        if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
-        std::ifstream in(std::string("/proc/") + e->d_name + "/stat");
-        std::string line;
-        std::getline(in, line);
-        size_t close = line.rfind(')');
-        if (close == std::string::npos || close + 4 >= line.size()) continue;
-        char state = line[close + 2];
-        std::string rest = line.substr(close + 4);
-        std::string ppid = rest.substr(0, rest.find(' '));
-        if (state == 'Z' && ppid == self) ++zombies;
+        long ppid = 0;
+        char state = 0;
+        if (e->d_name[0] >= '0' && e->d_name[0] <= '9' &&
+            StatOf(strtol(e->d_name, nullptr, 10), &ppid, &state) && state == 'Z' &&
+            ppid == getpid()) {
+            ++zombies;
+        }
     }
     closedir(d);
     return zombies;
@@ -55,18 +63,6 @@ inline std::string SelfExe() {
     if (n <= 0) return std::string();
     buf[n] = '\0';
     return buf;
-}
-
-// The parent pid and state letter of a process, from its stat line.
-inline bool StatOf(long pid, long* ppid, char* state) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(in, line);
-    size_t close = line.rfind(')');
-    if (close == std::string::npos || close + 4 >= line.size()) return false;
-    *state = line[close + 2];
-    *ppid = strtol(line.c_str() + close + 4, nullptr, 10);
-    return true;
 }
 
 // A child started with CreateProcess whose standard input is a pipe held
