@@ -16,27 +16,26 @@ namespace {
 struct Shot {
     int id;
     pid_t tid;
-    timespec due;  // as passed to the routine
+    long long due;  // as passed to the routine, ns of CLOCK_REALTIME
     double lateMs;
 };
 std::vector<Shot> shots;  // appended by routines, which run on the arming thread
 
-long long Ns(const timespec& t) {
+long long NowNs() {
+    timespec t;
+    clock_gettime(CLOCK_REALTIME, &t);
     return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
 }
 
-timespec RealtimeIn(long ms) {
-    timespec t;
-    clock_gettime(CLOCK_REALTIME, &t);
-    const long long ns = Ns(t) + ms * 1000000LL;
+timespec At(long long ns) {
     return timespec{static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)};
 }
 
 void Record(void* id, void* sec, void* nsec) {
-    const timespec due = {static_cast<time_t>(reinterpret_cast<intptr_t>(sec)),
-                          static_cast<long>(reinterpret_cast<intptr_t>(nsec))};
+    const long long due =
+        reinterpret_cast<intptr_t>(sec) * 1000000000LL + reinterpret_cast<intptr_t>(nsec);
     shots.push_back(Shot{static_cast<int>(reinterpret_cast<intptr_t>(id)), tvtest::CurrentTid(),
-                         due, (Ns(RealtimeIn(0)) - Ns(due)) / 1e6});
+                         due, (NowNs() - due) / 1e6});
 }
 
 void* Id(int id) {
@@ -70,17 +69,18 @@ TEST(Timer, FiresInDueTimeOrderOnTimeAndOnTheArmingThread) {
     // Armed in this order, all within one second; 5 is cancelled, 6 closed,
     // 7 re-armed. Timers due at the same instant keep their arming order.
     const long dueMs[] = {900, 300, 500, 300, 400, 350, 1000};
-    timespec due[7];
+    long long due[7];
     Handle* t[7];
-    const timespec base = RealtimeIn(0);
+    const long long base = NowNs();
     for (int i = 0; i < 7; ++i) {
-        const long long ns = Ns(base) + dueMs[i] * 1000000LL;
-        due[i] = {static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)};
+        due[i] = base + dueMs[i] * 1000000LL;
         t[i] = CreateWaitableTimer(nullptr, i == 0, nullptr);
-        EXPECT_EQ(TRUE, SetWaitableTimer(t[i], &due[i], 0, Record, Id(i + 1), FALSE));
+        const timespec at = At(due[i]);
+        EXPECT_EQ(TRUE, SetWaitableTimer(t[i], &at, 0, Record, Id(i + 1), FALSE));
     }
     due[6] = due[2];
-    EXPECT_EQ(TRUE, SetWaitableTimer(t[6], &due[6], 0, Record, Id(7), FALSE));
+    const timespec at = At(due[6]);
+    EXPECT_EQ(TRUE, SetWaitableTimer(t[6], &at, 0, Record, Id(7), FALSE));
     EXPECT_EQ(TRUE, CancelWaitableTimer(t[4]));
     CloseHandle(t[5]);  // the last handle of an armed timer cancels it
     t[5] = nullptr;
@@ -93,7 +93,7 @@ TEST(Timer, FiresInDueTimeOrderOnTimeAndOnTheArmingThread) {
         const Shot& s = shots[i];
         EXPECT_EQ(order[i], s.id) << i;
         EXPECT_EQ(self, s.tid);
-        EXPECT_EQ(Ns(due[order[i] - 1]), Ns(s.due)) << s.id;
+        EXPECT_EQ(due[order[i] - 1], s.due) << s.id;
         EXPECT_GE(s.lateMs, 0.0) << s.id;
         EXPECT_LT(s.lateMs, 500.0) << s.id;  // not a whole second late
     }
@@ -116,13 +116,13 @@ TEST(Timer, PeriodicTimerKeepsItsPeriodWithoutBurstsOrFloods) {
     shots.clear();
     Handle* t = CreateWaitableTimer(nullptr, FALSE, "periodic");
     const long periodMs = 20;
-    const timespec first = RealtimeIn(-1000);
+    const long long first = NowNs() - 1000000000LL;
+    const timespec firstAt = At(first);
     SleepEx(1, TRUE);  // the thread has looked for APCs before
     const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(TRUE, SetWaitableTimer(t, &first, periodMs, Record, Id(1), FALSE));
+    ASSERT_EQ(TRUE, SetWaitableTimer(t, &firstAt, periodMs, Record, Id(1), FALSE));
     Sleep(200);
-    const auto afterSleep = std::chrono::steady_clock::now();
-    EXPECT_GE(afterSleep - start, std::chrono::milliseconds(195));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(195));
     Collect(8);
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                         std::chrono::steady_clock::now() - start)
@@ -133,10 +133,10 @@ TEST(Timer, PeriodicTimerKeepsItsPeriodWithoutBurstsOrFloods) {
     ASSERT_GE(n, 8u);
     EXPECT_LE(static_cast<long>(n), ms / periodMs + 2);
     for (size_t i = 0; i < n; ++i) {
-        const long long sinceFirst = Ns(shots[i].due) - Ns(first);
+        const long long sinceFirst = shots[i].due - first;
         EXPECT_EQ(0, sinceFirst % (periodMs * 1000000LL)) << i;
         if (i == 0) continue;
-        EXPECT_GT(Ns(shots[i].due), Ns(shots[i - 1].due));
+        EXPECT_GT(shots[i].due, shots[i - 1].due);
         EXPECT_LE(shots[i].lateMs, 500.0) << i;
     }
     // Nothing arrives once cancelled.
