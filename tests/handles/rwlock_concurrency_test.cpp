@@ -1,10 +1,7 @@
 // RWLock with real threads: admission policies, time-outs, upgrade and
-// downgrade, wake-ups, and mutual exclusion under load.
-//
-// To know that a thread is blocked inside the lock, the tests poll the lock's
-// waiting counters (bounded to 10 s): a waiter is counted under the lock's
-// mutex in the same critical section in which it starts waiting, so once the
-// count shows it, it is waiting for a wake-up.
+// downgrade, wake-ups, and mutual exclusion under load. A thread shown by the
+// waiting counters is blocked in the lock: it is counted under the lock's
+// mutex in the critical section in which it starts waiting.
 #include <gtest/gtest.h>
 
 #include <atomic>

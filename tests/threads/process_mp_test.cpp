@@ -88,6 +88,17 @@ inline std::string SelfExe() {
     return buf;
 }
 
+// A start-up record that gives the child these standard handles.
+inline STARTUPINFO StdHandles(Handle* in, Handle* out, Handle* err) {
+    STARTUPINFO si;
+    memset(&si, 0, sizeof si);
+    si.dwFlags = kStartupUseStdHandles;
+    si.hStdInput = in;
+    si.hStdOutput = out;
+    si.hStdError = err;
+    return si;
+}
+
 // A child started with CreateProcess whose standard input is a pipe held
 // here: it runs until Release() closes the pipe (its reads then see end of
 // file). The handle is closed on destruction.
@@ -98,12 +109,7 @@ public:
         if (pipe2(fds, O_CLOEXEC) != 0) return;
         writeEnd_ = fds[1];
         Handle* in = new File(fds[0]);
-        STARTUPINFO si;
-        memset(&si, 0, sizeof si);
-        si.dwFlags = kStartupUseStdHandles;
-        si.hStdInput = in;
-        si.hStdOutput = INVALID_HANDLE_VALUE;
-        si.hStdError = INVALID_HANDLE_VALUE;
+        STARTUPINFO si = StdHandles(in, INVALID_HANDLE_VALUE, INVALID_HANDLE_VALUE);
         std::string line = commandLine;
         PROCESS_INFORMATION pi;
         memset(&pi, 0, sizeof pi);
@@ -480,12 +486,7 @@ TEST(ProcessSpawn, RedirectedStandardHandlesAreUsed) {
     ASSERT_GE(errFd, 0);
     Handle* outHandle = new File(out[1]);
     Handle* errHandle = new File(errFd);
-    STARTUPINFO si;
-    memset(&si, 0, sizeof si);
-    si.dwFlags = kStartupUseStdHandles;
-    si.hStdInput = INVALID_HANDLE_VALUE;
-    si.hStdOutput = outHandle;
-    si.hStdError = errHandle;
+    STARTUPINFO si = proctest::StdHandles(INVALID_HANDLE_VALUE, outHandle, errHandle);
     Handle* p = Start("/bin/sh -c \"echo to-out; echo to-err >&2\"", 0, nullptr, &si);
     ASSERT_NE(p, nullptr);
     CloseHandle(outHandle);  // the child holds the only write end now
@@ -698,25 +699,6 @@ TEST(EnumProcesses, EveryEntryReadCountsAgainstTheCapacity) {
     EXPECT_EQ(ids[1], 0xabcdefu);
 }
 
-TEST(ProcessNames, ExecutableAndCommandName) {
-    EXPECT_EQ(std::string(GetProcessName(getpid(), 1).c_str()), proctest::SelfExe());
-    std::ifstream commFile("/proc/self/comm");
-    std::string comm;
-    std::getline(commFile, comm);
-    EXPECT_EQ(std::string(GetProcessName(getpid(), 0).c_str()), comm);
-    EXPECT_TRUE(GetProcessName(0x7ffffff0, 1).empty());
-    EXPECT_TRUE(GetProcessName(0x7ffffff0, 0).empty());
-
-    HeldChild shell("/bin/sh -c \"read x\"");
-    ASSERT_NE(shell.handle(), nullptr);
-    char real[4096];
-    ASSERT_NE(realpath("/bin/sh", real), nullptr);
-    EXPECT_EQ(std::string(GetProcessName(shell.pid(), 1).c_str()), real);
-    char buf[4096];
-    EXPECT_EQ(GetModuleFileNameEx(shell.handle(), nullptr, buf, sizeof buf), strlen(real));
-    EXPECT_STREQ(buf, real);
-}
-
 TEST(ProcessNames, InstanceNameFromDirectoryOrCommandLine) {
     HeldChild server(proctest::SelfExe() + " --tv-child held_stdin /srv/https-inst1/config");
     ASSERT_NE(server.handle(), nullptr);
@@ -735,9 +717,24 @@ TEST(ProcessNames, InstanceNameFromDirectoryOrCommandLine) {
     EXPECT_EQ(own, "https-web7");
 }
 
-TEST(ModuleFileName, BoundedByTheCallersSize) {
-    const std::string self = proctest::SelfExe();
+TEST(ProcessNames, ExecutableCommandAndModuleFileNames) {
+    EXPECT_EQ(std::string(GetProcessName(getpid(), 1).c_str()), proctest::SelfExe());
+    std::string comm = tvtest::ReadFile("/proc/self/comm");
+    comm.pop_back();  // the newline
+    EXPECT_EQ(std::string(GetProcessName(getpid(), 0).c_str()), comm);
+    EXPECT_TRUE(GetProcessName(0x7ffffff0, 1).empty());
+    EXPECT_TRUE(GetProcessName(0x7ffffff0, 0).empty());
+
+    HeldChild shell("/bin/sh -c \"read x\"");
+    ASSERT_NE(shell.handle(), nullptr);
+    char real[4096];
+    ASSERT_NE(realpath("/bin/sh", real), nullptr);
+    EXPECT_EQ(std::string(GetProcessName(shell.pid(), 1).c_str()), real);
     char buf[4096];
+    EXPECT_EQ(GetModuleFileNameEx(shell.handle(), nullptr, buf, sizeof buf), strlen(real));
+    EXPECT_STREQ(buf, real);
+
+    const std::string self = proctest::SelfExe();
     EXPECT_EQ(GetModuleFileName(nullptr, buf, sizeof buf), self.size());
     EXPECT_EQ(self, buf);
 
