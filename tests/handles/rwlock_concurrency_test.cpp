@@ -1,7 +1,7 @@
-// RWLock with real threads: admission policies, time-outs, upgrade and
-// downgrade, wake-ups, and mutual exclusion under load. A thread shown by the
-// waiting counters is blocked in the lock: it is counted under the lock's
-// mutex in the critical section in which it starts waiting.
+// RWLock: results seen from one thread, then with real threads admission
+// policies, time-outs, upgrade and downgrade, wake-ups, and exclusion under load. A thread shown by
+// the waiting counters is blocked in the lock: it is counted under the lock's mutex in the critical
+// section in which it starts waiting.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -19,8 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// A function on its own thread; the test waits for its end with a limit, so
-// a lost wake-up fails the test instead of hanging it (the destructor joins).
+// A function on its own thread; waits with a limit make lost wake-ups fail.
 using Runner = std::future<void>;
 Runner Spawn(std::function<void()> fn) {
     return std::async(std::launch::async, std::move(fn));
@@ -42,6 +41,89 @@ long ElapsedMs(Clock::time_point start) {
 }
 
 }  // namespace
+
+TEST(RWLock, RecursiveWriteAndDowngradeLimits) {
+    RWLock lock;
+    EXPECT_EQ(0u, lock.WriteLock());
+    EXPECT_EQ(0u, lock.WriteLock(INFINITE));
+    EXPECT_EQ(0u, lock.TryWriteLock());  // the owner nests even in try mode
+    EXPECT_EQ(pthread_self(), lock.GetWriter());
+    std::thread([&] {  // only the writer can unlock it
+        EXPECT_EQ(0, lock.WriteUnlock());
+        EXPECT_EQ(128u, lock.TryWriteLock());
+    })
+        .join();
+    // Nested write locks cannot be downgraded.
+    EXPECT_EQ(0, lock.DowngradeLock());
+    EXPECT_EQ(1, lock.WriteUnlock());
+    EXPECT_EQ(1, lock.WriteUnlock());
+    EXPECT_EQ(pthread_self(), lock.GetWriter());
+    // At depth one the writer becomes a reader.
+    EXPECT_EQ(1, lock.DowngradeLock());
+    EXPECT_EQ(NULL_PTHREAD, lock.GetWriter());
+    EXPECT_EQ(1, lock.GetReaderCount());
+    EXPECT_EQ(0, lock.WriteUnlock());    // no longer the writer
+    EXPECT_EQ(0, lock.DowngradeLock());  // not the writer
+    EXPECT_EQ(128u, lock.TryWriteLock());
+    EXPECT_EQ(1, lock.ReadUnlock());
+    EXPECT_EQ(0, lock.GetReaderCount());
+    EXPECT_EQ(0u, lock.TryWriteLock());
+    EXPECT_EQ(1, lock.WriteUnlock());
+    EXPECT_EQ(NULL_PTHREAD, lock.GetWriter());
+}
+
+TEST(RWLock, TryModesAndUncontendedUpgrade) {
+    RWLock lock;
+    EXPECT_EQ(0u, lock.ReadLockPrim(true, INFINITE, nullptr));
+    EXPECT_EQ(0u, lock.ReadLock(0));  // admissible: no wait, so no time-out
+    EXPECT_EQ(2, lock.GetReaderCount());
+    EXPECT_EQ(128u, lock.TryWriteLock());
+    EXPECT_EQ(128u, lock.WriteLockPrim(true, 5000, nullptr));
+    lock.ReadUnlock();
+    // The only reader upgrades at once.
+    EXPECT_EQ(0u, lock.UpgradeLock(0));
+    EXPECT_EQ(pthread_self(), lock.GetWriter());
+    EXPECT_EQ(0, lock.GetReaderCount());
+    // A writer refuses try-mode readers and, being preferred, any reader.
+    EXPECT_EQ(128u, lock.ReadLockPrim(true, INFINITE, nullptr));
+    EXPECT_EQ(1, lock.WriteUnlock());
+    EXPECT_EQ(0u, lock.ReadLockPrim(true, INFINITE, nullptr));
+    lock.ReadUnlock();
+}
+
+TEST(RWLock, NamesCountsAndCopies) {
+    RWLock original(true, "orig", false);
+    ASSERT_EQ(0u, original.ReadLock());
+    RWLock copy(original);
+    EXPECT_STREQ("orig", copy.GetLockName());
+    copy.SetLockName(nullptr);
+    EXPECT_STREQ("UNNAMED LOCK", copy.GetLockName());
+    EXPECT_EQ(1, copy.GetRefCount());  // a copy starts its own count
+    EXPECT_EQ(1, copy.GetReaderCount());
+    EXPECT_EQ(0, copy.GetWaitingReaders());
+    EXPECT_EQ(0, copy.GetWaitingWriters());
+    EXPECT_EQ(128u, copy.TryWriteLock());
+    copy.ReadUnlock();
+    EXPECT_EQ(0u, copy.TryWriteLock());
+    // The two locks are independent from here on.
+    EXPECT_EQ(1, original.GetReaderCount());
+    EXPECT_EQ(1, copy.WriteUnlock());
+    original.ReadUnlock();
+
+    RWLock held;
+    ASSERT_EQ(0u, held.WriteLock());
+    RWLock heldCopy(held);
+    EXPECT_EQ(pthread_self(), heldCopy.GetWriter());
+    EXPECT_EQ(1, heldCopy.WriteUnlock());
+    EXPECT_EQ(NULL_PTHREAD, heldCopy.GetWriter());
+    EXPECT_EQ(pthread_self(), held.GetWriter());
+    EXPECT_EQ(1, held.WriteUnlock());
+
+    RWLock* heap = new RWLock;
+    EXPECT_EQ(2, heap->AddRef());
+    EXPECT_EQ(1, heap->Release());
+    EXPECT_EQ(0, heap->Release());  // deleted here; ASan would flag a leak otherwise
+}
 
 TEST(RWLockThreads, WriterPreferenceHoldsNewReadersAndUpgradesBack) {
     RWLock lock;

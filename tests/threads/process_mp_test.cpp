@@ -231,12 +231,9 @@ DWORD RunForExitCode(const std::string& commandLine) {
 }
 
 long TracerOf(long pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.compare(0, 10, "TracerPid:") == 0) return strtol(line.c_str() + 10, nullptr, 10);
-    }
-    return -1;
+    const std::string status = tvtest::ReadFile("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find("TracerPid:");
+    return at == std::string::npos ? -1 : strtol(status.c_str() + at + 10, nullptr, 10);
 }
 
 // Runs `fn` on another thread once the calling thread sleeps in the kernel.
@@ -573,19 +570,15 @@ TEST(ProcessSpawn, TwoHundredCyclesLeakNoDescriptorAndNoZombie) {
     // objects) are not counted as a leak.
     EXPECT_EQ(RunForExitCode("/bin/true"), 0u);
     const int fdsBefore = proctest::OpenFdCount();
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(RunForExitCode("/bin/true"), 0u) << "cycle " << i;
-    }
+    for (int i = 0; i < 200; ++i) ASSERT_EQ(RunForExitCode("/bin/true"), 0u) << "cycle " << i;
     EXPECT_EQ(proctest::OpenFdCount(), fdsBefore);
     EXPECT_EQ(proctest::ZombieChildren(), 0);
 
     // Handles closed before any wait: the children are reaped all the same.
     for (int i = 0; i < 200; ++i) {
-        char line[] = "/bin/true";
-        PROCESS_INFORMATION pi;
-        ASSERT_TRUE(CreateProcess(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                                  nullptr, &pi));
-        CloseHandle(pi.hProcess);
+        Handle* p = Start("/bin/true");
+        ASSERT_NE(p, nullptr);
+        CloseHandle(p);
     }
     siginfo_t si;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -598,8 +591,7 @@ TEST(ProcessSpawn, TwoHundredCyclesLeakNoDescriptorAndNoZombie) {
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
-// Process enumeration and names
+// --- Process enumeration and names -----------------------------------------
 
 // Reads its standard input to the end, then exits.
 TV_TEST_CHILD(held_stdin) {
@@ -641,7 +633,6 @@ struct ParkedThread {
         stop.set_value();
         thread.join();
     }
-    pid_t tid() const { return id.load(); }
 };
 
 TEST(EnumProcesses, ListsProcessesAndNoThreads) {
@@ -655,7 +646,7 @@ TEST(EnumProcesses, ListsProcessesAndNoThreads) {
     EXPECT_TRUE(Has(precise, getpid()));
     EXPECT_TRUE(Has(precise, shell.pid()));
     EXPECT_TRUE(Has(precise, twin.pid()));
-    EXPECT_FALSE(Has(precise, thread.tid()));
+    EXPECT_FALSE(Has(precise, thread.id.load()));
     EXPECT_EQ(bDumbProcfs, 0);
 
     // A name with blanks and parentheses shifts nothing.
@@ -679,7 +670,7 @@ TEST(EnumProcesses, ListsProcessesAndNoThreads) {
     EXPECT_TRUE(Has(dumb, getpid()));
     EXPECT_TRUE(Has(dumb, shell.pid()));
     EXPECT_FALSE(Has(dumb, twin.pid()));
-    EXPECT_FALSE(Has(dumb, thread.tid()));
+    EXPECT_FALSE(Has(dumb, thread.id.load()));
     EXPECT_FALSE(Has(dumb, 1)) << "the first process has parent 0 and is never listed";
     EXPECT_TRUE(std::is_sorted(dumb.begin(), dumb.end()));
 }
