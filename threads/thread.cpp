@@ -91,6 +91,15 @@ void TvPlatformThread::SetState(ThreadState_t state) {
         // From here on the thread may be gone at any moment: no more signals.
         SignalLockHolder hold(&signalLock_);
         ended_ = true;
+        if (__atomic_exchange_n(&suspendCount_, 0, __ATOMIC_ACQ_REL) > 0) {
+            // Suspended while ending: the suspend signal is still pending
+            // (blocked here), and no resume could follow it. The end wins.
+            sigset_t suspend;
+            sigemptyset(&suspend);
+            sigaddset(&suspend, tv::detail::SuspendSignal());
+            const timespec now = {0, 0};
+            sigtimedwait(&suspend, nullptr, &now);
+        }
     }
     pthread_mutex_lock(&mutex_);
     state_ = state;
