@@ -31,18 +31,43 @@
 // a context switch and a lost one would cost a thread, hence the extra
 // wake-ups in the reader-preference and time-out cases.
 //
-// Time-outs: each wait computes a fresh deadline with FixTimeout, so the
-// time-out restarts after every wake-up; time-outs under one second give an
-// already expired deadline, deliberately.
+// Time-outs: a lock call computes its deadline once, on entry, on
+// CLOCK_MONOTONIC (the clock of both conditions), and every wait of that
+// call sleeps to it, so wake-ups that do not admit the caller never extend
+// the time-out. Time-outs under one second give an already expired
+// deadline, deliberately (as FixTimeout does for the wall-clock waits).
 #include <errno.h>
 #include <pthread.h>
 #include <time.h>
 
+#include "foundation/clock_internal.h"
 #include "tvcommonutil/handles.h"
 
 namespace {
 
 const char kUnnamedLock[] = "UNNAMED LOCK";
+
+void InitConditions(pthread_cond_t* a, pthread_cond_t* b) {
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(a, &attr);
+    pthread_cond_init(b, &attr);
+    pthread_condattr_destroy(&attr);
+}
+
+// The end of a lock call's waits, fixed on entry; null for INFINITE.
+class EntryDeadline {
+public:
+    explicit EntryDeadline(unsigned long ms) : infinite_(ms == INFINITE) {
+        if (!infinite_) until_ = tv::detail::Deadline::AfterMs(ms < 1000 ? 0 : ms).AsTimespec();
+    }
+    const timespec* get() const { return infinite_ ? nullptr : &until_; }
+
+private:
+    bool infinite_;
+    timespec until_;
+};
 
 }  // namespace
 
@@ -78,8 +103,7 @@ RWLock::RWLock(bool readersPreferred, const char* name, bool option)
       handOffCount_(0),
       name_(name != nullptr ? name : kUnnamedLock) {
     pthread_mutex_init(&mutex_.raw, nullptr);
-    pthread_cond_init(&readerCond_, nullptr);
-    pthread_cond_init(&writerCond_, nullptr);
+    InitConditions(&readerCond_, &writerCond_);
 }
 
 // A pthread mutex or condition must not be copied bit for bit (a copy of a
@@ -100,8 +124,7 @@ RWLock::RWLock(const RWLock& other)
       handOffCount_(0),
       name_(other.name_) {
     pthread_mutex_init(&mutex_.raw, nullptr);
-    pthread_cond_init(&readerCond_, nullptr);
-    pthread_cond_init(&writerCond_, nullptr);
+    InitConditions(&readerCond_, &writerCond_);
     long readers, recursion;
     pthread_t writer;
     {
@@ -159,12 +182,13 @@ long RWLock::GetWaitingWriters() const {
 
 unsigned long RWLock::ReadLockPrim(bool tryOnly, unsigned long ms, void* unused) {
     (void)unused;
+    const EntryDeadline deadline(ms);
     Holder h(this);
     if (tryOnly) {
         if (!ReaderAdmissible()) return WAIT_ABANDONED;
     } else {
         while (!ReaderAdmissible()) {
-            if (!WaitReader(ms)) return WAIT_TIMEOUT;
+            if (!WaitReader(deadline.get())) return WAIT_TIMEOUT;
             // Readers let in by a downgrade enter past waiting writers while
             // the downgrader (or another admitted reader) still reads.
             if (handOff_ && GetWriter() == NULL_PTHREAD && readers_ > 0) {
@@ -188,12 +212,13 @@ unsigned long RWLock::WriteLockPrim(bool tryOnly, unsigned long ms, void* unused
         __atomic_add_fetch(&writeRecursion_, 1, __ATOMIC_RELAXED);
         return WAIT_OBJECT_0;
     }
+    const EntryDeadline deadline(ms);
     Holder h(this);
     if (tryOnly) {
         if (GetWriter() != NULL_PTHREAD || readers_ > 0) return WAIT_ABANDONED;
     } else {
         while (GetWriter() != NULL_PTHREAD || readers_ > 0) {
-            if (!WaitWriter(ms)) {
+            if (!WaitWriter(deadline.get())) {
                 PassOnAfterWriterTimeout();
                 return WAIT_TIMEOUT;
             }
@@ -208,30 +233,18 @@ bool RWLock::ReaderAdmissible() const {
     return GetWriter() == NULL_PTHREAD && (waitingWriters_ == 0 || readersPreferred_);
 }
 
-bool RWLock::WaitReader(unsigned long ms) {
+bool RWLock::WaitReader(const timespec* until) {
     ++waitingReaders_;
-    int rc;
-    if (ms == INFINITE) {
-        rc = pthread_cond_wait(&readerCond_, &mutex_.raw);
-    } else {
-        timespec deadline;
-        FixTimeout(deadline, static_cast<long>(ms));
-        rc = pthread_cond_timedwait(&readerCond_, &mutex_.raw, &deadline);
-    }
+    const int rc = until ? pthread_cond_timedwait(&readerCond_, &mutex_.raw, until)
+                         : pthread_cond_wait(&readerCond_, &mutex_.raw);
     --waitingReaders_;
     return rc != ETIMEDOUT;
 }
 
-bool RWLock::WaitWriter(unsigned long ms) {
+bool RWLock::WaitWriter(const timespec* until) {
     ++waitingWriters_;
-    int rc;
-    if (ms == INFINITE) {
-        rc = pthread_cond_wait(&writerCond_, &mutex_.raw);
-    } else {
-        timespec deadline;
-        FixTimeout(deadline, static_cast<long>(ms));
-        rc = pthread_cond_timedwait(&writerCond_, &mutex_.raw, &deadline);
-    }
+    const int rc = until ? pthread_cond_timedwait(&writerCond_, &mutex_.raw, until)
+                         : pthread_cond_wait(&writerCond_, &mutex_.raw);
     --waitingWriters_;
     return rc != ETIMEDOUT;
 }
@@ -288,13 +301,14 @@ int RWLock::ReadUnlock() {
 }
 
 unsigned long RWLock::UpgradeLock(unsigned long ms) {
+    const EntryDeadline deadline(ms);
     Holder h(this);
     if (GetWriter() != NULL_PTHREAD || waitingWriters_ > 0) return WAIT_ABANDONED;
     --readers_;
     // A writer that arrived while this thread waited may have been woken
     // instead of it, hence the writer test as well.
     while (GetWriter() != NULL_PTHREAD || readers_ > 0) {
-        if (!WaitWriter(ms)) {
+        if (!WaitWriter(deadline.get())) {
             PassOnAfterWriterTimeout();
             return WAIT_TIMEOUT;
         }

@@ -3,8 +3,8 @@
 // Design
 // ------
 // All timers of the process sit in one queue, a singly linked list through
-// Timer::next_ ordered by whole due seconds (timers due within the same
-// second stay in the order they were queued). One timer thread, started by
+// Timer::next_ ordered by the full due time (timers due at the same instant
+// stay in the order they were armed). One timer thread, started by
 // the first timer ever created and never stopped, sleeps on the request
 // condition until the due time of the head. Expiry is not a signalled state:
 // the timer thread queues the completion routine as an APC to the thread that
@@ -67,6 +67,25 @@ public:
     RequestHolder& operator=(const RequestHolder&) = delete;
 };
 
+long long Ns(const timespec& t) {
+    return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
+}
+
+// The next expiry of a periodic timer: the previous due time plus the
+// period, and plus as many further periods as have already gone by, so a
+// timer that fell behind (a busy machine, a due time in the past) skips the
+// missed expiries instead of firing them back to back. Counting from the due
+// time rather than from "now" keeps the period from drifting.
+void NextPeriod(timespec& due, long periodMs) {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const long long period = static_cast<long long>(periodMs) * 1000000LL;
+    long long next = Ns(due) + period;
+    if (next <= Ns(now)) next += ((Ns(now) - next) / period + 1) * period;
+    due.tv_sec = static_cast<time_t>(next / 1000000000LL);
+    due.tv_nsec = static_cast<long>(next % 1000000000LL);
+}
+
 bool Reached(const timespec& due) {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
@@ -113,7 +132,7 @@ int Timer::GetState() const {
 }
 
 bool Timer::InsertHere(const timespec& due) const {
-    return due.tv_sec < due_.tv_sec;
+    return due.tv_sec < due_.tv_sec || (due.tv_sec == due_.tv_sec && due.tv_nsec < due_.tv_nsec);
 }
 
 int Timer::Queue(Timer* t) {
@@ -223,10 +242,8 @@ DWORD Timer::TimerThreadBootstrap(void*) {
                     reinterpret_cast<void*>(static_cast<intptr_t>(t->due_.tv_sec)),
                     reinterpret_cast<void*>(static_cast<intptr_t>(t->due_.tv_nsec)));
             }
-            if (t->period_ != 0) {
-                // Now plus the period; a period under one second re-arms
-                // for the current instant, like every FixTimeout caller.
-                FixTimeout(t->due_, t->period_);
+            if (t->period_ > 0) {
+                NextPeriod(t->due_, t->period_);
                 Queue(t);
             }
         }
@@ -240,6 +257,10 @@ Handle* CreateWaitableTimer(SECURITY_ATTRIBUTES*, BOOL manualReset, const char* 
 BOOL SetWaitableTimer(Handle* timer, const timespec* due, long periodMs, PTIMERAPCROUTINE routine,
                       void* arg, BOOL) {
     if (timer == nullptr || due == nullptr) return FALSE;
+    if (periodMs < 0) {
+        errno = EINVAL;
+        return FALSE;
+    }
     return static_cast<Timer*>(timer)->SetTimer(due, periodMs, routine, arg);
 }
 

@@ -1,4 +1,4 @@
-// Signals of the thread code, APC queueing and the alertable sleep.
+// Signals of the thread code, APC queueing and SleepEx.
 #include <errno.h>
 #include <poll.h>
 #include <pthread.h>
@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "handles/wait_internal.h"
 #include "threads/thread_signals.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/threads.h"
@@ -95,36 +96,34 @@ DWORD SleepEx(DWORD ms, BOOL alertable) {
         sched_yield();
         return 0;
     }
-    timespec ts;
-    ts.tv_sec = static_cast<time_t>(ms / 1000);
-    ts.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+    const tv::detail::Deadline deadline = tv::detail::Deadline::AfterMs(ms);
     if (!alertable) {
-        // An interrupted sleep is not resumed: it ends early with 0.
-        nanosleep(&ts, nullptr);
+        // A signal (an APC wake-up meant for another kind of wait, a
+        // profiler, a timer of the caller's own) must not shorten the sleep.
+        if (deadline.IsNever()) {
+            for (;;) pause();
+        }
+        const timespec until = deadline.AsTimespec();
+        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+        }
         return 0;
     }
-    // Block the wake-up signal while looking at the queue, then sleep with it
-    // unblocked atomically (ppoll), so an APC queued between the look and
-    // the sleep still interrupts the sleep.
-    tv::detail::EnsureThreadSignals();
-    sigset_t apc, previous;
-    sigemptyset(&apc);
-    sigaddset(&apc, tv::detail::ApcSignal());
-    pthread_sigmask(SIG_BLOCK, &apc, &previous);
-    if (UserAPCCheck()) {
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        return WAIT_IO_COMPLETION;
+    // Sleeps on a waiter that QueueAPC alerts, like the alertable waits of
+    // the wait core: no signal is involved, and the sleep ends early only
+    // when an APC has really run.
+    TvPlatformThread* self = static_cast<TvPlatformThread*>(GetCurrentThread());
+    for (;;) {
+        tv::detail::Waiter waiter(false);
+        if (!self->EnterAlertableWait(&waiter)) {
+            for (uint32_t v = waiter.Load(); !(v & tv::detail::Waiter::kAlerted);
+                 v = waiter.Load()) {
+                if (!waiter.Sleep(v, deadline)) break;
+            }
+        }
+        self->LeaveAlertableWait();
+        if (self->HasPendingAPC() && self->CheckAPC()) return WAIT_IO_COMPLETION;
+        if (deadline.Expired()) return 0;
     }
-    sigset_t during = previous;
-    sigdelset(&during, tv::detail::ApcSignal());
-    int rc = ppoll(nullptr, 0, &ts, &during);
-    int err = errno;
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    if (rc < 0 && err == EINTR) {
-        UserAPCCheck();
-        return WAIT_IO_COMPLETION;
-    }
-    return 0;
 }
 
 void Sleep(DWORD ms) {

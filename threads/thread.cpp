@@ -3,17 +3,21 @@
 // A thread made by CreateThread starts in KwThreadBase, which first waits on
 // the start gate (a CriticalSection its creator holds until the handle is
 // complete), so user code never runs before CreateThread has returned a
-// usable handle. The thread's context owns one reference to its thread
+// usable handle; one created suspended then waits there for its first
+// resume. The thread's context owns one reference to its thread
 // object; when the thread ends the context marks the object exited and, if
 // anyone else holds the handle, signals its synchronisation event. That event
 // is manual-reset and never reset: an ended thread stays signalled for every
 // waiter, single or multi-object, however many there are.
 #include <errno.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <exception>
 #include <iostream>
@@ -28,16 +32,47 @@ TvPlatformThread::TvPlatformThread(pthread_t tid, int initialCount)
       tid_(tid),
       state_(kThreadRunning),
       wakeFlag_(0),
-      suspendCount_(0),
-      alertableWait_(nullptr) {
+      alertableWait_(nullptr),
+      ended_(false),
+      startHeld_(0),
+      suspendCount_(0) {
     pthread_mutex_init(&mutex_, nullptr);
+    pthread_mutex_init(&signalLock_, nullptr);
     // Made now so that the end of the thread always has an event to set.
     synch_ = new Event(-1, TRUE, FALSE, nullptr);
 }
 
 TvPlatformThread::~TvPlatformThread() {
+    pthread_mutex_destroy(&signalLock_);
     pthread_mutex_destroy(&mutex_);
 }
+
+namespace {
+
+// Holds a thread's signal lock with the suspend signal blocked for the
+// holder: a thread suspending itself stops only after it has let go.
+class SignalLockHolder {
+public:
+    explicit SignalLockHolder(pthread_mutex_t* m) : m_(m) {
+        sigset_t suspend;
+        sigemptyset(&suspend);
+        sigaddset(&suspend, tv::detail::SuspendSignal());
+        pthread_sigmask(SIG_BLOCK, &suspend, &saved_);
+        pthread_mutex_lock(m_);
+    }
+    ~SignalLockHolder() {
+        pthread_mutex_unlock(m_);
+        pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+    }
+    SignalLockHolder(const SignalLockHolder&) = delete;
+    SignalLockHolder& operator=(const SignalLockHolder&) = delete;
+
+private:
+    pthread_mutex_t* m_;
+    sigset_t saved_;
+};
+
+}  // namespace
 
 int TvPlatformThread::What() {
     return kHandleThread;
@@ -52,6 +87,20 @@ void TvPlatformThread::SetTid(pthread_t tid) {
 }
 
 void TvPlatformThread::SetState(ThreadState_t state) {
+    if (state == kThreadExited) {
+        // From here on the thread may be gone at any moment: no more signals.
+        SignalLockHolder hold(&signalLock_);
+        ended_ = true;
+        if (__atomic_exchange_n(&suspendCount_, 0, __ATOMIC_ACQ_REL) > 0) {
+            // Suspended while ending: the suspend signal is still pending
+            // (blocked here), and no resume could follow it. The end wins.
+            sigset_t suspend;
+            sigemptyset(&suspend);
+            sigaddset(&suspend, tv::detail::SuspendSignal());
+            const timespec now = {0, 0};
+            sigtimedwait(&suspend, nullptr, &now);
+        }
+    }
     pthread_mutex_lock(&mutex_);
     state_ = state;
     pthread_mutex_unlock(&mutex_);
@@ -88,7 +137,13 @@ void TvPlatformThread::QueueAPC(void (*fn)(void*, void*, void*), void* a1, void*
         return;
     }
     apcs_.push_back(_threadapc{fn, a1, a2, a3});
-    if (wakeFlag_) pthread_kill(GetTid(), tv::detail::ApcSignal());
+    if (wakeFlag_) {
+        // One signal per CheckAPC is enough: the sleeper looks at the queue
+        // before it sleeps again. Leaving the flag set would send a signal
+        // with every APC long after the thread stopped waiting for one.
+        wakeFlag_ = 0;
+        pthread_kill(GetTid(), tv::detail::ApcSignal());
+    }
     // The waiter stays registered, and so alive, until it has taken this
     // mutex to leave.
     if (alertableWait_) alertableWait_->Alert();
@@ -139,23 +194,69 @@ void TvPlatformThread::LeaveAlertableWait() {
     pthread_mutex_unlock(&mutex_);
 }
 
+// The count changes by compare-and-swap under the signal lock: the lock keeps
+// the signals in the order of the transitions they stand for (0 -> 1 sends
+// the suspend signal, 1 -> 0 the resume signal) and away from an ended
+// thread, whose identifier may already be gone.
 unsigned long TvPlatformThread::Suspend() {
-    long count = InterlockedIncrement(&suspendCount_);
-    if (count == 1 && pthread_kill(GetTid(), tv::detail::SuspendSignal()) != 0) {
-        InterlockedDecrement(&suspendCount_);
+    SignalLockHolder hold(&signalLock_);
+    if (ended_) {
+        errno = ESRCH;
         return 0xFFFFFFFFUL;
     }
-    return static_cast<unsigned long>(count - 1);
+    long count = __atomic_load_n(&suspendCount_, __ATOMIC_RELAXED);
+    while (!__atomic_compare_exchange_n(&suspendCount_, &count, count + 1, false, __ATOMIC_ACQ_REL,
+                                        __ATOMIC_RELAXED)) {
+    }
+    if (count == 0) {
+        const int rc = pthread_kill(GetTid(), tv::detail::SuspendSignal());
+        if (rc != 0) {
+            __atomic_fetch_sub(&suspendCount_, 1, __ATOMIC_ACQ_REL);
+            errno = rc;
+            return 0xFFFFFFFFUL;
+        }
+    }
+    return static_cast<unsigned long>(count);
 }
 
 unsigned long TvPlatformThread::Resume() {
-    if (__atomic_load_n(&suspendCount_, __ATOMIC_ACQUIRE) == 0) return 0;
-    long count = InterlockedDecrement(&suspendCount_);
-    if (count == 0 && pthread_kill(GetTid(), tv::detail::ResumeSignal()) != 0) {
-        InterlockedIncrement(&suspendCount_);
+    SignalLockHolder hold(&signalLock_);
+    if (ended_) {
+        errno = ESRCH;
         return 0xFFFFFFFFUL;
     }
-    return static_cast<unsigned long>(count + 1);
+    long count = __atomic_load_n(&suspendCount_, __ATOMIC_RELAXED);
+    do {
+        if (count <= 0) return 0;
+    } while (!__atomic_compare_exchange_n(&suspendCount_, &count, count - 1, false,
+                                          __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
+    if (count == 1 && startHeld_) {
+        __atomic_store_n(&startHeld_, 0, __ATOMIC_RELEASE);
+        syscall(SYS_futex, &startHeld_, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    } else if (count == 1) {
+        const int rc = pthread_kill(GetTid(), tv::detail::ResumeSignal());
+        if (rc != 0) {
+            __atomic_fetch_add(&suspendCount_, 1, __ATOMIC_ACQ_REL);
+            errno = rc;
+            return 0xFFFFFFFFUL;
+        }
+    }
+    return static_cast<unsigned long>(count);
+}
+
+// A thread created suspended has not run any code of its caller yet, so it
+// waits on a futex rather than in the suspend signal's handler, and its
+// first resume wakes it there.
+void TvPlatformThread::HoldStart() {
+    SignalLockHolder hold(&signalLock_);
+    startHeld_ = 1;
+    __atomic_store_n(&suspendCount_, 1, __ATOMIC_RELEASE);
+}
+
+void TvPlatformThread::WaitForStart() {
+    while (__atomic_load_n(&startHeld_, __ATOMIC_ACQUIRE)) {
+        syscall(SYS_futex, &startHeld_, FUTEX_WAIT_PRIVATE, 1, nullptr, nullptr, 0);
+    }
 }
 
 namespace tv {
@@ -203,11 +304,12 @@ void* KwThreadBase(void* p) {
     void* param = args->param;
     delete args;
     ctx->SetCurrentThread(self);
+    self->WaitForStart();
     DWORD result = start(param);
     return reinterpret_cast<void*>(result);
 }
 
-Handle* CreateThread(SECURITY_ATTRIBUTES*, DWORD, DWORD (*start)(void*), void* param, DWORD,
+Handle* CreateThread(SECURITY_ATTRIBUTES*, DWORD, DWORD (*start)(void*), void* param, DWORD flags,
                      DWORD* threadId) {
     tv::detail::EnsureThreadSignals();
     CriticalSection* gate = new CriticalSection();
@@ -229,6 +331,7 @@ Handle* CreateThread(SECURITY_ATTRIBUTES*, DWORD, DWORD (*start)(void*), void* p
     // One reference for the caller, one for the new thread's context.
     TvPlatformThread* t = new TvPlatformThread(tid, 1);
     t->IncRefCount();
+    if (flags & CREATE_SUSPENDED) t->HoldStart();
     args->thread = t;
     if (threadId) *threadId = static_cast<DWORD>(tid);
     gate->Unlock();

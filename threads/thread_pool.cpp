@@ -16,24 +16,30 @@
 // once Shutdown has seen both counts at 0 the pool may be destroyed.
 //
 // Wake-ups: one condition serves idle workers and a Shutdown caller. Produce
-// signals it (after unlocking) only when a worker is idle; Shutdown
+// signals it (after unlocking) when a worker is idle and not already woken
+// (`wokenThreads_` counts the signals whose worker has not left the wait
+// yet, so a burst does not take one idle thread for many); and whenever the
+// queued items outnumber such workers it also starts a thread, up to the
+// maximum. Without that count a burst meeting one idle thread would all be
+// handed to it, the idle count staying stale until it runs. Shutdown
 // broadcasts it to drive idle workers out; the last thread to leave during a
 // shutdown broadcasts it to release Shutdown. Every waiter re-checks its own
 // condition, so a wake-up meant for the other kind is harmless: during a
 // shutdown no worker goes back to the idle wait, and outside one nobody but
 // idle workers waits.
 //
-// Idle time-out: an idle thread above the minimum waits until
-// FixTimeout(idle time-out) and ends when that passes with the queue still
-// empty. Threads at or below the minimum wait without a time-out: they could
-// not end anyway, and the count cannot grow while they are idle (Produce
-// starts a thread only when none is idle), so a sub-second time-out, which
-// FixTimeout turns into "now", does not make them spin.
+// Idle time-out: an idle thread above the minimum ends when the idle
+// time-out, counted on CLOCK_MONOTONIC from the moment it found the queue
+// empty, passes with the queue still empty; wake-ups meant for others do not
+// start it again. A time-out under a second expires at once, as FixTimeout's
+// do. Threads at or below the minimum wait without a time-out: they could
+// not end anyway, so a time-out already expired does not make them spin.
 #include <errno.h>
 #include <pthread.h>
 #include <stdint.h>
 #include <time.h>
 
+#include "foundation/clock_internal.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/threads.h"
 
@@ -85,6 +91,7 @@ TvThreadPool::TvThreadPool(unsigned long minThreads, unsigned long maxThreads,
       threads_(0),
       exitedThreads_(0),
       idleThreads_(0),
+      wokenThreads_(0),
       idleMs_(idleMs),
       creator_(creator ? creator : DefaultCreator),
       consume_(consume),
@@ -93,7 +100,7 @@ TvThreadPool::TvThreadPool(unsigned long minThreads, unsigned long maxThreads,
     pthread_mutex_init(&mutex_, nullptr);
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
-    pthread_condattr_setclock(&attr, CLOCK_REALTIME);  // FixTimeout deadlines
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     pthread_cond_init(&cond_, &attr);
     pthread_condattr_destroy(&attr);
     exitedMark_.SetData(nullptr);
@@ -115,13 +122,13 @@ TvThreadPool::~TvThreadPool() {
 void TvThreadPool::Produce(void* item) {
     pthread_mutex_lock(&mutex_);
     work_.push_back(item);
-    if (idleThreads_ > 0) {
-        pthread_mutex_unlock(&mutex_);
-        pthread_cond_signal(&cond_);
-        return;
+    const unsigned long ready = idleThreads_ - wokenThreads_;
+    if (ready > 0) ++wokenThreads_;
+    if (work_.size() > ready && threads_ < maxThreads_ && creator_(PoolThreadMain, this)) {
+        ++threads_;
     }
-    if (threads_ < maxThreads_ && creator_(PoolThreadMain, this)) ++threads_;
     pthread_mutex_unlock(&mutex_);
+    if (ready > 0) pthread_cond_signal(&cond_);
 }
 
 void TvThreadPool::Shutdown() {
@@ -166,17 +173,21 @@ DWORD ThreadPoolConsume(TvThreadPool* pool) {
     bool left = false;
     for (;;) {
         bool idleExit = false;
+        timespec idleUntil = {0, 0};
+        if (pool->idleMs_ != INFINITE && pool->work_.empty()) {
+            const unsigned long ms = pool->idleMs_ < 1000 ? 0 : pool->idleMs_;
+            idleUntil = tv::detail::Deadline::AfterMs(ms).AsTimespec();
+        }
         while (pool->work_.empty() && !pool->shuttingDown_) {
             ++pool->idleThreads_;
             int rc;
             if (pool->idleMs_ == INFINITE || pool->threads_ <= pool->minThreads_) {
                 rc = pthread_cond_wait(&pool->cond_, &pool->mutex_);
             } else {
-                timespec deadline;
-                FixTimeout(deadline, static_cast<long>(pool->idleMs_));
-                rc = pthread_cond_timedwait(&pool->cond_, &pool->mutex_, &deadline);
+                rc = pthread_cond_timedwait(&pool->cond_, &pool->mutex_, &idleUntil);
             }
             --pool->idleThreads_;
+            if (pool->wokenThreads_ > 0) --pool->wokenThreads_;
             if (rc == ETIMEDOUT && pool->threads_ > pool->minThreads_ && pool->work_.empty()) {
                 idleExit = true;
                 break;

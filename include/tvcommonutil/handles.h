@@ -120,8 +120,9 @@ private:
 // preference (readers enter whenever no writer holds the lock). Write locks
 // are recursive for their owner; read locks are counted, not owned.
 // Results of the lock calls: 0 acquired, 128 (WAIT_ABANDONED) refused without
-// waiting, 258 (WAIT_TIMEOUT) timed out. Time-outs below one second expire at
-// once (see FixTimeout), deliberately; callers that need short waits poll.
+// waiting, 258 (WAIT_TIMEOUT) timed out. A time-out counts from the call,
+// however often the caller is woken meanwhile; time-outs below one second
+// expire at once, deliberately (callers that need short waits poll).
 //
 // Thread-safe. mutex_ guards the counters and the hand-off state; it is a
 // leaf lock (nothing else is taken while it is held). The lock itself sits in
@@ -175,8 +176,10 @@ private:
     class Holder;  // scoped holder of mutex_ (rwlock.cpp)
 
     bool ReaderAdmissible() const TV_REQUIRES(mutex_);
-    bool WaitReader(unsigned long ms) TV_REQUIRES(mutex_);
-    bool WaitWriter(unsigned long ms) TV_REQUIRES(mutex_);
+    // Sleep until woken or until the absolute CLOCK_MONOTONIC time `until`
+    // (null: no time-out); false on time-out.
+    bool WaitReader(const timespec* until) TV_REQUIRES(mutex_);
+    bool WaitWriter(const timespec* until) TV_REQUIRES(mutex_);
     void UnwaitReader(bool handOff) TV_REQUIRES(mutex_);
     void UnwaitWriter() TV_REQUIRES(mutex_);
     void PassOnAfterWriterTimeout() TV_REQUIRES(mutex_);
@@ -515,18 +518,18 @@ public:
 
     int What() override;
     // Arms (or re-arms) the timer for the absolute CLOCK_REALTIME time `due`,
-    // then every periodMs milliseconds when periodMs is not 0. Returns 1.
+    // then, when periodMs is not 0, every periodMs milliseconds counted from
+    // `due` (expiries missed while behind are skipped). Returns 1.
     int SetTimer(const timespec* due, long periodMs, PTIMERAPCROUTINE routine, void* arg);
     // 1 when the timer was queued (its routine will not be called for that
     // expiry), 0 otherwise or for a null timer.
     static int Cancel(Timer* t);
 
     // Internal; the caller holds the request lock.
-    // Queues t by due second; 1 when t became the head of the queue.
+    // Queues t by due time; 1 when t became the head of the queue.
     static int Queue(Timer* t);
-    // True when `due` falls in an earlier whole second than this timer's due
-    // time. Nanoseconds never decide: timers due within the same second fire
-    // in the order they were queued, deliberately.
+    // True when `due` is strictly earlier than this timer's due time, so
+    // timers due at the same instant fire in the order they were armed.
     bool InsertHere(const timespec& due) const;
     // Starts the timer thread if it has not been started yet.
     static void StartThread();
@@ -551,7 +554,8 @@ private:
 
 TV_API Handle* CreateWaitableTimer(SECURITY_ATTRIBUTES* sa, BOOL manualReset, const char* name);
 // `due` is an absolute CLOCK_REALTIME time (not a relative or 100 ns count);
-// `resume` is ignored. TRUE, or FALSE for a null timer or due time.
+// `resume` is ignored. TRUE, or FALSE for a null timer or due time (or, with
+// EINVAL, a negative period).
 TV_API BOOL SetWaitableTimer(Handle* timer, const timespec* due, long periodMs,
                              PTIMERAPCROUTINE routine, void* arg, BOOL resume);
 TV_API BOOL CancelWaitableTimer(Handle* timer);

@@ -34,7 +34,9 @@ enum ThreadState_t { kThreadRunning = 0, kThreadExited = 1 };
 // A POSIX thread as a Windows thread handle. Thread-safe. Its mutex guards
 // the APC queue, the wake flag, the state and the alertable wait the thread
 // is in; it comes after every object lock (QueueAPC alerts the registered
-// wait under it) and APCs run without it held.
+// wait under it) and APCs run without it held. Suspension is a signal whose
+// handler waits for the resume signal, so a suspended thread stops wherever
+// it is, with whatever locks it holds: suspend only threads known to be idle.
 class TV_API TvPlatformThread : public Handle {
 public:
     explicit TvPlatformThread(pthread_t tid, int initialCount = 1);
@@ -58,15 +60,20 @@ public:
     int CheckAPC();
     // True when APCs are queued; used by alertable waits.
     bool HasPendingAPC();
-    // Previous suspend count, or 0xFFFFFFFF when the signal could not be sent.
+    // The suspend count before the call, or 0xFFFFFFFF (errno ESRCH) once the
+    // thread has ended. Resume of a thread that is not suspended returns 0.
     unsigned long Suspend();
     unsigned long Resume();
     pthread_t GetTid() const;
     void SetTid(pthread_t tid);
     void SetState(ThreadState_t state);
     ThreadState_t GetState();
-    long GetSuspendCount() const { return suspendCount_; }
+    long GetSuspendCount() const { return __atomic_load_n(&suspendCount_, __ATOMIC_ACQUIRE); }
 
+    // Internal: makes a thread that has not started yet wait at its start
+    // until resumed (suspend count 1), and the wait itself (on the thread).
+    void HoldStart();
+    void WaitForStart();
     // Internal: an alertable timed wait registers its waiter so that QueueAPC
     // can alert it; true when APCs were already queued.
     bool EnterAlertableWait(tv::detail::Waiter* waiter);
@@ -78,8 +85,15 @@ private:
     pthread_mutex_t mutex_;
     std::deque<_threadapc> apcs_;
     int wakeFlag_;
-    long suspendCount_;
     tv::detail::Waiter* alertableWait_;
+    // Orders the suspend and resume signals with the count and with the end
+    // of the thread; held only with the suspend signal blocked, so that no
+    // holder is ever stopped with it held. Never taken with mutex_ held, nor
+    // mutex_ under it: a thread may be stopped while it holds mutex_.
+    pthread_mutex_t signalLock_;
+    bool ended_;         // guarded by signalLock_: no signal may be sent
+    int startHeld_;      // created suspended and not resumed yet; futex word
+    long suspendCount_;  // changed under signalLock_ by compare-and-swap
 };
 
 // The start record handed to a new thread.
@@ -90,8 +104,10 @@ struct ThreadArgs {
     TvPlatformThread* thread;
 };
 
-// Starts a thread at once (CREATE_SUSPENDED is ignored); the identifier is
-// written through threadId, which must not be null. Null on failure.
+// Starts a thread, or with CREATE_SUSPENDED holds it before its start routine
+// (suspend count 1) until ResumeThread. Other flags, the security attributes
+// and the stack size are ignored. The identifier is written through threadId
+// when it is not null. Null on failure.
 TV_API Handle* CreateThread(SECURITY_ATTRIBUTES* sa, DWORD stackSize, DWORD (*start)(void*),
                             void* param, DWORD flags, DWORD* threadId);
 TV_API void* KwThreadBase(void* args);
@@ -115,8 +131,9 @@ TV_API void UserAPCHandler(int sig);
 TV_API void SuspendHandler(int sig);
 TV_API void ResumeHandler(int sig);
 
-// 0, or WAIT_IO_COMPLETION when an alertable sleep ran APCs. SleepEx(0, ...)
-// only yields. INFINITE is an ordinary (very long) time-out here.
+// 0, or WAIT_IO_COMPLETION when an alertable sleep ran APCs (it ends early
+// only then). A non-alertable sleep lasts its whole time whatever signals
+// arrive. SleepEx(0, ...) only yields; INFINITE sleeps for ever.
 TV_API DWORD SleepEx(DWORD ms, BOOL alertable);
 TV_API void Sleep(DWORD ms);
 // There is no message queue: blocks until any signal is handled, returns 0.
@@ -153,8 +170,9 @@ TV_API DWORD ThreadPoolConsume(TvThreadPool* pool);
 
 // A producer/consumer pool: Produce queues opaque work items, which pool
 // threads take first in, first out and pass to the consume callback.
-// Threads are started on demand (by the creator) up to the maximum; an idle
-// thread above the minimum ends after the idle time-out. A consume callback
+// Produce starts a thread (by the creator, up to the maximum) whenever the
+// queued items outnumber the idle threads not already woken; an idle thread
+// above the minimum ends after the idle time-out. A consume callback
 // may take its thread out of the pool (ExitPool) to go on with long work.
 //
 // Thread-safe. One mutex guards every counter, the queue and the shutting
@@ -170,8 +188,8 @@ public:
     // No thread is started here, not even the minimum. A null creator means
     // DefaultCreator; a null exit function means pthread_exit. An idle
     // time-out of INFINITE keeps idle threads forever; time-outs under one
-    // second expire at once (FixTimeout), so idle threads above the minimum
-    // then end as soon as they find nothing to do.
+    // second expire at once, so idle threads above the minimum then end as
+    // soon as they find nothing to do.
     TvThreadPool(unsigned long minThreads, unsigned long maxThreads, void (*consume)(void*),
                  Creator creator = nullptr, void (*exitFn)(unsigned int) = nullptr,
                  void (*dispose)(void*) = nullptr, unsigned long idleMs = INFINITE);
@@ -206,6 +224,7 @@ private:
     unsigned long threads_;
     unsigned long exitedThreads_;
     unsigned long idleThreads_;
+    unsigned long wokenThreads_;  // idle threads signalled, still in the wait
     unsigned long idleMs_;
     pthread_mutex_t mutex_;
     pthread_cond_t cond_;

@@ -1,10 +1,8 @@
-// The timer queue works in whole seconds, so this file keeps to one test
-// that arms several timers at once and checks them together (about 2 s).
+// Waitable timers; their routines run in this thread's alertable sleeps.
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <time.h>
 
-#include <algorithm>
 #include <chrono>
 #include <vector>
 
@@ -17,109 +15,129 @@ namespace {
 struct Shot {
     int id;
     pid_t tid;
-    timespec due;    // as passed to the routine
-    timespec ranAt;  // CLOCK_REALTIME when it ran
+    long long due;  // as passed to the routine, ns of CLOCK_REALTIME
+    double lateMs;
 };
+std::vector<Shot> shots;  // appended by routines, which run on the arming thread
 
-struct Log {
-    std::vector<Shot> shots;  // touched only by the arming thread
-};
-
-struct Arg {
-    Log* log;
-    int id;
-};
-
-void Record(void* p, void* sec, void* nsec) {
-    Arg* a = static_cast<Arg*>(p);
-    Shot s;
-    s.id = a->id;
-    s.tid = tvtest::CurrentTid();
-    s.due.tv_sec = static_cast<time_t>(reinterpret_cast<intptr_t>(sec));
-    s.due.tv_nsec = static_cast<long>(reinterpret_cast<intptr_t>(nsec));
-    clock_gettime(CLOCK_REALTIME, &s.ranAt);
-    a->log->shots.push_back(s);
+long long NowNs() {
+    timespec t;
+    clock_gettime(CLOCK_REALTIME, &t);
+    return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
 }
 
-double Seconds(const timespec& t) {
-    return static_cast<double>(t.tv_sec) + t.tv_nsec / 1e9;
+timespec At(long long ns) {
+    return timespec{static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)};
+}
+
+void Record(void* id, void* sec, void* nsec) {
+    const long long due =
+        reinterpret_cast<intptr_t>(sec) * 1000000000LL + reinterpret_cast<intptr_t>(nsec);
+    shots.push_back(Shot{static_cast<int>(reinterpret_cast<intptr_t>(id)), tvtest::CurrentTid(),
+                         due, (NowNs() - due) / 1e6});
+}
+
+void* Id(int id) {
+    return reinterpret_cast<void*>(static_cast<intptr_t>(id));
+}
+
+// Runs routines until `n` have run, for at most 10 s.
+void Collect(size_t n) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (shots.size() < n && std::chrono::steady_clock::now() < end) SleepEx(1000, TRUE);
 }
 
 }  // namespace
 
-TEST(Timer, RoutinesRunOnArmingThreadInQueueOrderAndNeverWhenCancelled) {
-    Log log;
+TEST(Timer, FiresInDueTimeOrderOnTimeAndOnTheArmingThread) {
+    shots.clear();
     Handle* idle = CreateWaitableTimer(nullptr, FALSE, "idle");
-    ASSERT_NE(nullptr, idle);
-    EXPECT_EQ(kHandleTimer, idle->What());
     EXPECT_EQ(FALSE, CancelWaitableTimer(idle));  // never set
     EXPECT_EQ(FALSE, CancelWaitableTimer(nullptr));
+    // Expiry is no signalled state: a single or mixed wait finds a timer
+    // signalled at once, like any handle without wait logic.
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(idle, INFINITE, FALSE));
+    Handle* ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* mixed[2] = {ev, idle};
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, mixed, FALSE, 5000, FALSE));
+    CloseHandle(ev);
     CloseHandle(idle);
 
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    // Second S starts at least half a second from now, so everything below
-    // is armed (and cancelled) well before anything is due.
-    const time_t S = now.tv_sec + (now.tv_nsec < 500000000 ? 1 : 2);
-    const timespec at0 = {S, 0}, at100 = {S, 100000000}, at500 = {S, 500000000},
-                   at900 = {S, 900000000}, at950 = {S, 950000000}, far = {S + 100, 0};
-
-    Arg cancelled{&log, 1}, closed{&log, 2}, late{&log, 3}, early{&log, 4}, rearmed{&log, 5};
-    Handle* tCancelled = CreateWaitableTimer(nullptr, FALSE, nullptr);
-    Handle* tClosed = CreateWaitableTimer(nullptr, FALSE, nullptr);
-    Handle* tLate = CreateWaitableTimer(nullptr, TRUE, nullptr);
-    Handle* tEarly = CreateWaitableTimer(nullptr, FALSE, nullptr);
-    Handle* tRearmed = CreateWaitableTimer(nullptr, FALSE, nullptr);
-
-    // All due within second S. Queued in this order; were they ordered by
-    // nanoseconds, "early" would run first.
-    EXPECT_EQ(TRUE, SetWaitableTimer(tCancelled, &at0, 0, Record, &cancelled, FALSE));
-    EXPECT_EQ(TRUE, SetWaitableTimer(tClosed, &at500, 0, Record, &closed, FALSE));
-    EXPECT_EQ(TRUE, SetWaitableTimer(tRearmed, &far, 0, Record, &rearmed, FALSE));
-    EXPECT_EQ(TRUE, SetWaitableTimer(tLate, &at900, 0, Record, &late, FALSE));
-    EXPECT_EQ(TRUE, SetWaitableTimer(tEarly, &at100, 0, Record, &early, FALSE));
-    // Re-arming a queued timer replaces its expiry (it fires once, at S).
-    EXPECT_EQ(TRUE, SetWaitableTimer(tRearmed, &at950, 0, Record, &rearmed, FALSE));
-    EXPECT_EQ(TRUE, CancelWaitableTimer(tCancelled));
-    // Closing the last handle of an armed timer cancels it.
-    CloseHandle(tClosed);
+    // Armed in this order, all within one second; 5 is cancelled, 6 closed,
+    // 7 re-armed. Timers due at the same instant keep their arming order.
+    const long dueMs[] = {900, 300, 500, 300, 400, 350, 1000};
+    long long due[7];
+    Handle* t[7];
+    const long long base = NowNs();
+    for (int i = 0; i < 7; ++i) {
+        due[i] = base + dueMs[i] * 1000000LL;
+        t[i] = CreateWaitableTimer(nullptr, i == 0, nullptr);
+        const timespec at = At(due[i]);
+        EXPECT_EQ(TRUE, SetWaitableTimer(t[i], &at, 0, Record, Id(i + 1), FALSE));
+    }
+    due[6] = due[2];
+    const timespec at = At(due[6]);
+    EXPECT_EQ(TRUE, SetWaitableTimer(t[6], &at, 0, Record, Id(7), FALSE));
+    EXPECT_EQ(TRUE, CancelWaitableTimer(t[4]));
+    CloseHandle(t[5]);  // the last handle of an armed timer cancels it
+    t[5] = nullptr;
 
     const pid_t self = tvtest::CurrentTid();
-    auto start = std::chrono::steady_clock::now();
-    DWORD first = SleepEx(5000, TRUE);
-    EXPECT_EQ(WAIT_IO_COMPLETION, first);
-    while (log.shots.size() < 3 &&
-           std::chrono::steady_clock::now() - start < std::chrono::seconds(10))
-        SleepEx(5000, TRUE);
-
-    ASSERT_EQ(3u, log.shots.size());
-    const int expected[] = {3, 4, 5};
-    const timespec dues[] = {at900, at100, at950};
-    for (int i = 0; i < 3; ++i) {
-        const Shot& s = log.shots[i];
-        EXPECT_EQ(expected[i], s.id);
-        EXPECT_EQ(self, s.tid);  // on the arming thread, not the timer thread
-        EXPECT_EQ(dues[i].tv_sec, s.due.tv_sec);
-        EXPECT_EQ(dues[i].tv_nsec, s.due.tv_nsec);
-        // Not before the due time (or, behind the head, the head's due
-        // time), and not long after.
-        EXPECT_GE(Seconds(s.ranAt), std::max(Seconds(at900), Seconds(dues[i])) - 0.002);
-        EXPECT_LT(Seconds(s.ranAt), Seconds(dues[i]) + 3.0);
+    Collect(5);
+    ASSERT_EQ(5u, shots.size());
+    const int order[] = {2, 4, 3, 7, 1};
+    for (int i = 0; i < 5; ++i) {
+        const Shot& s = shots[i];
+        EXPECT_EQ(order[i], s.id) << i;
+        EXPECT_EQ(self, s.tid);
+        EXPECT_EQ(due[order[i] - 1], s.due) << s.id;
+        EXPECT_GE(s.lateMs, 0.0) << s.id;
+        EXPECT_LT(s.lateMs, 500.0) << s.id;  // not a whole second late
     }
     // One-shot timers are no longer queued; a manual-reset one shows fired.
-    EXPECT_EQ(Timer::kFired, static_cast<Timer*>(tLate)->GetState());
-    EXPECT_EQ(Timer::kIdle, static_cast<Timer*>(tEarly)->GetState());
-    EXPECT_EQ(FALSE, CancelWaitableTimer(tEarly));
-    EXPECT_EQ(FALSE, CancelWaitableTimer(tRearmed));
-
-    // Nothing else arrives: the cancelled and the closed timer were due
-    // before the others, so their routines would already have run.
+    EXPECT_EQ(Timer::kFired, static_cast<Timer*>(t[0])->GetState());
+    EXPECT_EQ(Timer::kIdle, static_cast<Timer*>(t[1])->GetState());
+    EXPECT_EQ(FALSE, CancelWaitableTimer(t[1]));
+    // The cancelled and the closed timer were due before the last ones, so
+    // their routines would have run by now.
     EXPECT_EQ(0u, SleepEx(10, TRUE));
-    EXPECT_EQ(3u, log.shots.size());
+    EXPECT_EQ(5u, shots.size());
+    for (Handle* h : t) CloseHandle(h);
+}
 
-    CloseHandle(tCancelled);
-    CloseHandle(tLate);
-    CloseHandle(tEarly);
-    CloseHandle(tRearmed);
+// A periodic timer re-arms at its previous due time plus the period: a due
+// time a second in the past gives one expiry at once and then the period,
+// not a burst of the missed ones; a short period does not flood its owner,
+// whose non-alertable sleep lasts its whole time meanwhile.
+TEST(Timer, PeriodicTimerKeepsItsPeriodWithoutBurstsOrFloods) {
+    shots.clear();
+    Handle* t = CreateWaitableTimer(nullptr, FALSE, "periodic");
+    const long periodMs = 20;
+    const long long first = NowNs() - 1000000000LL;
+    const timespec firstAt = At(first);
+    SleepEx(1, TRUE);  // the thread has looked for APCs before
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(TRUE, SetWaitableTimer(t, &firstAt, periodMs, Record, Id(1), FALSE));
+    Sleep(200);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(195));
+    Collect(8);
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        std::chrono::steady_clock::now() - start)
+                        .count();
+    EXPECT_EQ(TRUE, CancelWaitableTimer(t));
+    SleepEx(1, TRUE);  // an expiry queued before the cancel
+    const size_t n = shots.size();
+    ASSERT_GE(n, 8u);
+    EXPECT_LE(static_cast<long>(n), ms / periodMs + 2);
+    for (size_t i = 0; i < n; ++i) {
+        const long long sinceFirst = shots[i].due - first;
+        EXPECT_EQ(0, sinceFirst % (periodMs * 1000000LL)) << i;
+        if (i == 0) continue;
+        EXPECT_GT(shots[i].due, shots[i - 1].due);
+        EXPECT_LE(shots[i].lateMs, 500.0) << i;
+    }
+    // Nothing arrives once cancelled.
+    EXPECT_EQ(0u, SleepEx(5 * periodMs, TRUE));
+    EXPECT_EQ(n, shots.size());
+    CloseHandle(t);
 }

@@ -1,19 +1,28 @@
 // Real child processes: argv as received, exit codes, waits under each wait
 // method, mixed waits with events, detached spawns, standard handles,
-// System, termination, and no leaked descriptors or zombies.
+// System, termination, no leaked descriptors or zombies; and process
+// enumeration and naming against real processes and threads.
+#include <dirent.h>
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <future>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -21,10 +30,120 @@
 
 #include <tvcommonutil.h>
 
-#include "process_test_util.h"
 #include "test_support.h"
 #include "thread_probe.h"
 #include "threads/process_watch.h"
+
+// Helpers shared by the process and enumeration tests: zombie and
+// descriptor counts from /proc, the test program's own path, and children
+// held until released.
+namespace proctest {
+
+// The parent pid and state letter of a process, from its stat line.
+inline bool StatOf(long pid, long* ppid, char* state) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(in, line);
+    size_t close = line.rfind(')');
+    if (close == std::string::npos || close + 4 >= line.size()) return false;
+    *state = line[close + 2];
+    *ppid = strtol(line.c_str() + close + 4, nullptr, 10);
+    return true;
+}
+
+// Children of this process that are zombies.
+inline int ZombieChildren() {
+    int zombies = 0;
+    DIR* d = opendir("/proc");
+    if (!d) return -1;
+    while (dirent* e = readdir(d)) {
+        long ppid = 0;
+        char state = 0;
+        if (e->d_name[0] >= '0' && e->d_name[0] <= '9' &&
+            StatOf(strtol(e->d_name, nullptr, 10), &ppid, &state) && state == 'Z' &&
+            ppid == getpid()) {
+            ++zombies;
+        }
+    }
+    closedir(d);
+    return zombies;
+}
+
+inline int OpenFdCount() {
+    int n = 0;
+    DIR* d = opendir("/proc/self/fd");
+    if (!d) return -1;
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.') ++n;
+    }
+    closedir(d);
+    return n - 1;  // the directory's own descriptor
+}
+
+inline std::string SelfExe() {
+    char buf[4096];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return std::string();
+    buf[n] = '\0';
+    return buf;
+}
+
+// A start-up record that gives the child these standard handles.
+inline STARTUPINFO StdHandles(Handle* in, Handle* out, Handle* err) {
+    STARTUPINFO si;
+    memset(&si, 0, sizeof si);
+    si.dwFlags = kStartupUseStdHandles;
+    si.hStdInput = in;
+    si.hStdOutput = out;
+    si.hStdError = err;
+    return si;
+}
+
+// A child started with CreateProcess whose standard input is a pipe held
+// here: it runs until Release() closes the pipe (its reads then see end of
+// file). The handle is closed on destruction.
+class HeldChild {
+public:
+    explicit HeldChild(const std::string& commandLine, DWORD flags = 0) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) return;
+        writeEnd_ = fds[1];
+        Handle* in = new File(fds[0]);
+        STARTUPINFO si = StdHandles(in, INVALID_HANDLE_VALUE, INVALID_HANDLE_VALUE);
+        std::string line = commandLine;
+        PROCESS_INFORMATION pi;
+        memset(&pi, 0, sizeof pi);
+        if (CreateProcess(nullptr, &line[0], nullptr, nullptr, FALSE, flags, nullptr, nullptr, &si,
+                          &pi)) {
+            process_ = pi.hProcess;
+            pid_ = static_cast<long>(pi.dwProcessId);
+        }
+        CloseHandle(in);
+    }
+    ~HeldChild() {
+        Release();
+        if (process_) {
+            WaitForSingleObjectEx(process_, 10000, FALSE);  // reaps it: no zombie left
+            CloseHandle(process_);
+        }
+    }
+    HeldChild(const HeldChild&) = delete;
+    HeldChild& operator=(const HeldChild&) = delete;
+
+    void Release() {
+        if (writeEnd_ >= 0) close(writeEnd_);
+        writeEnd_ = -1;
+    }
+    Handle* handle() const { return process_; }
+    long pid() const { return pid_; }
+
+private:
+    int writeEnd_ = -1;
+    Handle* process_ = nullptr;
+    long pid_ = 0;
+};
+
+}  // namespace proctest
 
 using proctest::HeldChild;
 using tv::detail::ProcessWaitMethod;
@@ -81,6 +200,12 @@ std::vector<std::string> Lines(const std::string& text, const std::string& prefi
     return out;
 }
 
+// What GetExitCodeProcess reports, or 0xdeadbeef when it fails.
+DWORD ExitCode(Handle* p) {
+    DWORD code = 0xdeadbeef;
+    return GetExitCodeProcess(p, &code) ? code : 0xdeadbeef;
+}
+
 // Starts a command line and returns its handle (null on failure).
 Handle* Start(const std::string& commandLine, DWORD flags = 0, const char* dir = nullptr,
               STARTUPINFO* si = nullptr) {
@@ -100,36 +225,27 @@ DWORD RunForExitCode(const std::string& commandLine) {
     Handle* p = Start(commandLine);
     if (p == nullptr) return 0xdeadbeef;
     EXPECT_EQ(WaitForSingleObjectEx(p, INFINITE, FALSE), WAIT_OBJECT_0);
-    DWORD code = 0xdeadbeef;
-    EXPECT_TRUE(GetExitCodeProcess(p, &code));
+    const DWORD code = ExitCode(p);
     CloseHandle(p);
     return code;
 }
 
 long TracerOf(long pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.compare(0, 10, "TracerPid:") == 0) return strtol(line.c_str() + 10, nullptr, 10);
-    }
-    return -1;
+    const std::string status = tvtest::ReadFile("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find("TracerPid:");
+    return at == std::string::npos ? -1 : strtol(status.c_str() + at + 10, nullptr, 10);
 }
 
 // Runs `fn` on another thread once the calling thread sleeps in the kernel.
-class WhenAsleep {
-public:
+struct WhenAsleep {
     template <typename Fn>
-    explicit WhenAsleep(Fn fn) {
-        pid_t waiter = tvtest::CurrentTid();
-        thread_ = std::thread([waiter, fn] {
-            tvtest::WaitUntilSleeping(waiter);
-            fn();
-        });
-    }
-    ~WhenAsleep() { thread_.join(); }
-
-private:
-    std::thread thread_;
+    explicit WhenAsleep(Fn fn)
+        : thread([fn, waiter = tvtest::CurrentTid()] {
+              tvtest::WaitUntilSleeping(waiter);
+              fn();
+          }) {}
+    ~WhenAsleep() { thread.join(); }
+    std::thread thread;
 };
 
 class ProcessWait : public ::testing::TestWithParam<ProcessWaitMethod> {
@@ -142,14 +258,9 @@ protected:
 };
 
 std::string MethodName(const ::testing::TestParamInfo<ProcessWaitMethod>& info) {
-    switch (info.param) {
-        case tv::detail::kWaitAuto:
-            return "Tracing";
-        case tv::detail::kWaitPidFd:
-            return "PidFd";
-        default:
-            return "Polling";
-    }
+    return info.param == tv::detail::kWaitAuto    ? "Tracing"
+           : info.param == tv::detail::kWaitPidFd ? "PidFd"
+                                                  : "Polling";
 }
 
 INSTANTIATE_TEST_SUITE_P(Methods, ProcessWait,
@@ -157,45 +268,31 @@ INSTANTIATE_TEST_SUITE_P(Methods, ProcessWait,
                                            tv::detail::kWaitPoll),
                          MethodName);
 
-TEST(ProcessSpawn, ChildReceivesArgumentsAsSplit) {
+TEST(ProcessSpawn, ChildReceivesArgumentsAsSplitAndAtMostFifteen) {
     tvtest::TempDir dir;
     const std::string out = dir.file("argv");
-    Handle* p = Start(proctest::SelfExe() + " --tv-child argv_dump " + out +
-                          " \"a b\"  'say \"hi\"' \"ab\"cd x\\\"y '' plain",
-                      0, dir.path().c_str());
+    // Twenty arguments: the program, --tv-child, the child's name, the output
+    // file, seven more as split below and arg12..arg20, of which only the
+    // first fifteen arrive.
+    std::string line = proctest::SelfExe() + " --tv-child argv_dump " + out +
+                       " \"a b\"  'say \"hi\"' \"ab\"cd x\\\"y '' plain";
+    for (int i = 12; i <= 20; ++i) line += " arg" + std::to_string(i);
+    Handle* p = Start(line, 0, dir.path().c_str());
     ASSERT_NE(p, nullptr);
     ASSERT_EQ(WaitForSingleObjectEx(p, 10000, FALSE), WAIT_OBJECT_0);
-    DWORD code = 1;
-    EXPECT_TRUE(GetExitCodeProcess(p, &code));
-    EXPECT_EQ(code, 0u);
+    EXPECT_EQ(ExitCode(p), 0u);
     CloseHandle(p);
     const std::string text = tvtest::ReadFile(out);
     EXPECT_EQ(Lines(text, "ARG:"),
-              (std::vector<std::string>{"a b", "say \"hi\"", "ab", "cd", "x\"y", "", "plain"}));
+              (std::vector<std::string>{"a b", "say \"hi\"", "ab", "cd", "x\"y", "", "plain",
+                                        "arg12", "arg13", "arg14", "arg15"}));
     // Without a start-up record the standard streams are /dev/null.
-    EXPECT_EQ(Lines(text, "FD0:"), std::vector<std::string>{"/dev/null"});
-    EXPECT_EQ(Lines(text, "FD1:"), std::vector<std::string>{"/dev/null"});
-    EXPECT_EQ(Lines(text, "FD2:"), std::vector<std::string>{"/dev/null"});
+    for (const char* fd : {"FD0:", "FD1:", "FD2:"})
+        EXPECT_EQ(Lines(text, fd), std::vector<std::string>{"/dev/null"}) << fd;
     char real[4096];
     ASSERT_NE(realpath(dir.path().c_str(), real), nullptr);
     EXPECT_EQ(Lines(text, "CWD:"), std::vector<std::string>{real});
     EXPECT_EQ(proctest::ZombieChildren(), 0);
-}
-
-TEST(ProcessSpawn, TwentyArgumentsAreCutToFifteen) {
-    tvtest::TempDir dir;
-    const std::string out = dir.file("argv");
-    std::string line = proctest::SelfExe() + " --tv-child argv_dump " + out;
-    for (int i = 4; i < 20; ++i) line += " arg" + std::to_string(i);
-    Handle* p = Start(line);
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(WaitForSingleObjectEx(p, 10000, FALSE), WAIT_OBJECT_0);
-    CloseHandle(p);
-    // Twenty arguments: the program, --tv-child, the child's name, the
-    // output file and arg4..arg19, of which arg4..arg14 arrive.
-    std::vector<std::string> got = Lines(tvtest::ReadFile(out), "ARG:");
-    ASSERT_EQ(got.size(), 11u);
-    EXPECT_EQ(got.back(), "arg14");
 }
 
 TEST(ProcessSpawn, ProgramThatCannotRunGivesNoHandle) {
@@ -224,10 +321,8 @@ TEST_P(ProcessWait, ExitCodes) {
     // handed out once.
     Handle* p = Start("/bin/sh -c \"exit 9\"");
     ASSERT_NE(p, nullptr);
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeProcess(p, &code));
-    EXPECT_EQ(code, 9u);
-    EXPECT_FALSE(GetExitCodeProcess(p, &code));
+    EXPECT_EQ(ExitCode(p), 9u);
+    EXPECT_EQ(ExitCode(p), 0xdeadbeefu);
     // An ended process stays signalled.
     EXPECT_EQ(WaitForSingleObjectEx(p, 0, FALSE), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObjectEx(p, INFINITE, FALSE), WAIT_OBJECT_0);
@@ -252,9 +347,7 @@ TEST_P(ProcessWait, TimeoutsOnARunningChild) {
     }
     // Our own children are never traced while waited on, whatever the method.
     EXPECT_EQ(tracer, 0);
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeProcess(child.handle(), &code));
-    EXPECT_EQ(code, 5u);
+    EXPECT_EQ(ExitCode(child.handle()), 5u);
 }
 
 std::atomic<int> g_apcRuns{0};
@@ -262,35 +355,24 @@ void CountApc(ULONG_PTR) {
     ++g_apcRuns;
 }
 
-struct ApcWaiter {
-    Handle* process;
-    std::atomic<pid_t> tid{0};
-    std::atomic<unsigned long> result{0};
-};
-
-DWORD AlertableWaitBody(void* arg) {
-    ApcWaiter* w = static_cast<ApcWaiter*>(arg);
-    w->tid = tvtest::CurrentTid();
-    w->result = WaitForSingleObjectEx(w->process, INFINITE, TRUE);
-    return 0;
-}
-
 TEST_P(ProcessWait, AlertableWaitEndsForAnApc) {
     HeldChild child("/bin/sh -c \"read x\"");
     ASSERT_NE(child.handle(), nullptr);
-    ApcWaiter w;
-    w.process = child.handle();
     g_apcRuns = 0;
-    DWORD tid = 0;
-    Handle* t = CreateThread(nullptr, 0, AlertableWaitBody, &w, 0, &tid);
-    ASSERT_NE(t, nullptr);
-    while (w.tid == 0) sched_yield();
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(w.tid));
-    EXPECT_EQ(QueueUserAPC(CountApc, t, 0), 0u);
-    EXPECT_EQ(WaitForSingleObjectEx(t, 10000, FALSE), WAIT_OBJECT_0);
-    EXPECT_EQ(w.result, WAIT_IO_COMPLETION);
+    std::atomic<Handle*> self{nullptr};
+    std::atomic<pid_t> tid{0};
+    unsigned long result = 0;
+    std::thread waiter([&] {
+        self = GetCurrentThread();
+        tid = tvtest::CurrentTid();
+        result = WaitForSingleObjectEx(child.handle(), INFINITE, TRUE);
+    });
+    while (tid == 0) sched_yield();
+    EXPECT_TRUE(tvtest::WaitUntilSleeping(tid));
+    EXPECT_EQ(QueueUserAPC(CountApc, self.load(), 0), 0u);
+    waiter.join();
+    EXPECT_EQ(result, WAIT_IO_COMPLETION);
     EXPECT_EQ(g_apcRuns, 1);
-    CloseHandle(t);
     child.Release();
     EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 10000, FALSE), WAIT_OBJECT_0);
 }
@@ -313,9 +395,7 @@ TEST_P(ProcessWait, MixedWaitWithAnEventWakesForWhicheverEndsFirst) {
     EXPECT_EQ(WaitForMultipleObjectsEx(2, set, FALSE, 0, FALSE), WAIT_OBJECT_0 + 1);
     Handle* reversed[2] = {child.handle(), event};
     EXPECT_EQ(WaitForMultipleObjectsEx(2, reversed, FALSE, INFINITE, FALSE), WAIT_OBJECT_0);
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeProcess(child.handle(), &code));
-    EXPECT_EQ(code, 4u);
+    EXPECT_EQ(ExitCode(child.handle()), 4u);
     CloseHandle(event);
 }
 
@@ -330,23 +410,15 @@ TEST_P(ProcessWait, SeveralThreadsWaitingOnOneAndOnSeparateChildren) {
     std::vector<std::thread> threads;
     // Two direct waits on the shared child (only one can trace it), one on
     // the other child, and one mixed wait through the watcher.
-    threads.emplace_back([&] {
-        tids[0] = tvtest::CurrentTid();
-        results[0] = WaitForSingleObjectEx(shared.handle(), 20000, FALSE);
-    });
-    threads.emplace_back([&] {
-        tids[1] = tvtest::CurrentTid();
-        results[1] = WaitForSingleObjectEx(shared.handle(), 20000, FALSE);
-    });
-    threads.emplace_back([&] {
-        tids[2] = tvtest::CurrentTid();
-        results[2] = WaitForSingleObjectEx(other.handle(), 20000, FALSE);
-    });
-    threads.emplace_back([&] {
-        tids[3] = tvtest::CurrentTid();
-        Handle* set[2] = {event, shared.handle()};
-        results[3] = WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE);
-    });
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            tids[i] = tvtest::CurrentTid();
+            Handle* set[2] = {event, shared.handle()};
+            results[i] = i == 3   ? WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE)
+                         : i == 2 ? WaitForSingleObjectEx(other.handle(), 20000, FALSE)
+                                  : WaitForSingleObjectEx(shared.handle(), 20000, FALSE);
+        });
+    }
     for (auto& tid : tids) {
         while (tid == 0) sched_yield();
         ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
@@ -362,11 +434,8 @@ TEST_P(ProcessWait, SeveralThreadsWaitingOnOneAndOnSeparateChildren) {
     EXPECT_EQ(results[0], WAIT_OBJECT_0);
     EXPECT_EQ(results[1], WAIT_OBJECT_0);
     EXPECT_EQ(results[3], WAIT_OBJECT_0 + 1);
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeProcess(shared.handle(), &code));
-    EXPECT_EQ(code, 1u);
-    EXPECT_TRUE(GetExitCodeProcess(other.handle(), &code));
-    EXPECT_EQ(code, 2u);
+    EXPECT_EQ(ExitCode(shared.handle()), 1u);
+    EXPECT_EQ(ExitCode(other.handle()), 2u);
     CloseHandle(event);
 }
 
@@ -414,12 +483,7 @@ TEST(ProcessSpawn, RedirectedStandardHandlesAreUsed) {
     ASSERT_GE(errFd, 0);
     Handle* outHandle = new File(out[1]);
     Handle* errHandle = new File(errFd);
-    STARTUPINFO si;
-    memset(&si, 0, sizeof si);
-    si.dwFlags = kStartupUseStdHandles;
-    si.hStdInput = INVALID_HANDLE_VALUE;
-    si.hStdOutput = outHandle;
-    si.hStdError = errHandle;
+    STARTUPINFO si = proctest::StdHandles(INVALID_HANDLE_VALUE, outHandle, errHandle);
     Handle* p = Start("/bin/sh -c \"echo to-out; echo to-err >&2\"", 0, nullptr, &si);
     ASSERT_NE(p, nullptr);
     CloseHandle(outHandle);  // the child holds the only write end now
@@ -457,9 +521,7 @@ TEST(ProcessTerminate, TerminateAndExit) {
     ASSERT_NE(child.handle(), nullptr);
     EXPECT_TRUE(TerminateProcess(child.handle(), 3));
     EXPECT_EQ(WaitForSingleObjectEx(child.handle(), 10000, FALSE), WAIT_OBJECT_0);
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeProcess(child.handle(), &code));
-    EXPECT_EQ(code, 4294967295u);
+    EXPECT_EQ(ExitCode(child.handle()), 4294967295u);
     // Once its end is recorded the pid is not signalled again.
     EXPECT_FALSE(TerminateProcess(child.handle(), 3));
 
@@ -498,9 +560,7 @@ TEST(ProcessSpawn, TokenSwitchesTheChildsIdentity) {
     memset(&pi, 0, sizeof pi);
     ASSERT_TRUE(CreateProcessAsUser(token, nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr,
                                     "/", nullptr, &pi));
-    DWORD code = 99;
-    EXPECT_TRUE(GetExitCodeProcess(pi.hProcess, &code));
-    EXPECT_EQ(code, 0u);
+    EXPECT_EQ(ExitCode(pi.hProcess), 0u);
     CloseHandle(pi.hProcess);
     CloseHandle(token);
 }
@@ -510,19 +570,15 @@ TEST(ProcessSpawn, TwoHundredCyclesLeakNoDescriptorAndNoZombie) {
     // objects) are not counted as a leak.
     EXPECT_EQ(RunForExitCode("/bin/true"), 0u);
     const int fdsBefore = proctest::OpenFdCount();
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(RunForExitCode("/bin/true"), 0u) << "cycle " << i;
-    }
+    for (int i = 0; i < 200; ++i) ASSERT_EQ(RunForExitCode("/bin/true"), 0u) << "cycle " << i;
     EXPECT_EQ(proctest::OpenFdCount(), fdsBefore);
     EXPECT_EQ(proctest::ZombieChildren(), 0);
 
     // Handles closed before any wait: the children are reaped all the same.
     for (int i = 0; i < 200; ++i) {
-        char line[] = "/bin/true";
-        PROCESS_INFORMATION pi;
-        ASSERT_TRUE(CreateProcess(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                                  nullptr, &pi));
-        CloseHandle(pi.hProcess);
+        Handle* p = Start("/bin/true");
+        ASSERT_NE(p, nullptr);
+        CloseHandle(p);
     }
     siginfo_t si;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -531,6 +587,166 @@ TEST(ProcessSpawn, TwoHundredCyclesLeakNoDescriptorAndNoZombie) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ(waitid(P_ALL, 0, &si, WEXITED | WNOHANG | WNOWAIT), -1) << "children left";
+}
+
+}  // namespace
+
+// --- Process enumeration and names -----------------------------------------
+
+// Reads its standard input to the end, then exits.
+TV_TEST_CHILD(held_stdin) {
+    (void)args;
+    char buf[64];
+    while (read(0, buf, sizeof buf) > 0) {
+    }
+    return 0;
+}
+
+namespace {
+
+std::vector<DWORD> List(BOOL (*lister)(DWORD*, DWORD, DWORD*), size_t capacity = 1 << 16) {
+    std::vector<DWORD> ids(capacity + 1, 0xabcdef);
+    DWORD bytes = 12345;
+    EXPECT_TRUE(lister(ids.data(), static_cast<DWORD>(capacity * sizeof(DWORD)), &bytes));
+    EXPECT_EQ(bytes % sizeof(DWORD), 0u);
+    EXPECT_EQ(ids[capacity], 0xabcdefu) << "wrote past the capacity";
+    ids.resize(bytes / sizeof(DWORD));
+    return ids;
+}
+
+bool Has(const std::vector<DWORD>& ids, long pid) {
+    return std::find(ids.begin(), ids.end(), static_cast<DWORD>(pid)) != ids.end();
+}
+
+// A thread that stays alive until the object goes away.
+struct ParkedThread {
+    std::promise<void> stop;
+    std::atomic<pid_t> id{0};
+    std::thread thread{[this] {
+        id = tvtest::CurrentTid();
+        stop.get_future().wait();
+    }};
+    ParkedThread() {
+        while (id.load() == 0) sched_yield();
+    }
+    ~ParkedThread() {
+        stop.set_value();
+        thread.join();
+    }
+};
+
+TEST(EnumProcesses, ListsProcessesAndNoThreads) {
+    ParkedThread thread;
+    HeldChild shell("/bin/sh -c \"read x\"");
+    HeldChild twin(proctest::SelfExe() + " --tv-child held_stdin");
+    ASSERT_NE(shell.handle(), nullptr);
+    ASSERT_NE(twin.handle(), nullptr);
+
+    std::vector<DWORD> precise = List(EnumProcesses);
+    EXPECT_TRUE(Has(precise, getpid()));
+    EXPECT_TRUE(Has(precise, shell.pid()));
+    EXPECT_TRUE(Has(precise, twin.pid()));
+    EXPECT_FALSE(Has(precise, thread.id.load()));
+    EXPECT_EQ(bDumbProcfs, 0);
+
+    // A name with blanks and parentheses shifts nothing.
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    pid_t named = fork();
+    if (named == 0) {
+        char c;
+        prctl(PR_SET_NAME, "my worker (x)");
+        close(gate[1]);
+        _exit(static_cast<int>(read(gate[0], &c, 1)));
+    }
+    close(gate[0]);
+    while (GetProcessName(named, FALSE) != CKWString("my worker (x)")) sched_yield();
+    EXPECT_TRUE(Has(List(EnumProcesses), named));
+    close(gate[1]);
+    EXPECT_EQ(tvtest::WaitChild(named), 0);
+
+    // The fall-back takes a child named like its parent for a thread.
+    std::vector<DWORD> dumb = List(DumbEnumProcesses);
+    EXPECT_TRUE(Has(dumb, getpid()));
+    EXPECT_TRUE(Has(dumb, shell.pid()));
+    EXPECT_FALSE(Has(dumb, twin.pid()));
+    EXPECT_FALSE(Has(dumb, thread.id.load()));
+    EXPECT_FALSE(Has(dumb, 1)) << "the first process has parent 0 and is never listed";
+    EXPECT_TRUE(std::is_sorted(dumb.begin(), dumb.end()));
+}
+
+TEST(EnumProcesses, EveryEntryReadCountsAgainstTheCapacity) {
+    // "." and ".." and the named entries of /proc come before the processes,
+    // so a small capacity yields no ids however few processes exist.
+    for (BOOL (*lister)(DWORD*, DWORD, DWORD*) : {EnumProcesses, DumbEnumProcesses}) {
+        EXPECT_TRUE(List(lister, 0).empty());
+        EXPECT_TRUE(List(lister, 2).empty());
+    }
+    // A byte count that is not a multiple of 8 is rounded down.
+    DWORD ids[2] = {0, 0xabcdef};
+    DWORD bytes = 1;
+    EXPECT_TRUE(EnumProcesses(ids, 15, &bytes));
+    EXPECT_EQ(bytes, 0u);
+    EXPECT_EQ(ids[1], 0xabcdefu);
+}
+
+TEST(ProcessNames, InstanceNameFromDirectoryOrCommandLine) {
+    HeldChild server(proctest::SelfExe() + " --tv-child held_stdin /srv/https-inst1/config");
+    ASSERT_NE(server.handle(), nullptr);
+    EXPECT_EQ(std::string(GetProcessInstanceName(server.pid()).c_str()), "https-inst1");
+    HeldChild plain(proctest::SelfExe() + " --tv-child held_stdin /srv/other/config");
+    EXPECT_TRUE(GetProcessInstanceName(plain.pid()).empty());
+
+    tvtest::TempDir dir;
+    const std::string inside = dir.path() + "/https-web7";
+    ASSERT_EQ(mkdir(inside.c_str(), 0700), 0);
+    char saved[4096];
+    ASSERT_NE(getcwd(saved, sizeof saved), nullptr);
+    ASSERT_EQ(chdir(inside.c_str()), 0);
+    std::string own = GetProcessInstanceName(0).c_str();
+    ASSERT_EQ(chdir(saved), 0);
+    EXPECT_EQ(own, "https-web7");
+}
+
+TEST(ProcessNames, ExecutableCommandAndModuleFileNames) {
+    EXPECT_EQ(std::string(GetProcessName(getpid(), 1).c_str()), proctest::SelfExe());
+    std::string comm = tvtest::ReadFile("/proc/self/comm");
+    comm.pop_back();  // the newline
+    EXPECT_EQ(std::string(GetProcessName(getpid(), 0).c_str()), comm);
+    EXPECT_TRUE(GetProcessName(0x7ffffff0, 1).empty());
+    EXPECT_TRUE(GetProcessName(0x7ffffff0, 0).empty());
+
+    HeldChild shell("/bin/sh -c \"read x\"");
+    ASSERT_NE(shell.handle(), nullptr);
+    char real[4096];
+    ASSERT_NE(realpath("/bin/sh", real), nullptr);
+    EXPECT_EQ(std::string(GetProcessName(shell.pid(), 1).c_str()), real);
+    char buf[4096];
+    EXPECT_EQ(GetModuleFileNameEx(shell.handle(), nullptr, buf, sizeof buf), strlen(real));
+    EXPECT_STREQ(buf, real);
+
+    const std::string self = proctest::SelfExe();
+    EXPECT_EQ(GetModuleFileName(nullptr, buf, sizeof buf), self.size());
+    EXPECT_EQ(self, buf);
+
+    char small[8];
+    memset(small, 'Z', sizeof small);
+    DWORD n = GetModuleFileName(nullptr, small, 5);
+    EXPECT_EQ(n, 4u);
+    EXPECT_EQ(std::string(small), self.substr(0, 4));
+    EXPECT_EQ(small[5], 'Z');
+    EXPECT_EQ(GetModuleFileName(nullptr, small, 0), 0u);
+    EXPECT_EQ(small[5], 'Z');
+
+    void* libc = dlopen("libc.so.6", RTLD_LAZY | RTLD_NOLOAD);
+    ASSERT_NE(libc, nullptr);
+    n = GetModuleFileName(libc, buf, sizeof buf);
+    EXPECT_GT(n, 0u);
+    EXPECT_NE(std::string(buf).find("libc"), std::string::npos) << buf;
+    n = GetModuleFileName(libc, small, 3);
+    EXPECT_EQ(n, 2u);
+    EXPECT_EQ(small[5], 'Z');
+    dlclose(libc);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include <tvcommonutil.h>
 
@@ -13,23 +12,16 @@ namespace {
 constexpr int kItems = 100000;
 
 struct PoolRun {
-    std::unique_ptr<std::atomic<int>[]> hits { new std::atomic<int>[ kItems ] };
-    std::atomic<int> total{0};
-    std::atomic<int> inFlight{0};
-    std::atomic<int> maxInFlight{0};
-    std::atomic<int> created{0};
+    std::unique_ptr<std::atomic<int>[]> hits { new std::atomic<int>[ kItems ]() };
+    std::atomic<int> total{0}, inFlight{0}, maxInFlight{0}, created{0};
     Handle* done = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    PoolRun() {
-        for (int i = 0; i < kItems; ++i) hits[i] = 0;
-    }
     ~PoolRun() { CloseHandle(done); }
-};
-PoolRun* run = nullptr;
+} * run;
 
 void Consume(void* item) {
     int now = ++run->inFlight;
-    int seen = run->maxInFlight;
-    while (now > seen && !run->maxInFlight.compare_exchange_weak(seen, now)) {
+    for (int seen = run->maxInFlight; now > seen;) {
+        if (run->maxInFlight.compare_exchange_weak(seen, now)) break;
     }
     ++run->hits[reinterpret_cast<uintptr_t>(item)];
     --run->inFlight;
@@ -37,9 +29,9 @@ void Consume(void* item) {
 }
 
 bool Creator(TvThreadPool::Routine routine, void* arg) {
-    if (!TvThreadPool::DefaultCreator(routine, arg)) return false;
-    ++run->created;
-    return true;
+    const bool ok = TvThreadPool::DefaultCreator(routine, arg);
+    if (ok) ++run->created;
+    return ok;
 }
 
 }  // namespace
@@ -62,7 +54,6 @@ TEST(ThreadPoolConcurrency, EveryItemRunsExactlyOnce) {
         ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObjectEx(r.done, 300000, FALSE));
         pool.Shutdown();
     }
-    EXPECT_EQ(kItems, r.total.load());
     int wrong = 0;
     for (int i = 0; i < kItems; ++i) wrong += r.hits[i].load() != 1;
     EXPECT_EQ(0, wrong);
