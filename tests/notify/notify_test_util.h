@@ -1,20 +1,19 @@
 // Helpers for the change notification tests: reading collected record
-// buffers by their byte layout, arming handles, and a watcher thread object
-// whose sleep the test controls.
+// buffers by their byte layout, printing them, and arming handles.
 #ifndef TV_TESTS_NOTIFY_TEST_UTIL_H
 #define TV_TESTS_NOTIFY_TEST_UTIL_H
 
 #include <fcntl.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "test_support.h"
 #include "tvcommonutil/notify.h"
 
 namespace notifytest {
@@ -36,53 +35,71 @@ inline uint64_t GetLE(const unsigned char* p, int bytes) {
     return v;
 }
 
-// Walks the records by their next-offsets; checks that they tile `total`.
+// Walks the records by their next-offsets; empty unless they tile `total`.
 inline std::vector<Record> Parse(const void* buffer, unsigned long total) {
     std::vector<Record> out;
-    if (total == 0) return out;
     const unsigned char* base = static_cast<const unsigned char*>(buffer);
-    unsigned long off = 0;
-    for (;;) {
+    for (unsigned long off = 0; off < total;) {
         const unsigned char* p = base + off;
-        Record r;
-        r.next = GetLE(p, 8);
-        r.action = GetLE(p + 8, 8);
-        r.nameLength = static_cast<int32_t>(GetLE(p + 16, 4));
-        r.attributes = GetLE(p + 24, 8);
-        r.time = GetLE(p + 64, 8);
-        r.timeRest = GetLE(p + 72, 8);
-        r.size = GetLE(p + 80, 8);
-        r.name.assign(reinterpret_cast<const char*>(p + 88), static_cast<size_t>(r.nameLength));
+        Record r{GetLE(p, 8),
+                 GetLE(p + 8, 8),
+                 static_cast<int32_t>(GetLE(p + 16, 4)),
+                 GetLE(p + 24, 8),
+                 GetLE(p + 64, 8),
+                 GetLE(p + 72, 8),
+                 GetLE(p + 80, 8),
+                 std::string(reinterpret_cast<const char*>(p + 88),
+                             static_cast<size_t>(GetLE(p + 16, 4)))};
         out.push_back(r);
         if (r.next == 0) {
-            if (off + NotifyRecordLength(r.nameLength) != total) out.clear();
-            return out;
+            if (off + NotifyRecordLength(r.nameLength) == total) return out;
+            break;
         }
         off += r.next;
-        if (off >= total) {
-            out.clear();
-            return out;
-        }
     }
+    out.clear();
+    return out;
 }
 
-inline uint64_t FileTimeOf(time_t t) {
-    return (static_cast<uint64_t>(t) + 11644473600ULL) * 10000000ULL;
-}
-
-inline time_t MTime(const std::string& path) {
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0 ? st.st_mtime : 0;
-}
-
-// Sets a file's modification time (seconds).
+// Sets a file's (or link's) modification time, in seconds.
 inline void SetMTime(const std::string& path, time_t t) {
-    struct timespec ts[2];
-    ts[0].tv_sec = t;
-    ts[0].tv_nsec = 0;
-    ts[1].tv_sec = t;
-    ts[1].tv_nsec = 0;
+    struct timespec ts[2] = {{t, 0}, {t, 0}};
     utimensat(AT_FDCWD, path.c_str(), ts, AT_SYMLINK_NOFOLLOW);
+}
+
+// Writes a file and gives it a fixed modification time.
+inline void Put(const std::string& path, const std::string& text, time_t t) {
+    tvtest::WriteFile(path, text);
+    SetMTime(path, t);
+}
+
+// One line per record: action, name, name length, attributes (hex), time
+// in seconds since 1970 (-1 when not a whole second since 1601, "+" after
+// it when the second half is not zero), size. With `root`, the size of an
+// added directory that matches lstat of root + name reads "=", as
+// directory sizes depend on the file system.
+inline std::string Text(const std::vector<Record>& rs, const std::string& root = "") {
+    std::string out;
+    for (const Record& r : rs) {
+        const long long t = r.time == 0 ? 0
+                            : r.time % 10000000 != 0
+                                ? -1
+                                : static_cast<long long>(r.time / 10000000) - 11644473600LL;
+        std::string size = std::to_string(r.size);
+        struct stat st;
+        if (!root.empty() && r.attributes == 0x100 && r.action == 1 &&
+            lstat((root + r.name).c_str(), &st) == 0 &&
+            static_cast<uint64_t>(st.st_size) == r.size) {
+            size = "=";
+        }
+        char line[512];
+        snprintf(line, sizeof line, "%llu %s %d %llx %lld%s %s\n",
+                 static_cast<unsigned long long>(r.action), r.name.c_str(), r.nameLength,
+                 static_cast<unsigned long long>(r.attributes), t, r.timeRest ? "+" : "",
+                 size.c_str());
+        out += line;
+    }
+    return out;
 }
 
 // An armed handle with its caller-side buffer variable (new[]-allocated, as
@@ -107,64 +124,6 @@ struct Armed {
         return r;
     }
     void Scan() { UnixDirScan(h->GetWatchDir(), h, nullptr); }
-};
-
-// A watcher thread object that runs one pass per Step() and records the
-// period it was asked to sleep for.
-class SteppedWatcher : public WatchDirsThreadObject {
-public:
-    unsigned long TimedWait(unsigned long ms, int, WatchDirsThreadObject*) override {
-        std::unique_lock<std::mutex> l(m_);
-        periods_.push_back(ms);
-        ++passes_;
-        cv_.notify_all();
-        cv_.wait(l, [&] { return go_ > 0 || stop_; });
-        if (go_ > 0) --go_;
-        return WAIT_OBJECT_0;
-    }
-    int StopRequested(int) override {
-        std::lock_guard<std::mutex> l(m_);
-        return stop_ ? 1 : 0;
-    }
-    void Exit() override {
-        std::lock_guard<std::mutex> l(m_);
-        exited_ = true;
-    }
-    // Waits until `n` passes have completed.
-    void WaitPasses(int n) {
-        std::unique_lock<std::mutex> l(m_);
-        cv_.wait(l, [&] { return passes_ >= n; });
-    }
-    // Runs one more pass and waits for it to complete.
-    void Step() {
-        std::unique_lock<std::mutex> l(m_);
-        const int target = passes_ + 1;
-        ++go_;
-        cv_.notify_all();
-        cv_.wait(l, [&] { return passes_ >= target; });
-    }
-    void Stop() {
-        std::lock_guard<std::mutex> l(m_);
-        stop_ = true;
-        cv_.notify_all();
-    }
-    std::vector<unsigned long> Periods() {
-        std::lock_guard<std::mutex> l(m_);
-        return periods_;
-    }
-    bool Exited() {
-        std::lock_guard<std::mutex> l(m_);
-        return exited_;
-    }
-
-private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    std::vector<unsigned long> periods_;
-    int passes_ = 0;
-    int go_ = 0;
-    bool stop_ = false;
-    bool exited_ = false;
 };
 
 }  // namespace notifytest
