@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -150,7 +148,18 @@ const Case kCases[] = {
     {"names are cut by the watched string as given",
      nullptr,
      false,
-     {{[](Watched& w) { Put(w.P("a"), "", 1000); }, 0x1f, "1 /a 2 80 1000 0\n"}}},
+     {{[](Watched& w) { Put(w.P("a"), "", 1000); }, 0x1f, "1 /a 2 80 1000 0\n",
+       [](Watched& w) {
+           // The watched path and the scanned one are two entries; the
+           // first stays empty.
+           auto bare = FindDirEntry(w.dir), slashed = FindDirEntry(w.dir + "/");
+           ASSERT_NE(bare, Dir_Data().end());
+           ASSERT_NE(slashed, Dir_Data().end());
+           EXPECT_TRUE(bare->second.files.empty());
+           EXPECT_EQ(1u, slashed->second.files.size());
+           EXPECT_STREQ(w.dir.c_str(), bare->second.lock.GetLockName());
+           EXPECT_STREQ((w.dir + "/").c_str(), slashed->second.lock.GetLockName());
+       }}}},
     {"attribute changes: files give records, directories only the flags",
      [](Watched& w) {
          mkdir(w.P("s").c_str(), 0700);
@@ -210,30 +219,11 @@ TEST(DirScan, ServerSkipsPrivateFilesAndBusyDirectories) {
     // A directory whose entry lock is held elsewhere is skipped this pass.
     auto e = FindDirEntry(w.dir + "/");
     ASSERT_NE(e, Dir_Data().end());
-    std::mutex m;
-    std::condition_variable cv;
-    int phase = 0;
-    std::thread holder([&] {
-        e->second.lock.WriteLock();
-        std::unique_lock<std::mutex> l(m);
-        phase = 1;
-        cv.notify_all();
-        cv.wait(l, [&] { return phase == 2; });
-        e->second.lock.WriteUnlock();
-    });
-    {
-        std::unique_lock<std::mutex> l(m);
-        cv.wait(l, [&] { return phase == 1; });
-    }
     Put(w.P("b"), "", 1000);
-    w.a.Scan();
+    e->second.lock.WriteLock();
+    std::thread([&] { w.a.Scan(); }).join();
+    e->second.lock.WriteUnlock();
     EXPECT_EQ("", Text(w.a.Collect()));
-    {
-        std::lock_guard<std::mutex> l(m);
-        phase = 2;
-        cv.notify_all();
-    }
-    holder.join();
     w.a.Scan();
     EXPECT_EQ("1 b 1 80 1000 0\n", Text(w.a.Collect()));
 }

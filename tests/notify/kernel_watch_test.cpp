@@ -6,15 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "notify/testing.h"
+#include "notify/watch_table.h"
 #include "notify_test_util.h"
 #include "test_support.h"
 #include "tvcommonutil/notify.h"
@@ -25,40 +24,12 @@ using notifytest::Text;
 
 namespace {
 
-// Sleeps an hour between polls (so only the kernel can wake it in time),
-// and parks before a sleep while the test holds it.
+// Polls once an hour: only the kernel wakes it in time.
 class KernelWoken : public WatchDirsThreadObject {
 public:
-    explicit KernelWoken(unsigned long period = 3600000) : period_(period) {}
-    unsigned long TimedWait(unsigned long ms, int flags, WatchDirsThreadObject* self) override {
-        {
-            std::unique_lock<std::mutex> l(m_);
-            parked_ = true;
-            cv_.notify_all();
-            cv_.wait(l, [&] { return !hold_; });
-            parked_ = false;
-        }
-        return WatchDirsThreadObject::TimedWait(period_ ? period_ : ms, flags, self);
+    unsigned long TimedWait(unsigned long, int flags, WatchDirsThreadObject* self) override {
+        return WatchDirsThreadObject::TimedWait(3600000, flags, self);
     }
-    // Holds the loop before its next sleep and waits until it got there.
-    void Hold() {
-        std::unique_lock<std::mutex> l(m_);
-        hold_ = true;
-        Wake();
-        cv_.wait(l, [&] { return parked_; });
-    }
-    void Release() {
-        std::lock_guard<std::mutex> l(m_);
-        hold_ = false;
-        cv_.notify_all();
-    }
-
-private:
-    const unsigned long period_;
-    std::mutex m_;
-    std::condition_variable cv_;
-    bool hold_ = false;
-    bool parked_ = false;
 };
 
 // A handle armed on "<root>/" in a port, and the watcher loop running.
@@ -67,17 +38,16 @@ struct Watching {
     ChangeNotificationHandle* h;
     void* buffer = nullptr;
     Handle* port;
-    KernelWoken& loop;
+    WatchDirsThreadObject& loop;
     std::thread thread;
 
-    Watching(const std::string& dir, KernelWoken& l)
+    Watching(const std::string& dir, WatchDirsThreadObject& l)
         : root(dir + "/"), h(new ChangeNotificationHandle(root.c_str(), 1, 0)), loop(l) {
         thread = std::thread([this] { WatchDirsThread(&loop); });
         Arm();
         port = CreateIoCompletionPort(h, nullptr, 1, 0);
     }
     ~Watching() {
-        loop.Release();
         loop.RequestStop();
         thread.join();
         bFileShutdownRequested = false;
@@ -164,6 +134,7 @@ std::string MakeTree(const std::string& dir) {
     mkdir((root + "sub").c_str(), 0755);
     mkdir((root + "sub/deep").c_str(), 0755);
     Put(root + "keep", "k", 100);
+    Put(root + "flood", "", 100);
     Put(root + "sub/s1", "s1", 100);
     return root;
 }
@@ -206,48 +177,33 @@ TEST(KernelWatch, RecordsEqualThoseOfAPollingScan) {
     EXPECT_GT(tv::notifytesting::KernelWatchCount(), 0);
 }
 
-TEST(KernelWatch, DirectoryBeyondTheWatchLimitIsPolled) {
-    tvtest::TempDir tmp;
-    const std::string root = MakeTree(tmp.path() + "/t");
-    tv::notifytesting::SetKernelWatchLimit(1);
-    KernelWoken loop(0);  // the loop's own period, 4000 ms
-    {
-        Watching w(tmp.path() + "/t/tree", loop);
-        // Only the root is watched: a change below is found by a pass the
-        // kernel did not ask for (at the latest the 4000 ms period)...
-        Drop(tmp.path() + "/t/stage/x", root + "sub/deep/x", "x", 1000);
-        auto some = [](const std::string& t) { return !t.empty(); };
-        EXPECT_EQ("1 sub/deep/x 10 80 1000 1\n", w.Collect(some));
-        // ...and one in the root as soon as it is reported.
-        Drop(tmp.path() + "/t/stage/y", root + "y", "y", 1000);
-        EXPECT_EQ("1 y 1 80 1000 1\n", w.Collect(some));
-        EXPECT_EQ(1, tv::notifytesting::KernelWatchCount());
-    }
-    tv::notifytesting::SetKernelWatchLimit(-1);
-}
-
-TEST(KernelWatch, OverflowStillReportsEveryChange) {
+// Past the watch limit (capped here at two: the root and "sub"), "sub/deep"
+// is polled; a flood of reports overflows the queue, yet every change comes.
+TEST(KernelWatch, PastTheLimitPolledAndNothingLostToOverflow) {
     long queue = 0;
     std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> queue;
     if (queue <= 0 || queue > 1000000) GTEST_SKIP() << "queue length " << queue;
     tvtest::TempDir tmp;
-    const std::string root = MakeTree(tmp.path() + "/t");
-    const std::string stage = tmp.path() + "/t/stage/";
-    KernelWoken loop;
+    const std::string root = MakeTree(tmp.path() + "/t"), stage = tmp.path() + "/t/stage/";
+    tv::notifytesting::SetKernelWatchLimit(2);
+    WatchDirsThreadObject loop;  // polls every 4000 ms
     Watching w(tmp.path() + "/t/tree", loop);
-    // Watches are in place once a change is reported.
-    Drop(stage + "first", root + "first", "", 1000);
-    w.Collect([](const std::string& t) { return !t.empty(); });
+    // Found by a pass no kernel report asked for (the period at the latest).
+    Drop(stage + "x", root + "sub/deep/x", "x", 1000);
+    EXPECT_EQ("1 sub/deep/x 10 80 1000 1\n",
+              w.Collect([](const std::string& t) { return !t.empty(); }));
+    EXPECT_EQ(2, tv::notifytesting::KernelWatchCount());
 
-    // With the loop held, more reports than the queue keeps, then changes
-    // whose reports are lost.
-    loop.Hold();
-    for (long i = 0; i <= queue; ++i) SetMTime(root + (i % 2 ? "keep" : "sub/s1"), 2000 + i);
-    Drop(stage + "late", root + "sub/deep/late", "", 1000);
-    unlink((root + "first").c_str());
-    loop.Release();
-    const char* want[] = {"3 keep 4 80 ", "3 sub/s1 6 80 ", "1 sub/deep/late 13 80 1000 0\n",
-                          "2 first 5 80 0 0\n"};
+    // With the loop held (it drains under the scan lock), more reports than
+    // the queue keeps, then changes whose reports are lost. Watched
+    // directories are not polled: only the overflow brings these.
+    tv::detail::DirScan_lock().Lock();
+    for (long i = 0; i <= queue; ++i) SetMTime(root + (i % 2 ? "keep" : "flood"), 2000 + i);
+    Drop(stage + "late", root + "sub/late", "", 1000);
+    unlink((root + "sub/deep/x").c_str());
+    tv::detail::DirScan_lock().Unlock();
+    const char* want[] = {"3 keep 4 80 ", "3 flood 5 80 ", "1 sub/late 8 80 1000 0\n",
+                          "2 sub/deep/x 10 80 0 0\n"};
     const std::string got = w.Collect([&](const std::string& t) {
         for (const char* line : want) {
             if (t.find(line) == std::string::npos) return false;
@@ -255,4 +211,5 @@ TEST(KernelWatch, OverflowStillReportsEveryChange) {
         return true;
     });
     for (const char* line : want) EXPECT_NE(std::string::npos, got.find(line)) << line << got;
+    tv::notifytesting::SetKernelWatchLimit(-1);
 }
