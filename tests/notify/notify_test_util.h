@@ -4,61 +4,56 @@
 #define TV_TESTS_NOTIFY_TEST_UTIL_H
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "test_support.h"
+#include "thread_probe.h"
 #include "tvcommonutil/notify.h"
 
 namespace notifytest {
 
-struct Record {
-    uint64_t next;
-    uint64_t action;
-    int32_t nameLength;
-    uint64_t attributes;
-    uint64_t time;
-    uint64_t timeRest;
-    uint64_t size;
-    std::string name;
-};
-
-inline uint64_t GetLE(const unsigned char* p, int bytes) {
-    uint64_t v = 0;
-    for (int i = bytes - 1; i >= 0; --i) v = (v << 8) | p[i];
-    return v;
-}
-
-// Walks the records by their next-offsets; empty unless they tile `total`.
-inline std::vector<Record> Parse(const void* buffer, unsigned long total) {
-    std::vector<Record> out;
-    const unsigned char* base = static_cast<const unsigned char*>(buffer);
+// A collected buffer as text, one line per record laid over it as callers
+// read it: action, name, name length, attributes (hex), time in seconds
+// since 1970 (-1 when not a whole second since 1601, "+" after it when the
+// second half is not zero), size. With `root`, the size of an added
+// directory that matches lstat of root + name reads "=", as directory sizes
+// depend on the file system. "bad layout" unless the records tile `total`.
+inline std::string Text(const void* buffer, unsigned long total, const std::string& root = "") {
+    std::string out;
     for (unsigned long off = 0; off < total;) {
-        const unsigned char* p = base + off;
-        Record r{GetLE(p, 8),
-                 GetLE(p + 8, 8),
-                 static_cast<int32_t>(GetLE(p + 16, 4)),
-                 GetLE(p + 24, 8),
-                 GetLE(p + 64, 8),
-                 GetLE(p + 72, 8),
-                 GetLE(p + 80, 8),
-                 std::string(reinterpret_cast<const char*>(p + 88),
-                             static_cast<size_t>(GetLE(p + 16, 4)))};
-        out.push_back(r);
-        if (r.next == 0) {
-            if (off + NotifyRecordLength(r.nameLength) == total) return out;
-            break;
+        const auto* r =
+            reinterpret_cast<const NOTIFY_RECORD*>(static_cast<const char*>(buffer) + off);
+        const std::string name(r->FileName(), static_cast<size_t>(r->FileNameLength));
+        const unsigned long long ft = r->LastWriteTime[0];
+        const long long t = ft == 0 ? 0 : ft % 10000000 ? -1 : ft / 10000000 - 11644473600LL;
+        std::string size = std::to_string(r->Size);
+        struct stat st;
+        if (!root.empty() && r->Attributes == 0x100 && r->Action == 1 &&
+            lstat((root + name).c_str(), &st) == 0 &&
+            static_cast<unsigned long>(st.st_size) == r->Size) {
+            size = "=";
         }
-        off += r.next;
+        char line[512];
+        snprintf(line, sizeof line, "%lu %s %d %lx %lld%s %s\n", r->Action, name.c_str(),
+                 r->FileNameLength, r->Attributes, t, r->LastWriteTime[1] ? "+" : "", size.c_str());
+        out += line;
+        if (r->NextEntryOffset == 0) {
+            return off + NotifyRecordLength(r->FileNameLength) == total ? out : "bad layout";
+        }
+        off += r->NextEntryOffset;
     }
-    out.clear();
-    return out;
+    return total == 0 ? out : "bad layout";
 }
 
 // Sets a file's (or link's) modification time, in seconds.
@@ -73,35 +68,6 @@ inline void Put(const std::string& path, const std::string& text, time_t t) {
     SetMTime(path, t);
 }
 
-// One line per record: action, name, name length, attributes (hex), time
-// in seconds since 1970 (-1 when not a whole second since 1601, "+" after
-// it when the second half is not zero), size. With `root`, the size of an
-// added directory that matches lstat of root + name reads "=", as
-// directory sizes depend on the file system.
-inline std::string Text(const std::vector<Record>& rs, const std::string& root = "") {
-    std::string out;
-    for (const Record& r : rs) {
-        const long long t = r.time == 0 ? 0
-                            : r.time % 10000000 != 0
-                                ? -1
-                                : static_cast<long long>(r.time / 10000000) - 11644473600LL;
-        std::string size = std::to_string(r.size);
-        struct stat st;
-        if (!root.empty() && r.attributes == 0x100 && r.action == 1 &&
-            lstat((root + r.name).c_str(), &st) == 0 &&
-            static_cast<uint64_t>(st.st_size) == r.size) {
-            size = "=";
-        }
-        char line[512];
-        snprintf(line, sizeof line, "%llu %s %d %llx %lld%s %s\n",
-                 static_cast<unsigned long long>(r.action), r.name.c_str(), r.nameLength,
-                 static_cast<unsigned long long>(r.attributes), t, r.timeRest ? "+" : "",
-                 size.c_str());
-        out += line;
-    }
-    return out;
-}
-
 // An armed handle with its caller-side buffer variable (new[]-allocated, as
 // the library requires).
 struct Armed {
@@ -114,17 +80,33 @@ struct Armed {
         if (buffer == nullptr && length > 0) buffer = new char[length];
         return ReadDirectoryChanges(h, &buffer, length, 1, filter, nullptr, nullptr, nullptr);
     }
-    // Collects through GetOverlappedResult and re-arms with the same filter.
-    std::vector<Record> Collect(unsigned long rearmFilter = 0x1f) {
+    // Collects through GetOverlappedResult (as Text) and re-arms.
+    std::string Collect(const std::string& root = "") {
         unsigned long bytes = 12345;
-        std::vector<Record> r;
-        if (GetOverlappedResult(h, nullptr, &bytes, 0) != 1) return r;
-        r = Parse(buffer, bytes);
-        Arm(rearmFilter);
-        return r;
+        if (GetOverlappedResult(h, nullptr, &bytes, 0) != 1) return "not collected";
+        const std::string text = Text(buffer, bytes, root);
+        Arm(0x1f);
+        return text;
     }
     void Scan() { UnixDirScan(h->GetWatchDir(), h, nullptr); }
 };
+
+// Runs `wait` on a thread and `wake` once that thread sleeps; returns what
+// `wait` returned.
+template <class T>
+T WokenBy(const std::function<T()>& wait, const std::function<void()>& wake) {
+    std::atomic<pid_t> tid{0};
+    T result{};
+    std::thread waiter([&] {
+        tid = tvtest::CurrentTid();
+        result = wait();
+    });
+    while (tid == 0) std::this_thread::yield();
+    EXPECT_TRUE(tvtest::WaitUntilSleeping(tid));
+    wake();
+    waiter.join();
+    return result;
+}
 
 }  // namespace notifytest
 

@@ -1,21 +1,13 @@
 // The watch table: registration order, entry keys, purging, the dump.
-#include <gtest/gtest.h>
-#include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "notify/watch_table.h"
 #include "notify_test_util.h"
-#include "test_support.h"
-#include "tvcommonutil/notify.h"
 
-using tv::detail::Dir_Data;
-using tv::detail::FindDirEntry;
+using namespace tv::detail;
 
 namespace {
 
