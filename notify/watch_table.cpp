@@ -11,6 +11,7 @@
 #include <new>
 #include <string>
 
+#include "notify/kernel_watch.h"
 #include "notify/watch_table.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/notify.h"
@@ -118,7 +119,8 @@ DIR_ENTRY::DIR_ENTRY(const DIR_ENTRY& other)
       replTo(other.replTo),
       replFrom(other.replFrom),
       flags(other.flags),
-      note(other.note) {}
+      note(other.note),
+      walk(other.walk) {}
 
 DirDataMap::iterator FindDirEntry(std::string_view key) {
     ReadHolder hold(Dir_Data_lock());
@@ -174,6 +176,7 @@ void Purge_Dir_Entry(DirDataMap::iterator it) {
         e.files.erase(cur);
     }
     entry.Release();
+    KernelWatchForget(it->first.str());
     Dir_Data().erase(it);
 }
 
@@ -197,15 +200,20 @@ void WatchDir(CKWString path, ChangeNotificationHandle* handle) {
         tv::detail::AddDirEntry(path, 0, 0, inserted);
     }
     if (handle == nullptr) return;
-    tv::detail::WriteHolder hold(CNH_lock());
-    tv::detail::CNHList& list = CNH_list();
-    for (auto it = list.begin(); it != list.end(); ++it) {
-        if ((*it)->GetWatchDir() == handle->GetWatchDir()) {
+    {
+        tv::detail::WriteHolder hold(CNH_lock());
+        tv::detail::CNHList& list = CNH_list();
+        auto it = list.begin();
+        while (it != list.end() && (*it)->GetWatchDir() != handle->GetWatchDir()) ++it;
+        if (it == list.end()) {
+            list.push_front(handle);
+        } else {
             list.insert(std::next(it), handle);
-            return;
         }
     }
-    list.push_front(handle);
+    // A running watcher takes the new directory into its watches at once
+    // rather than at its next polling period.
+    tv::detail::KernelWatchKick();
 }
 
 bool InUnixDirScan() {

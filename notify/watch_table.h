@@ -11,6 +11,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/notify.h"
@@ -68,6 +69,9 @@ struct DIR_ENTRY {
     unsigned long replFrom;
     unsigned long flags;
     CKWString note;
+    // The names the last read of this directory walked into, in the order
+    // it did: a pass that need not read the directory walks the same way.
+    std::vector<std::string> walk;
 };
 
 typedef std::map<CKWString, DIR_ENTRY, PathLess> DirDataMap;

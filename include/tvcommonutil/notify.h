@@ -1,10 +1,14 @@
 // Directory watch table, WatchDirsThread, change notification handles, completion ports.
 //
-// Change notification is done by polling: a watcher thread (WatchDirsThread,
-// started by the embedding server) periodically rescans every watched tree,
-// compares it with a process-wide snapshot, queues records on the handle that
-// asked and signals it. Callers arm a handle with ReadDirectoryChanges and
-// collect the records with GetQueuedCompletionStatus or GetOverlappedResult.
+// A watcher thread (WatchDirsThread, started by the embedding server) scans
+// the watched trees, compares them with a process-wide snapshot, queues
+// records on the handle that asked and signals it. The kernel (inotify)
+// wakes it as soon as a watched directory changes, and it then reads only the
+// directories that changed; it also polls periodically, which is all it does
+// where the kernel cannot report (no inotify, watch limit reached, network
+// file systems). Either way the records are those a full scan would give.
+// Callers arm a handle with ReadDirectoryChanges and collect the records with
+// GetQueuedCompletionStatus or GetOverlappedResult.
 #ifndef TVCOMMONUTIL_NOTIFY_H
 #define TVCOMMONUTIL_NOTIFY_H
 
@@ -252,8 +256,10 @@ TV_API void UnixDirScan(CKWString path, ChangeNotificationHandle* handle,
                         DirDeviceCheck deviceCheck);
 
 // What WatchDirsThread needs from the thread that runs it. The defaults give
-// a stop flag, an interruptible sleep and no device check; a server
-// overrides what it needs. Thread-safe.
+// a stop flag, a sleep that kernel change reports, Wake and RequestStop
+// interrupt, and no device check; a server overrides what it needs (a
+// TimedWait override that does not call this one is woken only by its own
+// means). Thread-safe.
 class TV_API WatchDirsThreadObject {
 public:
     explicit WatchDirsThreadObject(DirDeviceCheck deviceCheck = 0);
@@ -265,7 +271,8 @@ public:
     virtual int StopRequested(int arg);
     // Called once, when the loop ends.
     virtual void Exit();
-    // The sleep between passes: (period in ms, 0, this object).
+    // The sleep between passes: (period in ms, 0, this object). WAIT_TIMEOUT
+    // when the period ran out, else WAIT_OBJECT_0.
     virtual unsigned long TimedWait(unsigned long ms, int flags, WatchDirsThreadObject* self);
     // Handed to every top-level scan.
     virtual DirDeviceCheck GetDeviceCheck();
@@ -276,16 +283,18 @@ public:
     void Wake();
 
 private:
-    Handle* wake_;
+    int wakeFd_;  // an eventfd
     int stop_;
     DirDeviceCheck deviceCheck_;
 };
 
 // The watcher loop; `threadObject` is a WatchDirsThreadObject* (so the
 // routine can be handed to CreateThread). Each pass scans every watched
-// directory once, signals the handles that saw changes, then sleeps for twice
-// the pass time, at least 4000 ms and at most 30000 ms (longer only when one
-// pass took longer than that). Returns 0 once the stop test answers.
+// directory once (reading only what the kernel reported changed, what it does
+// not watch, and what is new), signals the handles that saw changes, then
+// sleeps for twice the pass time, at least 4000 ms and at most 30000 ms
+// (longer only when one pass took longer than that), or until the kernel
+// reports a change. Returns 0 once the stop test answers.
 TV_API DWORD WatchDirsThread(void* threadObject);
 
 // ---------------------------------------------------------------------------

@@ -1,48 +1,25 @@
 // Change notification handles: the collected byte layout, the caller's
 // buffer, arming, waiting and signalling.
 #include <errno.h>
-#include <gtest/gtest.h>
 #include <string.h>
-#include <sys/stat.h>
-
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "notify_test_util.h"
-#include "test_support.h"
-#include "thread_probe.h"
-#include "tvcommonutil/notify.h"
 
-using notifytest::Parse;
-using notifytest::Record;
+using namespace notifytest;
 
 namespace {
 
 _NOTIFY_INFO Info(unsigned long action, const char* name, unsigned long attributes,
                   unsigned long long time, unsigned long size) {
-    _NOTIFY_INFO n;
-    n.action = action;
-    n.name = name;
-    n.attributes = attributes;
-    n.time[0] = time;
-    n.time[1] = 0;
-    n.size = size;
-    return n;
+    return _NOTIFY_INFO{action, name, attributes, {time, 0}, size};
 }
 
+// Bytes from hex digit pairs; blanks are skipped.
 std::vector<unsigned char> Hex(const char* text) {
     std::vector<unsigned char> out;
-    for (const char* p = text; *p;) {
-        if (*p == ' ' || *p == '\n') {
-            ++p;
-            continue;
-        }
-        unsigned v = 0;
-        sscanf(p, "%2x", &v);
+    unsigned v = 0;
+    for (int n = 0; sscanf(text, " %2x%n", &v, &n) == 1; text += n) {
         out.push_back(static_cast<unsigned char>(v));
-        p += 2;
     }
     return out;
 }
@@ -102,10 +79,7 @@ TEST(ChangeNotification, ShortBufferIsReplacedThroughTheCallersPointer) {
     EXPECT_EQ(5u, key);
     EXPECT_EQ(208u, bytes);
     EXPECT_NE(original, buffer);  // the old block went through delete[] (ASan would tell)
-    std::vector<Record> rs = Parse(buffer, bytes);
-    ASSERT_EQ(2u, rs.size());
-    EXPECT_EQ(104u, rs[0].next);
-    EXPECT_EQ("bb", rs[1].name);
+    EXPECT_EQ("1 a 1 80 -1 1\n3 bb 2 80 -1 2\n", Text(buffer, bytes));
 
     // The usable size counts as 0 after a collection: without re-arming, even
     // a small record gets a new block of exactly its length.
@@ -114,7 +88,7 @@ TEST(ChangeNotification, ShortBufferIsReplacedThroughTheCallersPointer) {
     ASSERT_EQ(1, l.h->GetChangeData(&bytes, nullptr));
     EXPECT_EQ(104u, bytes);
     EXPECT_NE(second, buffer);
-    EXPECT_EQ("c", Parse(buffer, bytes).at(0).name);
+    EXPECT_EQ("2 c 1 80 0 0\n", Text(buffer, bytes));
 
     // Nothing queued: total 0, the buffer is not touched.
     void* third = buffer;
@@ -159,7 +133,7 @@ TEST(ChangeNotification, ArmingChecksTheKindAndRegisters) {
     tvtest::TempDir tmp;
     const std::string dir = tmp.path() + "/w/";
     mkdir(dir.c_str(), 0755);
-    tvtest::WriteFile(dir + "old", "");
+    Put(dir + "old", "", 1000);
     Handle* h = FindFirstChangeNotification(dir.c_str(), 1, 0x1f);
     ASSERT_NE(INVALID_HANDLE_VALUE, h);
     EXPECT_EQ(11, h->What());
@@ -172,9 +146,7 @@ TEST(ChangeNotification, ArmingChecksTheKindAndRegisters) {
     UnixDirScan(dir, c, nullptr);
     unsigned long bytes = 0;
     ASSERT_EQ(1, GetOverlappedResult(h, nullptr, &bytes, 0));
-    std::vector<Record> rs = Parse(buffer, bytes);
-    ASSERT_EQ(1u, rs.size());
-    EXPECT_EQ("old", rs[0].name);
+    EXPECT_EQ("1 old 3 80 1000 0\n", Text(buffer, bytes));
     // Re-arming empties anything queued meanwhile.
     c->QueueNotify(Info(1, "stale", 0x80, 0, 0));
     ASSERT_EQ(1, ReadDirectoryChanges(h, &buffer, 0, 1, 0x3, nullptr, nullptr, nullptr));
@@ -194,8 +166,7 @@ TEST(ChangeNotification, WaitAndSignalThroughTheOverlappedEvent) {
     EXPECT_EQ(0, l.h->State());
 
     Handle* ev = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    OVERLAPPED ov;
-    memset(&ov, 0, sizeof ov);
+    OVERLAPPED ov{};
     ov.hEvent = ev;
     void* buffer = nullptr;
     ASSERT_EQ(1, ReadDirectoryChanges(l.h, &buffer, 0, 0, 0x1f, nullptr, &ov, nullptr));
@@ -203,17 +174,9 @@ TEST(ChangeNotification, WaitAndSignalThroughTheOverlappedEvent) {
     CloseHandle(ev);
 
     // A waiter on the handle is released by Signal (which sets the event).
-    std::atomic<pid_t> tid{0};
-    std::atomic<unsigned long> result{12345};
-    std::thread waiter([&] {
-        tid = tvtest::CurrentTid();
-        result = WaitForSingleObject(l.h, 20000);
-    });
-    while (tid == 0) std::this_thread::yield();
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
-    l.h->Signal();
-    waiter.join();
-    EXPECT_EQ(WAIT_OBJECT_0, result.load());
+    EXPECT_EQ(WAIT_OBJECT_0,
+              notifytest::WokenBy<unsigned long>([&] { return WaitForSingleObject(l.h, 20000); },
+                                                 [&] { l.h->Signal(); }));
     // The successful wait reset the manual-reset event.
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(l.h, 200));
     // A handle the scanner marked changed answers at once.

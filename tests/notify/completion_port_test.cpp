@@ -1,17 +1,8 @@
 // Completion ports: member limits, time-outs, postings, and which member a
 // wait answers with.
 #include <errno.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "notify_test_util.h"
-#include "test_support.h"
-#include "thread_probe.h"
-#include "tvcommonutil/notify.h"
 
 namespace {
 
@@ -62,17 +53,9 @@ TEST(CompletionPort, SixtyFourMembersWaitSixtyFiveFail) {
     EXPECT_EQ(0u, bytes);
 
     // A blocked wait is woken by the last member.
-    std::atomic<pid_t> tid{0};
-    std::atomic<unsigned long> got{12345};
-    std::thread waiter([&] {
-        tid = tvtest::CurrentTid();
-        got = port->WaitForHandle(20000, FALSE);
-    });
-    while (tid == 0) std::this_thread::yield();
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
-    p.members[63]->Signal();
-    waiter.join();
-    EXPECT_EQ(63u, got.load());
+    EXPECT_EQ(63u,
+              notifytest::WokenBy<unsigned long>([&] { return port->WaitForHandle(20000, FALSE); },
+                                                 [&] { p.members[63]->Signal(); }));
 
     p.Add(64);
     EXPECT_EQ(WAIT_FAILED, port->WaitForHandle(0, FALSE));
@@ -103,21 +86,15 @@ TEST(CompletionPort, TimeOutsAndPostings) {
     EXPECT_EQ(258, errno);
 
     // A posting while a waiter sleeps ends that wait with the failure too.
-    std::atomic<pid_t> tid{0};
-    std::atomic<int> ok{-1};
-    std::atomic<int> err{0};
-    std::thread waiter([&] {
-        tid = tvtest::CurrentTid();
-        unsigned long b = 0;
-        ok = GetQueuedCompletionStatus(p.port, &b, nullptr, nullptr, 20000);
-        err = errno;
-    });
-    while (tid == 0) std::this_thread::yield();
-    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
-    PostQueuedCompletionStatus(p.port, 0, 0, nullptr);
-    waiter.join();
-    EXPECT_EQ(0, ok.load());
-    EXPECT_EQ(ERROR_INVALID_HANDLE, err.load());
+    EXPECT_EQ(ERROR_INVALID_HANDLE,
+              notifytest::WokenBy<int>(
+                  [&] {
+                      unsigned long b = 0;
+                      return GetQueuedCompletionStatus(p.port, &b, nullptr, nullptr, 20000) == 0
+                                 ? errno
+                                 : -1;
+                  },
+                  [&] { PostQueuedCompletionStatus(p.port, 0, 0, nullptr); }));
 
     // Erase drops a member (first match only, nothing if absent).
     auto* port = static_cast<IoCompletionPort*>(p.port);

@@ -1,43 +1,22 @@
 // End-to-end scans of real directory trees: each change yields exactly the
 // records the scanner promises, read back from the collected byte layout.
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "notify/watch_table.h"
 #include "notify_test_util.h"
-#include "test_support.h"
-#include "tvcommonutil/notify.h"
 
-using notifytest::Armed;
-using notifytest::FileTimeOf;
-using notifytest::MTime;
-using notifytest::Record;
-using tvtest::WriteFile;
+using namespace notifytest;
+using namespace tv::detail;
 
 namespace {
 
-// A watched directory "<tmp>/w" with a handle on "<tmp>/w/", armed with all
-// five filter bits after a silent baseline scan.
+// A watched directory "<tmp>/w" with a handle on "<tmp>/w/" (or "<tmp>/w"),
+// armed with all five filter bits after a silent baseline scan.
 struct Watched {
     tvtest::TempDir tmp;
-    std::string dir;
+    std::string dir = tmp.path() + "/w";
     Armed a;
 
-    explicit Watched(const char* sub = "w") {
-        dir = tmp.path() + "/" + sub;
-        mkdir(dir.c_str(), 0755);
-    }
+    Watched() { mkdir(dir.c_str(), 0755); }
     void Open(const std::string& watch) {
         a.h = new ChangeNotificationHandle(watch.c_str(), 0, 0);
         a.Arm(0x1f);
@@ -48,410 +27,220 @@ struct Watched {
     std::string P(const std::string& name) const { return dir + "/" + name; }
 };
 
-void ExpectRecord(const Record& r, uint64_t action, const std::string& name, uint64_t attributes,
-                  uint64_t size, uint64_t time) {
-    EXPECT_EQ(action, r.action) << name;
-    EXPECT_EQ(name, r.name);
-    EXPECT_EQ(static_cast<int32_t>(name.size()), r.nameLength) << name;
-    EXPECT_EQ(attributes, r.attributes) << name;
-    EXPECT_EQ(size, r.size) << name;
-    EXPECT_EQ(time, r.time) << name;
-    EXPECT_EQ(0u, r.timeRest) << name;
-}
-
-int IndexOf(const std::vector<Record>& rs, const std::string& name) {
-    for (size_t i = 0; i < rs.size(); ++i) {
-        if (rs[i].name == name) return static_cast<int>(i);
-    }
-    return -1;
-}
-
-struct ServerMode {
-    ServerMode() { bRunningInServer = true; }
-    ~ServerMode() { bRunningInServer = false; }
+// One scan: the change made before it, the filter armed for it, the records
+// it must give, and anything else to check before they are collected.
+struct Pass {
+    std::function<void(Watched&)> change;
+    unsigned long filter;
+    const char* want;
+    std::function<void(Watched&)> check = nullptr;
+};
+struct Case {
+    const char* what;
+    std::function<void(Watched&)> before;
+    bool slash;  // the handle watches "w/" rather than "w"
+    std::vector<Pass> passes;
 };
 
-}  // namespace
-
-TEST(DirScan, CreateModifyDeleteByFilter) {
-    Watched w;
-    WriteFile(w.P("old"), "x");
-    w.Open(w.dir + "/");
-    // The baseline scan at arming was silent and nothing changed since.
-    w.a.Scan();
-    EXPECT_TRUE(w.a.Collect().empty());
-
-    WriteFile(w.P("a"), "hello");
-    w.a.Scan();
-    std::vector<Record> rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_ADDED, "a", 0x80, 5, FileTimeOf(MTime(w.P("a"))));
-    EXPECT_EQ(0u, rs[0].next);
-
-    WriteFile(w.P("a"), "hello world");
-    notifytest::SetMTime(w.P("a"), MTime(w.P("a")) + 100);
-    w.a.Scan();
-    rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_MODIFIED, "a", 0x80, 11, FileTimeOf(MTime(w.P("a"))));
-
-    // Size changed, time kept: nothing for a last-write-only filter...
-    const time_t t0 = MTime(w.P("a"));
-    WriteFile(w.P("a"), "short");
-    notifytest::SetMTime(w.P("a"), t0);
-    w.a.Arm(FILE_NOTIFY_CHANGE_LAST_WRITE);
-    w.a.Scan();
-    EXPECT_TRUE(w.a.Collect().empty());
-    // ...but the snapshot kept the old size, so a size filter still sees it.
-    w.a.Arm(FILE_NOTIFY_CHANGE_SIZE);
-    w.a.Scan();
-    rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_MODIFIED, "a", 0x80, 5, FileTimeOf(t0));
-
-    // Removals carry no time and no size.
-    unlink(w.P("a").c_str());
-    w.a.Scan();
-    rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_REMOVED, "a", 0x80, 0, 0);
-
-    // Without bit 0x1 a new file is taken into the snapshot silently.
-    w.a.Arm(FILE_NOTIFY_CHANGE_DIR_NAME);
-    WriteFile(w.P("b"), "b");
-    w.a.Scan();
-    EXPECT_TRUE(w.a.Collect().empty());
-    w.a.Scan();
-    EXPECT_TRUE(w.a.Collect().empty());
+void Rm(const std::string& path) {
+    ASSERT_EQ(0, system(("rm -rf '" + path + "'").c_str()));
 }
 
-TEST(DirScan, SubtreeCreatedFilledAndRemoved) {
-    Watched w;
-    w.Open(w.dir + "/");
-    mkdir(w.P("sub").c_str(), 0755);
-    WriteFile(w.P("sub/f"), "abc");
-    mkdir(w.P("sub/deep").c_str(), 0755);
-    WriteFile(w.P("sub/deep/g"), "");
-    w.a.Scan();
-    std::vector<Record> rs = w.a.Collect();
-    ASSERT_EQ(4u, rs.size());
-    // A subdirectory is walked before its own name is recorded.
-    const int f = IndexOf(rs, "sub/f"), g = IndexOf(rs, "sub/deep/g"),
-              deep = IndexOf(rs, "sub/deep");
-    ASSERT_GE(f, 0);
-    ASSERT_GE(g, 0);
-    ASSERT_GE(deep, 0);
-    EXPECT_LT(g, deep);
-    EXPECT_EQ(3, IndexOf(rs, "sub"));
-    ExpectRecord(rs[f], FILE_ACTION_ADDED, "sub/f", 0x80, 3, FileTimeOf(MTime(w.P("sub/f"))));
-    ExpectRecord(rs[g], FILE_ACTION_ADDED, "sub/deep/g", 0x80, 0,
-                 FileTimeOf(MTime(w.P("sub/deep/g"))));
-    EXPECT_EQ(0x100u, rs[deep].attributes);
-    EXPECT_EQ(0x100u, rs[3].attributes);
-    EXPECT_EQ(FileTimeOf(MTime(w.P("sub"))), rs[3].time);
-    EXPECT_NE(tv::detail::FindDirEntry(w.P("sub/deep/")), tv::detail::Dir_Data().end());
-
-    // Removing the whole subtree reports only its top, and drops the
-    // snapshot of everything below.
-    ASSERT_EQ(0, system(("rm -rf '" + w.P("sub") + "'").c_str()));
-    w.a.Scan();
-    rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_REMOVED, "sub", 0x100, 0, 0);
-    EXPECT_EQ(tv::detail::FindDirEntry(w.P("sub/")), tv::detail::Dir_Data().end());
-    EXPECT_EQ(tv::detail::FindDirEntry(w.P("sub/deep/")), tv::detail::Dir_Data().end());
-}
-
-TEST(DirScan, TypeChangeIsRemovedThenAddedOnTheNextPass) {
-    Watched w;
-    WriteFile(w.P("x"), "file");
-    mkdir(w.P("y").c_str(), 0755);
-    w.Open(w.dir + "/");
-
-    unlink(w.P("x").c_str());
-    mkdir(w.P("x").c_str(), 0755);
-    rmdir(w.P("y").c_str());
-    WriteFile(w.P("y"), "now a file");
-    w.a.Scan();
-    std::vector<Record> rs = w.a.Collect();
-    ASSERT_EQ(2u, rs.size());
-    const int x = IndexOf(rs, "x"), y = IndexOf(rs, "y");
-    ASSERT_GE(x, 0);
-    ASSERT_GE(y, 0);
-    ExpectRecord(rs[x], FILE_ACTION_REMOVED, "x", 0x80, 0, 0);
-    ExpectRecord(rs[y], FILE_ACTION_REMOVED, "y", 0x100, 0, 0);
-
-    w.a.Scan();
-    rs = w.a.Collect();
-    ASSERT_EQ(2u, rs.size());
-    struct stat xs;
-    ASSERT_EQ(0, lstat(w.P("x").c_str(), &xs));
-    ExpectRecord(rs[IndexOf(rs, "x")], FILE_ACTION_ADDED, "x", 0x100,
-                 static_cast<uint64_t>(xs.st_size), FileTimeOf(xs.st_mtime));
-    ExpectRecord(rs[IndexOf(rs, "y")], FILE_ACTION_ADDED, "y", 0x80, 10,
-                 FileTimeOf(MTime(w.P("y"))));
-    w.a.Scan();
-    EXPECT_TRUE(w.a.Collect().empty());
-}
-
-TEST(DirScan, SymbolicLinkToDirectoryIsWalkedAsADirectory) {
-    Watched w;
-    const std::string other = w.tmp.path() + "/other";
-    mkdir(other.c_str(), 0755);
-    WriteFile(other + "/t", "target");
-    w.Open(w.dir + "/");
-    ASSERT_EQ(0, symlink(other.c_str(), w.P("link").c_str()));
-    w.a.Scan();
-    std::vector<Record> rs = w.a.Collect();
-    ASSERT_EQ(2u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_ADDED, "link/t", 0x80, 6, FileTimeOf(MTime(other + "/t")));
-    EXPECT_EQ("link", rs[1].name);
-    EXPECT_EQ(0x100u, rs[1].attributes);
-
-    auto e = tv::detail::FindDirEntry(w.dir + "/");
-    ASSERT_NE(e, tv::detail::Dir_Data().end());
-    auto rec = e->second.files.find(std::string_view("link"));
-    ASSERT_NE(rec, e->second.files.end());
-    EXPECT_EQ(tv::detail::kFileIsDir | tv::detail::kFileIsLink | tv::detail::kFileSeen,
-              rec->second.flags);
-    EXPECT_EQ(0x4000u, rec->second.mode & 0xF000);
-    EXPECT_NE(tv::detail::FindDirEntry(w.P("link/")), tv::detail::Dir_Data().end());
-
-    unlink(w.P("link").c_str());
-    w.a.Scan();
-    rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_REMOVED, "link", 0x100, 0, 0);
-    EXPECT_EQ(tv::detail::FindDirEntry(w.P("link/")), tv::detail::Dir_Data().end());
-}
-
-TEST(DirScan, NamesAreCutByTheWatchedStringAsGiven) {
-    Watched w;
-    w.Open(w.dir);  // no trailing slash: names keep their leading one
-    WriteFile(w.P("a"), "");
-    w.a.Scan();
-    std::vector<Record> rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    EXPECT_EQ("/a", rs[0].name);
-    // The handle's own key without a slash and the scanned key with one are
-    // two table entries.
-    EXPECT_NE(tv::detail::FindDirEntry(w.dir), tv::detail::Dir_Data().end());
-    EXPECT_NE(tv::detail::FindDirEntry(w.dir + "/"), tv::detail::Dir_Data().end());
-}
-
-TEST(DirScan, AttributeChangesOfFilesAndDirectories) {
-    Watched w;
-    mkdir(w.P("s").c_str(), 0700);
-    WriteFile(w.P("f"), "f");
-    chmod(w.P("f").c_str(), 0600);
-    w.Open(w.dir + "/");
-    w.a.Arm(FILE_NOTIFY_CHANGE_ATTRIBUTES);
-
-    chmod(w.P("s").c_str(), 0750);
-    w.a.Scan();
-    // A directory never produces a modified record: only the flag is set.
-    EXPECT_EQ(1, w.a.h->GetChanged());
-    EXPECT_EQ(1, w.a.h->GetSignalPending());
-    EXPECT_TRUE(w.a.Collect(FILE_NOTIFY_CHANGE_ATTRIBUTES).empty());
-    EXPECT_EQ(0, w.a.h->GetChanged());
-
-    chmod(w.P("f").c_str(), 0644);
-    w.a.Scan();
-    std::vector<Record> rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_MODIFIED, "f", 0x80, 1, FileTimeOf(MTime(w.P("f"))));
-}
-
-TEST(DirScan, ServerSkipsPrivateFilesAndBusyDirectories) {
-    Watched w;
-    w.Open(w.dir + "/");
-    ServerMode server;
-
-    // A recent private file wakes the handle but is never reported.
-    WriteFile(w.P(".KWlock"), "");
-    w.a.Scan();
-    EXPECT_EQ(1, w.a.h->GetSignalPending());
-    EXPECT_EQ(0, w.a.h->GetChanged());
-    EXPECT_TRUE(w.a.Collect().empty());
-    unlink(w.P(".KWlock").c_str());
-    WriteFile(w.P(".KWold"), "");
-    notifytest::SetMTime(w.P(".KWold"), time(nullptr) - 20000);
-    w.a.Scan();
-    EXPECT_EQ(0, w.a.h->GetSignalPending());
-    EXPECT_TRUE(w.a.Collect().empty());
-
-    // A directory whose entry lock is held elsewhere is skipped this pass.
-    auto e = tv::detail::FindDirEntry(w.dir + "/");
-    ASSERT_NE(e, tv::detail::Dir_Data().end());
-    std::mutex m;
-    std::condition_variable cv;
-    int phase = 0;
-    std::thread holder([&] {
-        e->second.lock.WriteLock();
-        std::unique_lock<std::mutex> l(m);
-        phase = 1;
-        cv.notify_all();
-        cv.wait(l, [&] { return phase == 2; });
-        e->second.lock.WriteUnlock();
-    });
-    {
-        std::unique_lock<std::mutex> l(m);
-        cv.wait(l, [&] { return phase == 1; });
-    }
-    WriteFile(w.P("b"), "");
-    w.a.Scan();
-    EXPECT_TRUE(w.a.Collect().empty());
-    {
-        std::lock_guard<std::mutex> l(m);
-        phase = 2;
-        cv.notify_all();
-    }
-    holder.join();
-    w.a.Scan();
-    std::vector<Record> rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    EXPECT_EQ("b", rs[0].name);
-}
-
-namespace {
 std::atomic<int> deviceUsable{1};
 std::atomic<unsigned long> deviceSeen{0};
 unsigned char CheckDevice(unsigned long dev) {
     deviceSeen = dev;
     return static_cast<unsigned char>(deviceUsable.load());
 }
+
+bool HasEntry(const std::string& key) {
+    return FindDirEntry(key) != Dir_Data().end();
+}
+
+const Case kCases[] = {
+    {"file lifecycle and filters",
+     [](Watched& w) { Put(w.P("old"), "x", 500); },
+     true,
+     {{nullptr, 0x1f, ""},  // the baseline at arming was silent
+      {[](Watched& w) { Put(w.P("a"), "hello", 1000); }, 0x1f, "1 a 1 80 1000 5\n"},
+      {[](Watched& w) { Put(w.P("a"), "hello world", 1100); }, 0x1f, "3 a 1 80 1100 11\n"},
+      // Size changed, time kept: nothing for a last-write-only filter, and
+      // the snapshot keeps the old size, so a size filter still sees it.
+      {[](Watched& w) { Put(w.P("a"), "short", 1100); }, FILE_NOTIFY_CHANGE_LAST_WRITE, ""},
+      {nullptr, FILE_NOTIFY_CHANGE_SIZE, "3 a 1 80 1100 5\n"},
+      {[](Watched& w) { unlink(w.P("a").c_str()); }, 0x1f, "2 a 1 80 0 0\n"},
+      // Without bit 0x1 a new file is taken into the snapshot silently.
+      {[](Watched& w) { Put(w.P("b"), "b", 1000); }, FILE_NOTIFY_CHANGE_DIR_NAME, ""},
+      {nullptr, 0x1f, ""}}},
+    {"a subtree is walked before its name, removed by its top alone, purged",
+     nullptr,
+     true,
+     {{[](Watched& w) {
+           mkdir(w.P("sub").c_str(), 0755);
+           mkdir(w.P("sub/deep").c_str(), 0755);
+           Put(w.P("sub/deep/g"), "abc", 1000);
+           SetMTime(w.P("sub/deep"), 1100);
+           SetMTime(w.P("sub"), 1200);
+       },
+       0x1f, "1 sub/deep/g 10 80 1000 3\n1 sub/deep 8 100 1100 =\n1 sub 3 100 1200 =\n",
+       [](Watched& w) { EXPECT_TRUE(HasEntry(w.P("sub/deep/"))); }},
+      {[](Watched& w) { Rm(w.P("sub")); }, 0x1f, "2 sub 3 100 0 0\n",
+       [](Watched& w) { EXPECT_FALSE(HasEntry(w.P("sub/deep/"))); }},
+      // Nothing of the old snapshot is left to hide the new contents.
+      {[](Watched& w) {
+           mkdir(w.P("sub").c_str(), 0755);
+           Put(w.P("sub/deep"), "now a file", 1300);
+           SetMTime(w.P("sub"), 1400);
+       },
+       0x1f, "1 sub/deep 8 80 1300 10\n1 sub 3 100 1400 =\n"}}},
+    {"a changed type is removed in one pass and added in the next",
+     [](Watched& w) {
+         Put(w.P("x"), "file", 1000);
+         mkdir(w.P("y").c_str(), 0755);
+     },
+     true,
+     {{[](Watched& w) {
+           unlink(w.P("x").c_str());
+           mkdir(w.P("x").c_str(), 0755);
+           SetMTime(w.P("x"), 1500);
+       },
+       0x1f, "2 x 1 80 0 0\n"},
+      {nullptr, 0x1f, "1 x 1 100 1500 =\n"},
+      {[](Watched& w) {
+           rmdir(w.P("y").c_str());
+           Put(w.P("y"), "now a file", 1600);
+       },
+       0x1f, "2 y 1 100 0 0\n"},
+      {nullptr, 0x1f, "1 y 1 80 1600 10\n"},
+      {nullptr, 0x1f, ""}}},
+    {"a link to a directory is walked as a directory",
+     [](Watched& w) {
+         mkdir((w.tmp.path() + "/other").c_str(), 0755);
+         Put(w.tmp.path() + "/other/t", "target", 1000);
+     },
+     true,
+     {{[](Watched& w) {
+           ASSERT_EQ(0, symlink((w.tmp.path() + "/other").c_str(), w.P("link").c_str()));
+           SetMTime(w.P("link"), 1100);
+       },
+       0x1f, "1 link/t 6 80 1000 6\n1 link 4 100 1100 =\n",
+       [](Watched& w) {
+           auto e = FindDirEntry(w.dir + "/");
+           ASSERT_NE(e, Dir_Data().end());
+           const tv::detail::FILE_ENTRY& rec =
+               e->second.files.find(std::string_view("link"))->second;
+           EXPECT_EQ(tv::detail::kFileIsDir | tv::detail::kFileIsLink | tv::detail::kFileSeen,
+                     rec.flags);
+           EXPECT_EQ(0x4000u, rec.mode & 0xF000);
+           EXPECT_TRUE(HasEntry(w.P("link/")));
+       }},
+      {[](Watched& w) { unlink(w.P("link").c_str()); }, 0x1f, "2 link 4 100 0 0\n",
+       [](Watched& w) { EXPECT_FALSE(HasEntry(w.P("link/"))); }}}},
+    {"names are cut by the watched string as given",
+     nullptr,
+     false,
+     {{[](Watched& w) { Put(w.P("a"), "", 1000); }, 0x1f, "1 /a 2 80 1000 0\n",
+       [](Watched& w) {
+           // The watched path and the scanned one are two entries; the
+           // first stays empty.
+           auto bare = FindDirEntry(w.dir), slashed = FindDirEntry(w.dir + "/");
+           ASSERT_NE(bare, Dir_Data().end());
+           ASSERT_NE(slashed, Dir_Data().end());
+           EXPECT_TRUE(bare->second.files.empty());
+           EXPECT_EQ(1u, slashed->second.files.size());
+           EXPECT_STREQ(w.dir.c_str(), bare->second.lock.GetLockName());
+           EXPECT_STREQ((w.dir + "/").c_str(), slashed->second.lock.GetLockName());
+       }}}},
+    {"attribute changes: files give records, directories only the flags",
+     [](Watched& w) {
+         mkdir(w.P("s").c_str(), 0700);
+         Put(w.P("f"), "f", 1000);
+         chmod(w.P("f").c_str(), 0600);
+     },
+     true,
+     {{[](Watched& w) { chmod(w.P("s").c_str(), 0750); }, FILE_NOTIFY_CHANGE_ATTRIBUTES, "",
+       [](Watched& w) {
+           EXPECT_EQ(1, w.a.h->GetChanged());
+           EXPECT_EQ(1, w.a.h->GetSignalPending());
+       }},
+      {[](Watched& w) { chmod(w.P("f").c_str(), 0644); }, FILE_NOTIFY_CHANGE_ATTRIBUTES,
+       "3 f 1 80 1000 1\n"}}},
+    {"a device lost and back is reported once each, with no walk",
+     nullptr,
+     true,
+     {{[](Watched& w) {
+           Put(w.P("n"), "new", 1000);
+           deviceUsable = 0;
+       },
+       0x1f, "5  0 100 0 0\n",
+       [](Watched& w) {
+           EXPECT_EQ(1, w.a.h->GetSignalPending());
+           EXPECT_EQ(w.dir + "/", std::string(w.a.h->GetLastChangedDir().c_str()));
+           struct stat st;
+           ASSERT_EQ(0, lstat(w.dir.c_str(), &st));
+           EXPECT_EQ(static_cast<unsigned long>(st.st_dev), deviceSeen.load());
+       }},
+      {nullptr, 0x1f, ""},
+      {[](Watched&) { deviceUsable = 1; }, 0x1f, "5  0 100 0 0\n"},
+      {nullptr, 0x1f, "1 n 1 80 1000 3\n"}}},
+};
+
 }  // namespace
 
-TEST(DirScan, DeviceLossAndReturnAreReportedOnce) {
+TEST(DirScan, RecordsOfEachChange) {
+    for (const Case& c : kCases) {
+        SCOPED_TRACE(c.what);
+        Watched w;
+        if (c.before) c.before(w);
+        w.Open(c.slash ? w.dir + "/" : w.dir);
+        for (size_t i = 0; i < c.passes.size(); ++i) {
+            SCOPED_TRACE("pass " + std::to_string(i));
+            const Pass& p = c.passes[i];
+            w.a.Arm(p.filter);
+            if (p.change) p.change(w);
+            UnixDirScan(w.a.h->GetWatchDir(), w.a.h, CheckDevice);
+            if (p.check) p.check(w);
+            EXPECT_EQ(p.want, w.a.Collect(w.dir + (c.slash ? "/" : "")));
+        }
+    }
+}
+
+TEST(DirScan, ServerSkipsPrivateFilesAndBusyDirectories) {
     Watched w;
     w.Open(w.dir + "/");
-    WriteFile(w.P("n"), "new");
-    auto scan = [&] { UnixDirScan(w.a.h->GetWatchDir(), w.a.h, CheckDevice); };
+    struct ServerMode {
+        ServerMode() { bRunningInServer = true; }
+        ~ServerMode() { bRunningInServer = false; }
+    } server;
 
-    deviceUsable = 0;
-    scan();
+    // A recent private file wakes the handle but is never reported.
+    tvtest::WriteFile(w.P(".KWlock"), "");
+    w.a.Scan();
     EXPECT_EQ(1, w.a.h->GetSignalPending());
-    EXPECT_EQ(w.dir + "/", std::string(w.a.h->GetLastChangedDir().c_str()));
-    std::vector<Record> rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], 5, "", 0x100, 0, 0);
-    struct stat st;
-    ASSERT_EQ(0, lstat(w.dir.c_str(), &st));
-    EXPECT_EQ(static_cast<unsigned long>(st.st_dev), deviceSeen.load());
-    scan();
-    EXPECT_TRUE(w.a.Collect().empty());
+    EXPECT_EQ(0, w.a.h->GetChanged());
+    EXPECT_EQ("", w.a.Collect());
+    unlink(w.P(".KWlock").c_str());
+    Put(w.P(".KWold"), "", time(nullptr) - 20000);
+    w.a.Scan();
+    EXPECT_EQ(0, w.a.h->GetSignalPending());
+    EXPECT_EQ("", w.a.Collect());
 
-    deviceUsable = 1;
-    scan();
-    rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());  // back again, and the tree is not walked yet
-    ExpectRecord(rs[0], 5, "", 0x100, 0, 0);
-    scan();
-    rs = w.a.Collect();
-    ASSERT_EQ(1u, rs.size());
-    EXPECT_EQ("n", rs[0].name);
-    EXPECT_EQ(static_cast<uint64_t>(FILE_ACTION_ADDED), rs[0].action);
-}
-
-// The loop itself: passes driven by the test through the thread object's
-// sleep, records read back through a completion port.
-TEST(DirScan, WatcherThreadPassesThroughACompletionPort) {
-    tvtest::TempDir tmp;
-    const std::string dir = tmp.path() + "/w";
-    mkdir(dir.c_str(), 0755);
-    Handle* h = FindFirstChangeNotification((dir + "/").c_str(), 1, 0x1f);
-    ASSERT_NE(INVALID_HANDLE_VALUE, h);
-    void* buffer = nullptr;
-    auto arm = [&] {
-        return ReadDirectoryChanges(h, &buffer, 0, 1, 0x1f, nullptr, nullptr, nullptr);
-    };
-    ASSERT_EQ(1, arm());
-    Handle* port = CreateIoCompletionPort(h, nullptr, 77, 0);
-    ASSERT_NE(nullptr, port);
-
-    notifytest::SteppedWatcher watcher;
-    std::thread th([&] { WatchDirsThread(&watcher); });
-    watcher.WaitPasses(1);
-
-    auto collect = [&] {
-        unsigned long bytes = 0, key = 0;
-        std::vector<Record> rs;
-        if (GetQueuedCompletionStatus(port, &bytes, &key, nullptr, 10000) != 1) {
-            ADD_FAILURE() << "no completion, errno " << errno;
-            return rs;
-        }
-        EXPECT_EQ(77u, key);
-        rs = notifytest::Parse(buffer, bytes);
-        arm();
-        return rs;
-    };
-
-    WriteFile(dir + "/new.txt", "12345");
-    watcher.Step();
-    std::vector<Record> rs = collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_ADDED, "new.txt", 0x80, 5, FileTimeOf(MTime(dir + "/new.txt")));
-
-    WriteFile(dir + "/new.txt", "1234567");
-    notifytest::SetMTime(dir + "/new.txt", MTime(dir + "/new.txt") + 5);
-    watcher.Step();
-    rs = collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_MODIFIED, "new.txt", 0x80, 7,
-                 FileTimeOf(MTime(dir + "/new.txt")));
-
-    unlink((dir + "/new.txt").c_str());
-    watcher.Step();
-    rs = collect();
-    ASSERT_EQ(1u, rs.size());
-    ExpectRecord(rs[0], FILE_ACTION_REMOVED, "new.txt", 0x80, 0, 0);
-
-    // A quiet pass signals nothing: the port times out.
-    watcher.Step();
-    unsigned long bytes = 0;
-    EXPECT_EQ(0, GetQueuedCompletionStatus(port, &bytes, nullptr, nullptr, 0));
-    EXPECT_EQ(258, errno);
-
-    watcher.Stop();
-    th.join();
-    EXPECT_TRUE(watcher.Exited());
-    EXPECT_TRUE(bFileShutdownRequested);
-    bFileShutdownRequested = false;
-    // Fast passes sleep for the 4000 ms floor.
-    for (unsigned long p : watcher.Periods()) EXPECT_EQ(4000u, p);
-
-    FindCloseChangeNotification(h, 0);
-    CloseHandle(port);
-    delete[] static_cast<char*>(buffer);
-}
-
-TEST(DirScan, DefaultThreadObjectEndsItsSleepOnStop) {
-    WatchDirsThreadObject obj;
-    std::atomic<bool> done{false};
-    std::thread th([&] {
-        WatchDirsThread(&obj);
-        done = true;
-    });
-    // Let it reach its 4000 ms sleep (or not: a stop before the first pass
-    // ends it too).
-    const auto start = std::chrono::steady_clock::now();
-    obj.RequestStop();
-    th.join();
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        std::chrono::steady_clock::now() - start)
-                        .count();
-    EXPECT_TRUE(done);
-    EXPECT_LT(ms, 3500);
-    bFileShutdownRequested = false;
+    // A directory whose entry lock is held elsewhere is skipped this pass.
+    auto e = FindDirEntry(w.dir + "/");
+    ASSERT_NE(e, Dir_Data().end());
+    Put(w.P("b"), "", 1000);
+    e->second.lock.WriteLock();
+    std::thread([&] { w.a.Scan(); }).join();
+    e->second.lock.WriteUnlock();
+    EXPECT_EQ("", w.a.Collect());
+    w.a.Scan();
+    EXPECT_EQ("1 b 1 80 1000 0\n", w.a.Collect());
 }
 
 TEST(DirScan, PeriodIsTwiceThePassClampedTo4000And30000) {
-    EXPECT_EQ(4000u, tv::detail::WatchPeriod(0));
-    EXPECT_EQ(4000u, tv::detail::WatchPeriod(1500));
-    EXPECT_EQ(4002u, tv::detail::WatchPeriod(2001));
-    EXPECT_EQ(18000u, tv::detail::WatchPeriod(9000));
-    EXPECT_EQ(30000u, tv::detail::WatchPeriod(15000));
-    EXPECT_EQ(30000u, tv::detail::WatchPeriod(20000));
-    EXPECT_EQ(30000u, tv::detail::WatchPeriod(30000));
-    EXPECT_EQ(45000u, tv::detail::WatchPeriod(45000));
+    const unsigned long long elapsed[] = {0, 1500, 2001, 9000, 15000, 20000, 30000, 45000};
+    const unsigned long period[] = {4000, 4000, 4002, 18000, 30000, 30000, 30000, 45000};
+    for (size_t i = 0; i < sizeof elapsed / sizeof elapsed[0]; ++i) {
+        EXPECT_EQ(period[i], tv::detail::WatchPeriod(elapsed[i])) << elapsed[i];
+    }
 }

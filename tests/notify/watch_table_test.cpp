@@ -1,20 +1,13 @@
 // The watch table: registration order, entry keys, purging, the dump.
-#include <gtest/gtest.h>
-#include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <time.h>
 
-#include <string>
-#include <vector>
+#include <algorithm>
 
 #include "notify/watch_table.h"
 #include "notify_test_util.h"
-#include "test_support.h"
-#include "tvcommonutil/notify.h"
 
-using tv::detail::Dir_Data;
-using tv::detail::FindDirEntry;
+using namespace tv::detail;
 
 namespace {
 
@@ -44,47 +37,28 @@ TEST(WatchTable, AttributeTextIsDirectoryOrNormalOnly) {
 TEST(WatchTable, HandlesOnOneDirectoryAreNeighbours) {
     tvtest::TempDir tmp;
     const std::string d = tmp.path() + "/d", e = tmp.path() + "/e";
-    auto* h1 = new ChangeNotificationHandle(d.c_str(), 0, 0);
-    auto* h2 = new ChangeNotificationHandle(d.c_str(), 0, 0);
-    auto* h3 = new ChangeNotificationHandle(e.c_str(), 0, 0);
-    auto* h4 = new ChangeNotificationHandle(d.c_str(), 0, 0);
-    for (auto* h : {h1, h2, h3, h4}) WatchDir(h->GetWatchDir(), h);
-
-    std::vector<ChangeNotificationHandle*> order;
-    for (auto* h : tv::detail::CNH_list()) {
-        if (h == h1 || h == h2 || h == h3 || h == h4) order.push_back(h);
+    std::vector<ChangeNotificationHandle*> h;
+    for (const std::string& dir : {d, d, e, d}) {
+        h.push_back(new ChangeNotificationHandle(dir.c_str(), 0, 0));
+        WatchDir(dir, h.back());
     }
-    EXPECT_EQ((std::vector<ChangeNotificationHandle*>{h3, h1, h4, h2}), order);
-
+    auto ours = [&] {
+        std::vector<ChangeNotificationHandle*> order;
+        for (auto* x : tv::detail::CNH_list()) {
+            if (std::find(h.begin(), h.end(), x) != h.end()) order.push_back(x);
+        }
+        return order;
+    };
+    EXPECT_EQ((std::vector<ChangeNotificationHandle*>{h[2], h[0], h[3], h[1]}), ours());
     // Unregistering takes the handle off the list; its table entry stays.
-    for (auto* h : {h1, h2, h3, h4}) EXPECT_EQ(0, FindCloseChangeNotification(h, 0));
-    for (auto* h : tv::detail::CNH_list()) {
-        EXPECT_TRUE(h != h1 && h != h2 && h != h3 && h != h4);
-    }
+    for (auto* x : h) EXPECT_EQ(0, FindCloseChangeNotification(x, 0));
+    EXPECT_TRUE(ours().empty());
     EXPECT_NE(FindDirEntry(d), Dir_Data().end());
     // Closing a handle that is not registered is not an error.
     auto* loose = new ChangeNotificationHandle(d.c_str(), 0, 0);
     EXPECT_EQ(0, FindCloseChangeNotification(loose, 1));
     EXPECT_EQ(0, FindCloseChangeNotification(nullptr, 0));
     CloseHandle(loose);
-}
-
-TEST(WatchTable, WatchedPathAndScannedPathAreTwoEntries) {
-    tvtest::TempDir tmp;
-    const std::string d = tmp.path() + "/d";
-    mkdir(d.c_str(), 0755);
-    tvtest::WriteFile(d + "/f", "");
-    WatchDir(d, nullptr);
-    UnixDirScan(d, nullptr, nullptr);
-    auto bare = FindDirEntry(d), slashed = FindDirEntry(d + "/");
-    ASSERT_NE(bare, Dir_Data().end());
-    ASSERT_NE(slashed, Dir_Data().end());
-    EXPECT_TRUE(bare->second.files.empty());
-    EXPECT_EQ(0, bare->second.dirModTime);
-    EXPECT_EQ(1u, slashed->second.files.size());
-    EXPECT_STREQ((d + "/").c_str(), slashed->second.lock.GetLockName());
-    EXPECT_STREQ(d.c_str(), bare->second.lock.GetLockName());
-    EXPECT_FALSE(InUnixDirScan());
 }
 
 TEST(WatchTable, PurgeFollowsOnlyOwnerReadableNames) {
@@ -110,31 +84,13 @@ TEST(WatchTable, PurgeFollowsOnlyOwnerReadableNames) {
     chmod((d + "/shut").c_str(), 0700);
 }
 
-TEST(WatchTable, InvalidationClearsSeenBitsDownTheTree) {
-    tvtest::TempDir tmp;
-    const std::string d = tmp.path() + "/d";
-    mkdir(d.c_str(), 0755);
-    mkdir((d + "/s").c_str(), 0755);
-    tvtest::WriteFile(d + "/s/f", "");
-    UnixDirScan(d, nullptr, nullptr);
-    auto top = FindDirEntry(d + "/"), sub = FindDirEntry(d + "/s/");
-    ASSERT_NE(sub, Dir_Data().end());
-    EXPECT_EQ(1u, sub->second.valid);
-    {
-        CriticalSectionHolder serial(tv::detail::DirScan_lock());
-        tv::detail::Invalidate_Dir_Entry(top);
-    }
-    EXPECT_EQ(0u, top->second.valid);
-    EXPECT_EQ(0u, sub->second.valid);
-    EXPECT_EQ(0, sub->second.files.begin()->second.flags & tv::detail::kFileSeen);
-}
-
 TEST(WatchTable, DumpFormats) {
     tvtest::TempDir tmp;
     const std::string d = tmp.path() + "/d";
     mkdir(d.c_str(), 0755);
     tvtest::WriteFile(d + "/file", "");
     mkdir((d + "/sub").c_str(), 0755);
+    tvtest::WriteFile(d + "/sub/f", "");
     auto* h = new ChangeNotificationHandle((d + "/").c_str(), 0, 0);
     WatchDir(h->GetWatchDir(), h);
     UnixDirScan(d + "/", nullptr, nullptr);
@@ -176,5 +132,10 @@ TEST(WatchTable, DumpFormats) {
     const std::string again = testing::internal::GetCapturedStderr();
     EXPECT_NE(std::string::npos, again.find("*" + Padded(d + "/", 40) + "  mod: "));
     EXPECT_NE(std::string::npos, again.find("*  " + Padded("file", 40) + "   mod: "));
+    // Invalidation goes down the tree.
+    auto sub = FindDirEntry(d + "/sub/");
+    ASSERT_NE(sub, Dir_Data().end());
+    EXPECT_EQ(0u, sub->second.valid);
+    EXPECT_EQ(0, sub->second.files.begin()->second.flags & tv::detail::kFileSeen);
     FindCloseChangeNotification(h, 0);
 }
