@@ -151,21 +151,17 @@ TEST(Uuid, CompareOrdersFieldsUnsignedAndInPriority) {
 }
 
 TEST(Uuid, RpcStringFreeRefusesEmptyStrings) {
-    unsigned char* empty = static_cast<unsigned char*>(malloc(1));
-    empty[0] = '\0';
-    EXPECT_EQ(1, RpcStringFree(&empty));
-    EXPECT_NE(nullptr, empty);  // not freed, not reset
-    free(empty);
+    unsigned char empty[1] = {0};
+    unsigned char* p = empty;
+    EXPECT_EQ(1, RpcStringFree(&p));
+    EXPECT_EQ(empty, p);  // not freed, not reset
     unsigned char* null = nullptr;
     EXPECT_EQ(1, RpcStringFree(&null));
-
-    _GUID g;
-    memset(&g, 0, sizeof(g));
-    unsigned char* s = nullptr;
-    ASSERT_EQ(0, UuidToString(&g, &s));
-    unsigned char* kept = s;
-    EXPECT_EQ(0, RpcStringFree(&s));
-    EXPECT_EQ(kept, s);
+    _GUID g = {};
+    ASSERT_EQ(0, UuidToString(&g, &p));
+    unsigned char* kept = p;
+    EXPECT_EQ(0, RpcStringFree(&p));
+    EXPECT_EQ(kept, p);  // freed but not reset
 }
 
 TEST(Uuid, ClockReadingsOrderSecondsFirst) {
