@@ -15,24 +15,18 @@ namespace {
 // Sets TZ for the scope of a test and puts the previous value back.
 class ScopedTz {
 public:
-    explicit ScopedTz(const char* tz) {
-        const char* old = getenv("TZ");
-        hadOld_ = old != nullptr;
-        if (hadOld_) old_ = old;
+    explicit ScopedTz(const char* tz)
+        : had_(getenv("TZ") != nullptr), old_(had_ ? getenv("TZ") : "") {
         setenv("TZ", tz, 1);
         tzset();
     }
     ~ScopedTz() {
-        if (hadOld_) {
-            setenv("TZ", old_.c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
+        had_ ? setenv("TZ", old_.c_str(), 1) : unsetenv("TZ");
         tzset();
     }
 
 private:
-    bool hadOld_ = false;
+    bool had_;
     std::string old_;
 };
 

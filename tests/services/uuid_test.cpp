@@ -121,33 +121,28 @@ TEST(Uuid, TextRoundTripsAndParseQuirks) {
     EXPECT_EQ(1, UuidToString(nullptr, &none));
 }
 
+// Data1 decides before any later field; the Data4 bytes compare as unsigned,
+// first byte first.
 TEST(Uuid, CompareOrdersFieldsUnsignedAndInPriority) {
-    _GUID a, b;
-    memset(&a, 0, sizeof(a));
-    memset(&b, 0, sizeof(b));
-    long status = 42;
-    EXPECT_EQ(0, UuidCompare(&a, &b, &status));
-    EXPECT_EQ(0, status);
-
-    // Data1 decides before any later field.
-    a.Data1 = 2;
-    b.Data1 = 1;
-    b.Data2 = 0xFFFF;
-    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
-    EXPECT_EQ(-1, UuidCompare(&b, &a, &status));
-    b.Data1 = 2;
-    EXPECT_EQ(-1, UuidCompare(&a, &b, &status));
-    b.Data2 = 0;
-    a.Data3 = 1;
-    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
-    b.Data3 = 1;
-    // Data4 bytes compare as unsigned, first byte first.
-    a.Data4[0] = 0x80;
-    b.Data4[0] = 0x7F;
-    b.Data4[7] = 0xFF;
-    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
-    b.Data4[0] = 0x80;
-    EXPECT_EQ(-1, UuidCompare(&a, &b, &status));
+    const struct {
+        const char *a, *b;
+        int expected;
+    } cases[] = {
+        {"00000000-0000-0000-0000-000000000000", "00000000-0000-0000-0000-000000000000", 0},
+        {"00000002-0000-0000-0000-000000000000", "00000001-ffff-0000-0000-000000000000", 1},
+        {"00000001-ffff-0000-0000-000000000000", "00000002-0000-0000-0000-000000000000", -1},
+        {"00000002-0000-0000-0000-000000000000", "00000002-ffff-0000-0000-000000000000", -1},
+        {"00000002-0000-0001-0000-000000000000", "00000002-0000-0000-0000-000000000000", 1},
+        {"00000002-0000-0001-8000-000000000000", "00000002-0000-0001-7f00-0000000000ff", 1},
+        {"00000002-0000-0001-8000-000000000000", "00000002-0000-0001-8000-0000000000ff", -1}};
+    for (const auto& c : cases) {
+        _GUID a, b;
+        ASSERT_EQ(0, Parse(c.a, &a));
+        ASSERT_EQ(0, Parse(c.b, &b));
+        long status = 42;
+        EXPECT_EQ(c.expected, UuidCompare(&a, &b, &status)) << c.a << " " << c.b;
+        EXPECT_EQ(0, status);
+    }
 }
 
 TEST(Uuid, RpcStringFreeRefusesEmptyStrings) {
