@@ -5,6 +5,8 @@
 //   whether another process changed it, so stat is the least a correct cached
 //   read can cost. An unordered_map lookup is shown too, for the share of the
 //   cost that is lookup rather than the system call.
+// - A flush of that file while its table holds no change, against the same
+//   stat(): the flush must notice there is nothing to write for one stat.
 // - The first read of that file (open, parse, snapshot check, lookup) in MB/s
 //   against reading the same file line by line with getline().
 // Ratios are printed after the runs.
@@ -98,6 +100,16 @@ void BM_FloorStat(benchmark::State& state) {
 }
 BENCHMARK(BM_FloorStat);
 
+void BM_FlushUnchanged(benchmark::State& state) {
+    char buf[256];
+    GetPrivateProfileString(kSection, kKey, "", buf, sizeof buf, F().file.c_str());  // load
+    for (auto _ : state) {
+        int r = WritePrivateProfileString(nullptr, nullptr, nullptr, F().file.c_str());
+        benchmark::DoNotOptimize(r);
+    }
+}
+BENCHMARK(BM_FlushUnchanged);
+
 void BM_FloorUnorderedMap(benchmark::State& state) {
     std::string key = std::string(kSection) + "/" + kKey;
     for (auto _ : state) {
@@ -144,6 +156,7 @@ int main(int argc, char** argv) {
     return tvbench::Main(
         argc, argv,
         {{"cached GetPrivateProfileString / stat() of the file", "BM_GetCached", "BM_FloorStat"},
+         {"flush of an unchanged table / stat() of the file", "BM_FlushUnchanged", "BM_FloorStat"},
          {"first read (parse) of the file / getline over it", "BM_FirstRead", "BM_FloorGetline"}},
         [](const tvbench::RatioReporter& r) {
             double mb = static_cast<double>(F().bytes) / 1e6;

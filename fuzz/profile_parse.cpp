@@ -5,7 +5,9 @@
 // come out byte for byte the same. Then the input is written to a real file
 // and looked up through the public API with tight buffers (allocated with
 // exactly the one spare byte the list forms may use, so the sanitizer sees any
-// write beyond it), and one key is set and flushed.
+// write beyond it), and one key is set and flushed. The hash lookups of
+// sections and keys must give what the walks over them give.
+#include <ctype.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,6 +23,7 @@
 namespace {
 
 using tv::detail::yufiletable;
+using tv::detail::yusection;
 
 yufiletable* ParseMemory(const char* data, size_t size) {
     yufiletable* t = tv::detail::NewProfileTable("fuzz");
@@ -71,6 +74,37 @@ std::string Read(const char* section, const char* key, unsigned long size) {
     return std::string(buf.data(), n);
 }
 
+std::string Flipped(std::string s) {
+    for (char& c : s) c = static_cast<char>(isupper(c) ? tolower(c) : toupper(c));
+    return s;
+}
+
+// Looks name up by walking t's sections and through its index.
+void CheckSectionLookup(yufiletable* t, const std::string& name) {
+    tv::detail::DropSectionIndex(t);
+    yusection* walked = tv::detail::FindProfileSection(t, name.c_str());
+    t->lookups = 1000;
+    if (tv::detail::FindProfileSection(t, name.c_str()) != walked) abort();
+}
+
+// Looks every key of s up (as written and case-flipped) both ways.
+void CheckKeyLookups(yusection* s) {
+    for (int i = 0; i < s->lineCount && i < 64; ++i) {
+        const char* line = s->lines[i];
+        const char* eq = line != nullptr ? strchr(line, '=') : nullptr;
+        if (eq == nullptr) continue;
+        std::string key(line, static_cast<size_t>(eq - line));
+        key.erase(0, key.find_first_not_of(" \t\r\n"));
+        key.erase(key.find_last_not_of(" \t\r\n") + 1);
+        for (const std::string& k : {key, Flipped(key)}) {
+            tv::detail::DropKeyIndex(s);
+            const char* walked = tv::detail::FindProfileKeyLine(s, k.c_str(), k.size());
+            s->lookups = 1000;
+            if (tv::detail::FindProfileKeyLine(s, k.c_str(), k.size()) != walked) abort();
+        }
+    }
+}
+
 void ForgetScratch() {
     tv::detail::ProfileMutexHolder hold(tv::detail::yuProfileMutex);
     while (tv::detail::yuFreeProfileStructures(ScratchFile().c_str())) {
@@ -95,6 +129,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::string> names;
     for (int i = 0; i < t1->sectionCount && names.size() < 4; ++i) {
         names.push_back(t1->sections[i]->name);
+    }
+    for (int i = 0; i < t1->sectionCount && i < 16; ++i) {
+        CheckSectionLookup(t1, t1->sections[i]->name);
+        CheckSectionLookup(t1, Flipped(t1->sections[i]->name));
+        CheckKeyLookups(t1->sections[i]);
     }
     tv::detail::FreeProfileTable(t1);
     tv::detail::FreeProfileTable(t2);

@@ -40,6 +40,59 @@ private:
     char* p_;
 };
 
+// A caller's string with strip_spaces applied, held on the stack unless long:
+// the read path runs for every cached lookup and should not allocate.
+class StrippedText {
+public:
+    explicit StrippedText(const char* s) {
+        if (s == nullptr) return;
+        size_t len = strlen(s);
+        p_ = len < sizeof small_ ? small_ : static_cast<char*>(malloc(len + 1));
+        if (p_ == nullptr) abort();
+        memcpy(p_, s, len + 1);
+        strip_spaces(p_);
+    }
+    ~StrippedText() {
+        if (p_ != small_) free(p_);
+    }
+    StrippedText(const StrippedText&) = delete;
+    StrippedText& operator=(const StrippedText&) = delete;
+    const char* get() const { return p_; }
+
+private:
+    char small_[128];
+    char* p_ = nullptr;
+};
+
+// The value of a key line as strip_spaces then strip_quotes would leave it,
+// found in place: [*b, *e) of the text after eq.
+void ValueText(const char* eq, const char** b, const char** e) {
+    auto trim = [](const char*& vb, const char*& ve) {
+        while (vb < ve && _yuIsSpace(*vb)) ++vb;
+        while (ve > vb + 1 && _yuIsSpace(ve[-1])) --ve;
+    };
+    const char* vb = eq + 1;
+    const char* ve = vb + strlen(vb);
+    trim(vb, ve);
+    size_t len = static_cast<size_t>(ve - vb);
+    if (len != 0 && vb[0] == '"' && ve[-1] == '"') {
+        --ve;
+        if (len > 1) ++vb;
+        trim(vb, ve);
+    } else if (len != 0 && vb[0] == '`') {
+        // Closed by the last apostrophe of the value, if it has one.
+        const char* close = ve;
+        while (close > vb && close[-1] != '\'') --close;
+        if (close > vb) {
+            ve = close - 1;
+            ++vb;
+            trim(vb, ve);
+        }
+    }
+    *b = vb;
+    *e = ve;
+}
+
 char* Format2(const char* a, const char* b) {
     char* out = nullptr;
     if (asprintf(&out, "%s=%s", a, b) < 0) abort();
@@ -53,19 +106,6 @@ char* LineKey(const char* line) {
     char* k = eq != nullptr ? strndup(line, static_cast<size_t>(eq - line)) : strdup(line);
     if (k == nullptr) abort();
     return strip_spaces(k);
-}
-
-// Whether the key text of line (up to eq, the first '=' or the line's end)
-// equals key under cmp, without copying the line: the lookups walk every line
-// of a section on each read.
-bool LineKeyEquals(const char* line, const char* eq, const char* key, size_t keyLen,
-                   int (*cmp)(const char*, const char*, size_t)) {
-    const char* b = line;
-    const char* e = eq != nullptr ? eq : line + strlen(line);
-    while (b < e && _yuIsSpace(*b)) ++b;
-    while (e > b + 1 && _yuIsSpace(e[-1])) --e;
-    size_t len = static_cast<size_t>(e - b);
-    return keyLen == len && cmp(b, key, len) == 0;
 }
 
 // Copies src cut to size - 1 characters; returns the length copied.
@@ -155,19 +195,16 @@ yufiletable* TableForRead(const char* fileName) TV_REQUIRES(yuProfileMutex) {
 
 unsigned long ReadValue(yusection* s, const char* key, const char* defaultValue, char* buffer,
                         unsigned long size) {
-    size_t keyLen = strlen(key);
-    for (int i = 0; i < s->lineCount; ++i) {
-        const char* line = s->lines[i];
-        if (line == nullptr) continue;
-        const char* eq = strchr(line, '=');
-        if (eq == nullptr) continue;
-        if (!LineKeyEquals(line, eq, key, keyLen, strncasecmp)) continue;
-        TextCopy value(eq + 1);
-        strip_spaces(value.get());
-        strip_quotes(value.get());
-        return CopyCut(value.get(), buffer, size);
-    }
-    return DefaultAnswer(defaultValue, buffer, size);
+    const char* line = FindProfileKeyLine(s, key, strlen(key));
+    if (line == nullptr) return DefaultAnswer(defaultValue, buffer, size);
+    const char *b, *e;
+    ValueText(strchr(line, '='), &b, &e);
+    if (size == 0) return 0;
+    size_t len = static_cast<size_t>(e - b);
+    if (len > size - 1) len = size - 1;
+    memcpy(buffer, b, len);
+    buffer[len] = '\0';
+    return len;
 }
 
 unsigned long ListKeys(const yusection* s, char* buffer, unsigned long size) {
@@ -222,7 +259,9 @@ bool ApplySet(yufiletable* t, const char* section, const char* key, const char* 
             FreeProfileSection(s);
             return false;
         }
+        DropSectionIndex(t);
     }
+    DropKeyIndex(s);
     for (int i = 0; i < s->lineCount; ++i) {
         const char* line = s->lines[i];
         if (line == nullptr ||
@@ -269,6 +308,7 @@ bool ApplyDeleteKey(yufiletable* t, const char* section, const char* key) {
             // Case-sensitive, unlike every other comparison of the profile
             // code: deleting "Key" leaves "KEY" alone.
             if (!LineKeyEquals(line, strchr(line, '='), key, strlen(key), strncmp)) continue;
+            DropKeyIndex(s);
             free(line);
             s->lines[i] = nullptr;
             return true;
@@ -283,6 +323,7 @@ bool ApplyDeleteSection(yufiletable* t, const char* section) {
         if (s == nullptr || strcasecmp(s->name, section) != 0) continue;
         FreeProfileSection(s);
         t->sections[si] = nullptr;
+        DropSectionIndex(t);
         return true;
     }
     return false;
@@ -377,9 +418,7 @@ unsigned long GetPrivateProfileString(const char* section, const char* key,
                                       const char* defaultValue, char* buffer, unsigned long size,
                                       const char* fileName) {
     if (buffer == nullptr) return 0;
-    tv::detail::TextCopy sec(section), k(key);
-    tv::detail::strip_spaces(sec.get());
-    tv::detail::strip_spaces(k.get());
+    tv::detail::StrippedText sec(section), k(key);
 
     ProfileMutexHolder hold(tv::detail::yuProfileMutex);
     tv::detail::yufiletable* t = tv::detail::TableForRead(fileName);

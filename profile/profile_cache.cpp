@@ -128,6 +128,7 @@ void FreeProfileSection(yusection* s) {
     free(s->name);
     if (s->lineCount != 0) free(s->lines);
     free(s->headerLine);
+    FreeProfileLookupIndex(s->keyIndex);
     free(s);
 }
 
@@ -138,20 +139,13 @@ void FreeProfileTable(yufiletable* t) {
     for (int i = 0; i < t->headerCount; ++i) free(t->headerLines[i]);
     if (t->headerCount != 0) free(t->headerLines);
     FreePendingChanges(t->pending);
+    FreeProfileLookupIndex(t->sectionIndex);
     free(t);
 }
 
 yufiletable* FindProfileTable(const char* path) {
     for (yufiletable* t = pYUFileTable; t != nullptr; t = t->next) {
         if (strcasecmp(t->name, path) == 0) return t;
-    }
-    return nullptr;
-}
-
-yusection* FindProfileSection(yufiletable* t, const char* name) {
-    for (int i = 0; i < t->sectionCount; ++i) {
-        yusection* s = t->sections[i];
-        if (s != nullptr && strcasecmp(s->name, name) == 0) return s;
     }
     return nullptr;
 }

@@ -66,12 +66,18 @@ bool SameProfileFileState(const ProfileFileState& a, const ProfileFileState& b);
 struct PendingChanges;
 void FreePendingChanges(PendingChanges* p);
 
+// A hash index of a table's section names or of a section's keys, built once
+// they are looked up repeatedly without change (see profile_index.cpp).
+struct ProfileLookupIndex;
+
 // One section of a cached file.
 struct yusection {
-    char* name;         // text between '[' and the first ']', not trimmed
-    char* headerLine;   // the header line as it stood, trimmed, comment kept
-    int16_t lineCount;  // slots used in `lines`; deleted lines leave a null slot
-    char** lines;       // every line up to the next header, trimmed; may hold nulls
+    char* name;                    // text between '[' and the first ']', not trimmed
+    char* headerLine;              // the header line as it stood, trimmed, comment kept
+    int16_t lineCount;             // slots used in `lines`; deleted lines leave a null slot
+    char** lines;                  // every line up to the next header, trimmed; may hold nulls
+    ProfileLookupIndex* keyIndex;  // null until the keys have been looked up a few times
+    uint16_t lookups;              // key lookups since the lines last changed
 };
 
 // One cached file. Fields are guarded by yuProfileMutex.
@@ -84,6 +90,8 @@ struct yufiletable {
     char** headerLines;
     int16_t sectionCount;  // slots used in `sections`; deleted sections leave a null slot
     yusection** sections;
+    ProfileLookupIndex* sectionIndex;  // null until sections have been looked up a few times
+    uint16_t lookups;                  // section lookups since the sections last changed
     yufiletable* next;
 };
 
@@ -164,6 +172,18 @@ void FreeProfileTable(yufiletable* t);
 yufiletable* FindProfileTable(const char* path) TV_REQUIRES(yuProfileMutex);
 // First non-null section whose name equals name ignoring case, or null.
 yusection* FindProfileSection(yufiletable* t, const char* name);
+// First line of s holding a '=' whose trimmed key text equals key (keyLen
+// characters) ignoring case, or null.
+const char* FindProfileKeyLine(yusection* s, const char* key, size_t keyLen);
+// Whether the key text of line (up to eq, its first '=' or its end), trimmed,
+// equals key under cmp.
+bool LineKeyEquals(const char* line, const char* eq, const char* key, size_t keyLen,
+                   int (*cmp)(const char*, const char*, size_t));
+// Every edit calls these for what it changed: an index must never outlive the
+// lines or sections it was built from.
+void DropSectionIndex(yufiletable* t);
+void DropKeyIndex(yusection* s);
+void FreeProfileLookupIndex(ProfileLookupIndex* index);
 
 // Frees the first cached table named path (ignoring case) and unlinks it.
 int yuFreeProfileStructures(const char* path) TV_REQUIRES(yuProfileMutex);

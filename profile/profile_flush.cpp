@@ -54,6 +54,8 @@ void TakeContents(yufiletable* to, yufiletable* from) {
     std::swap(to->headerLines, from->headerLines);
     std::swap(to->sectionCount, from->sectionCount);
     std::swap(to->sections, from->sections);
+    DropSectionIndex(to);
+    DropSectionIndex(from);
     to->cached = from->cached;
 }
 

@@ -1,28 +1,21 @@
 // Views made and dropped by several threads at once: the per-process view
 // table must hand every thread back exactly its own views.
 #include <fcntl.h>
-#include <string.h>
 #include <sys/mman.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "tvcommonutil/files.h"
+#include "files_test_util.h"
 
 namespace {
 
 TEST(FileMappingConcurrency, ThreadsMapAndUnmapTheirOwnViews) {
-    timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    std::string name = "tvtest-mapc-" + std::to_string(getpid()) + "-" + std::to_string(ts.tv_nsec);
-    Handle* h = CreateFileMapping(reinterpret_cast<Handle*>(0xFFFFFFFFUL), nullptr, O_RDWR, 0, 4096,
-                                  &name[0]);
+    filestest::MappingName m;
+    Handle* h = CreateFileMapping(filestest::NoFile(), nullptr, O_RDWR, 0, 4096, m.name());
     ASSERT_NE(nullptr, h);
     constexpr int kThreads = 4;
     constexpr int kRounds = 500;
@@ -46,7 +39,6 @@ TEST(FileMappingConcurrency, ThreadsMapAndUnmapTheirOwnViews) {
     for (auto& th : threads) th.join();
     EXPECT_EQ(0, failures.load());
     CloseHandle(h);
-    unlink(("/tmp/." + name).c_str());
 }
 
 }  // namespace

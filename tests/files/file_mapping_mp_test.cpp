@@ -2,25 +2,17 @@
 #include <fcntl.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "test_support.h"
-#include "tvcommonutil/files.h"
+#include "files_test_util.h"
 
 namespace {
 
-Handle* const kNoFile = reinterpret_cast<Handle*>(0xFFFFFFFFUL);
-
-std::string UniqueName() {
-    timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return "tvtest-mpmap-" + std::to_string(getpid()) + "-" + std::to_string(ts.tv_nsec);
-}
+Handle* const kNoFile = filestest::NoFile();
 
 // Opens the existing mapping (errno must say so), checks the parent's text
 // and answers in the second half.
@@ -39,25 +31,23 @@ TV_TEST_CHILD(mapping_reader) {
 }
 
 TEST(FileMappingMp, WrittenByOneProcessReadByAnother) {
-    std::string name = UniqueName();
-    const std::string path = "/tmp/." + name;
-    Handle* h = CreateFileMapping(kNoFile, nullptr, O_RDWR, 0, 4096, &name[0]);
+    filestest::MappingName m;
+    Handle* h = CreateFileMapping(kNoFile, nullptr, O_RDWR, 0, 4096, m.name());
     ASSERT_NE(nullptr, h);
     ASSERT_EQ(0, errno);
     char* view = static_cast<char*>(MapViewOfFile(h, PROT_WRITE, 0, 0, 4096));
     ASSERT_NE(nullptr, view);
     strcpy(view, "from parent");
 
-    EXPECT_EQ(0, tvtest::WaitChild(tvtest::SpawnChild("mapping_reader", {name})));
+    EXPECT_EQ(0, tvtest::WaitChild(tvtest::SpawnChild("mapping_reader", {m.name()})));
     EXPECT_STREQ("from child", view + 2048);
     // The file keeps what both wrote after every view is gone.
     EXPECT_EQ(1, UnmapViewOfFile(view));
     CloseHandle(h);
-    std::string contents = tvtest::ReadFile(path);
+    std::string contents = tvtest::ReadFile(m.path());
     ASSERT_EQ(4104u, contents.size());
     EXPECT_EQ(0, memcmp(contents.data() + 8, "from parent", 11));
     EXPECT_EQ(0, memcmp(contents.data() + 8 + 2048, "from child", 10));
-    unlink(path.c_str());
 }
 
 }  // namespace

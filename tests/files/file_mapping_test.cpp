@@ -5,41 +5,18 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "test_support.h"
-#include "tvcommonutil/files.h"
+#include "files_test_util.h"
 
 namespace {
 
-Handle* const kNoFile = reinterpret_cast<Handle*>(0xFFFFFFFFUL);
-
-// A mapping name no other test (or run) uses; the backing file is removed
-// when the object goes away.
-class MappingName {
-public:
-    MappingName() {
-        static std::atomic<int> counter{0};
-        timespec ts;
-        clock_gettime(CLOCK_REALTIME, &ts);
-        name_ = "tvtest-map-" + std::to_string(getpid()) + "-" + std::to_string(ts.tv_nsec) + "-" +
-                std::to_string(counter++);
-        path_ = "/tmp/." + name_;
-    }
-    ~MappingName() { unlink(path_.c_str()); }
-    char* name() { return &name_[0]; }
-    const std::string& path() const { return path_; }
-
-private:
-    std::string name_;
-    std::string path_;
-};
+using filestest::MappingName;
+Handle* const kNoFile = filestest::NoFile();
 
 off_t SizeOf(const std::string& path) {
     struct stat st;

@@ -16,9 +16,9 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-TEST(ProfileRead, ValuesKeepCommentsAndLoseOnePairOfQuotes) {
+TEST(ProfileRead, ValuesKeepCommentsAndLoseOnePairOfQuotesHeadersFollowTheCommentCut) {
     ProfileDir dir;
-    std::string f = dir.file("v.ini");
+    std::string f = dir.file("v.ini"), h = dir.file("h.ini");
     tvtest::WriteFile(f,
                       "[Main]\n"
                       "  k = v ; note  \n"
@@ -52,40 +52,25 @@ TEST(ProfileRead, ValuesKeepCommentsAndLoseOnePairOfQuotes) {
     // The key list holds bare lines and keys of commented values, not comments.
     EXPECT_EQ(Keys("Main", f), (Strings{"k", "quoted", "ticked", "apos", "Mixed Case Key", "eq",
                                         "flag", "empty", "dup", "dup"}));
-}
 
-TEST(ProfileRead, HeadersFollowTheCommentCutAndKeepTheirBlanks) {
-    ProfileDir dir;
-    std::string f = dir.file("h.ini");
-    tvtest::WriteFile(f,
-                      "; file comment\n"
-                      "\n"
-                      "top=level\n"
-                      "[Sec] ; note\n"
-                      "a=1\n"
-                      "[Se;c]\n"
-                      "b=2\n"
-                      "[ Spaced ]\n"
-                      "c=3\n"
-                      "[sec]\n"
-                      "a=shadowed\n"
-                      "[]\n"
-                      "d=4\n"
-                      "[Last]\n"
-                      "no-newline=1");
+    // Headers follow the comment cut and keep their blanks.
+    tvtest::WriteFile(
+        h,
+        "; file comment\n\ntop=level\n[Sec] ; note\na=1\n[Se;c]\nb=2\n[ Spaced ]\nc=3\n"
+        "[sec]\na=shadowed\n[]\nd=4\n[Last]\nno-newline=1");
     // "[Se;c]" is no header: it and b=2 belong to Sec.
-    EXPECT_EQ(Sections(f), (Strings{"Sec", " Spaced ", "sec", "Last"}));
-    EXPECT_EQ(Get("Sec", "b", f), "2");
-    EXPECT_EQ(Get("Sec", "a", f), "1");  // the first of two same-named sections
-    EXPECT_EQ(Keys("Sec", f), (Strings{"a", "[Se", "b"}));
-    EXPECT_EQ(Get("Spaced", "c", f), "<default>");
-    EXPECT_EQ(Get(" Spaced ", "c", f), "<default>");  // the argument is trimmed
-    EXPECT_EQ(Get("", "d", f), "4");                  // empty section name
+    EXPECT_EQ(Sections(h), (Strings{"Sec", " Spaced ", "sec", "Last"}));
+    EXPECT_EQ(Get("Sec", "b", h), "2");
+    EXPECT_EQ(Get("Sec", "a", h), "1");  // the first of two same-named sections
+    EXPECT_EQ(Keys("Sec", h), (Strings{"a", "[Se", "b"}));
+    EXPECT_EQ(Get("Spaced", "c", h), "<default>");
+    EXPECT_EQ(Get(" Spaced ", "c", h), "<default>");  // the argument is trimmed
+    EXPECT_EQ(Get("", "d", h), "4");                  // empty section name
     // Lines before the first header belong to no section.
-    EXPECT_EQ(Get("", "top", f), "<default>");
+    EXPECT_EQ(Get("", "top", h), "<default>");
     // The last line had no line feed and is not part of the file.
-    EXPECT_EQ(Keys("Last", f), Strings{});
-    EXPECT_EQ(Keys("Missing", f), Strings{});
+    EXPECT_EQ(Keys("Last", h), Strings{});
+    EXPECT_EQ(Keys("Missing", h), Strings{});
 }
 
 TEST(ProfileRead, LongLinesAndOddBytes) {
@@ -109,63 +94,53 @@ TEST(ProfileRead, ValueAndDefaultAreCutToTheBuffer) {
     ProfileDir dir;
     std::string f = dir.file("cut.ini");
     tvtest::WriteFile(f, "[S]\nk=abcdef\n");
-    char buf[16];
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(GetPrivateProfileString("S", "k", "", buf, 4, f.c_str()), 3u);
-    EXPECT_STREQ(buf, "abc");
-    EXPECT_EQ(buf[4], '#');
-    EXPECT_EQ(GetPrivateProfileString("S", "k", "", buf, 7, f.c_str()), 6u);
-    EXPECT_STREQ(buf, "abcdef");
-    EXPECT_EQ(GetPrivateProfileString("S", "none", "defaults", buf, 5, f.c_str()), 4u);
-    EXPECT_STREQ(buf, "defa");
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(GetPrivateProfileString("S", "k", "", buf, 0, f.c_str()), 0u);
-    EXPECT_EQ(buf[0], '#');  // nothing written into a zero-sized buffer
-    EXPECT_EQ(GetPrivateProfileString("S", "k", "", buf, 1, f.c_str()), 0u);
-    EXPECT_EQ(buf[0], '\0');
+    const struct {
+        const char* key;
+        unsigned long size, result;
+        const char* bytes;  // the buffer's first size + 1 bytes afterwards
+    } cases[] = {{"k", 4, 3, "abc\0#"},
+                 {"k", 7, 6, "abcdef\0#"},
+                 {"none", 5, 4, "defa\0#"},
+                 {"k", 0, 0, "#"},  // nothing written
+                 {"k", 1, 0, "\0#"}};
+    for (const auto& c : cases) {
+        char buf[16];
+        memset(buf, '#', sizeof buf);
+        EXPECT_EQ(GetPrivateProfileString("S", c.key, "defaults", buf, c.size, f.c_str()),
+                  c.result);
+        EXPECT_EQ(std::string(buf, c.size + 1), std::string(c.bytes, c.size + 1)) << c.size;
+    }
     EXPECT_EQ(GetPrivateProfileString("S", "k", "", nullptr, 10, f.c_str()), 0u);
 }
 
 TEST(ProfileRead, ListsFillTheBufferByTheSpareByteContract) {
     ProfileDir dir;
     std::string f = dir.file("list.ini");
-    tvtest::WriteFile(f, "[S]\naa=1\nbb=2\ncc=3\n");
+    tvtest::WriteFile(f, "[S]\naa=1\nbb=2\ncc=3\n[L]\naa=1\nlongkey=2\n");
     char buf[32];
-
+    auto list = [&](const char* section, char* at, unsigned long size) {
+        memset(buf, '#', sizeof buf);
+        return GetPrivateProfileString(section, nullptr, nullptr, at, size, f.c_str());
+    };
     // "aa\0bb\0cc\0" is 9 bytes: a size of 9 fits it exactly and the closing
     // NUL lands on buf[9], the caller's spare byte.
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf, 9, f.c_str()), 9u);
-    EXPECT_EQ(std::string(buf, 10), std::string("aa\0bb\0cc\0\0", 10));
-    EXPECT_EQ(buf[10], '#');
-
+    EXPECT_EQ(list("S", buf, 9), 9u);
+    EXPECT_EQ(std::string(buf, 11), std::string("aa\0bb\0cc\0\0#", 11));
     // One byte short: the last key is cut so that two NULs end the buffer.
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf, 8, f.c_str()), 6u);
-    EXPECT_EQ(std::string(buf, 8), std::string("aa\0bb\0\0\0", 8));
-    EXPECT_EQ(buf[8], '#');
-
-    // Room for part of a key: it is cut to remaining - 2 characters, and the
-    // buffer's last two bytes are NULs.
-    memset(buf, '#', sizeof buf);
-    tvtest::WriteFile(f = dir.file("list2.ini"), "[S]\naa=1\nlongkey=2\n");
-    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf, 8, f.c_str()), 6u);
+    EXPECT_EQ(list("S", buf, 8), 6u);
+    EXPECT_EQ(std::string(buf, 9), std::string("aa\0bb\0\0\0#", 9));
+    // Room for part of a key: it is cut to remaining - 2 characters.
+    EXPECT_EQ(list("L", buf, 8), 6u);
     EXPECT_EQ(std::string(buf, 8), std::string("aa\0lon\0\0", 8));
-
     // Tiny buffers never see a write before buf[0] or past the spare byte.
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf + 4, 2, f.c_str()), 0u);
+    EXPECT_EQ(list("L", buf + 4, 2), 0u);
     EXPECT_EQ(std::string(buf + 3, 4), std::string("#\0\0#", 4));
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, buf + 4, 1, f.c_str()), 0u);
+    EXPECT_EQ(list("L", buf + 4, 1), 0u);
     EXPECT_EQ(std::string(buf + 3, 3), std::string("#\0#", 3));
-
     // Section names list the same way; a missing section gives an empty list.
-    tvtest::WriteFile(f = dir.file("secs.ini"), "[One]\n[Two]\n");
-    EXPECT_EQ(GetPrivateProfileString(nullptr, "ignored", nullptr, buf, 8, f.c_str()), 8u);
-    EXPECT_EQ(std::string(buf, 9), std::string("One\0Two\0\0", 9));
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(GetPrivateProfileString("None", nullptr, "dflt", buf, 8, f.c_str()), 0u);
+    EXPECT_EQ(GetPrivateProfileString(nullptr, "ignored", nullptr, buf, 4, f.c_str()), 4u);
+    EXPECT_EQ(std::string(buf, 5), std::string("S\0L\0\0", 5));
+    EXPECT_EQ(list("None", buf, 8), 0u);
     EXPECT_EQ(buf[0], '\0');
 }
 
@@ -208,36 +183,6 @@ TEST(ProfileRead, NoticesAnyRewriteAndKeepsItsOwnPendingChangesOnTop) {
     EXPECT_EQ(Get("S", "k", f), "<default>");
 }
 
-TEST(ProfileRead, TablesHoldTheTrimmedLinesVerbatim) {
-    ProfileDir dir;
-    std::string f = dir.file("t.ini");
-    tvtest::WriteFile(f, "  ; head  \n\n[A] ; c\n  x = 1 ; y  \n\n[B]\n");
-    tv::detail::ProfileMutexHolder hold(tv::detail::yuProfileMutex);
-    EXPECT_FALSE(tv::detail::ProfileMutexNeedsInit());
-    ASSERT_EQ(tv::detail::ReadIniFile(f.c_str(), &tv::detail::pYUFileTable), 1);
-    tv::detail::yufiletable* t = tv::detail::pYUFileTable;
-    EXPECT_STREQ(t->name, f.c_str());
-    EXPECT_EQ(t->dirty, 0);
-    EXPECT_EQ(t->cached.ctim.tv_sec, profiletest::CtimeOf(f));
-    ASSERT_EQ(t->headerCount, 2);
-    EXPECT_STREQ(t->headerLines[0], "; head");
-    EXPECT_STREQ(t->headerLines[1], "");
-    ASSERT_EQ(t->sectionCount, 2);
-    EXPECT_STREQ(t->sections[0]->name, "A");
-    EXPECT_STREQ(t->sections[0]->headerLine, "[A] ; c");
-    ASSERT_EQ(t->sections[0]->lineCount, 2);
-    EXPECT_STREQ(t->sections[0]->lines[0], "x = 1 ; y");
-    EXPECT_STREQ(t->sections[0]->lines[1], "");
-    EXPECT_EQ(t->sections[1]->lineCount, 0);
-    // Arrays grow in steps of 8 with null slots beyond the count.
-    EXPECT_EQ(t->sections[2], nullptr);
-    EXPECT_EQ(t->sections[7], nullptr);
-
-    EXPECT_EQ(tv::detail::yuFreeProfileStructures(f.c_str()), 1);
-    EXPECT_EQ(tv::detail::yuFreeProfileStructures(f.c_str()), 0);
-    EXPECT_EQ(tv::detail::ReadIniFile((f + ".none").c_str(), &tv::detail::pYUFileTable), 0);
-}
-
 TEST(ProfileRead, FilesBeyondTheSixteenBitCountsAreRefused) {
     ProfileDir dir;
     std::string f = dir.file("big.ini");
@@ -251,10 +196,6 @@ TEST(ProfileRead, FilesBeyondTheSixteenBitCountsAreRefused) {
     EXPECT_EQ(Get("S", "last", f), "<default>");  // never a partial table
     EXPECT_EQ(WritePrivateProfileString("S", "k", "v", f.c_str()), 0);
 }
-
-}  // namespace
-
-namespace {
 
 TEST(ProfileRead, IntSectionAndSectionNamesReaders) {
     ProfileDir dir;
@@ -274,11 +215,9 @@ TEST(ProfileRead, IntSectionAndSectionNamesReaders) {
     EXPECT_EQ(profiletest::SplitList(buf, n),
               (Strings{"dec = 42 ; note", "hex=0x1F", "neg=-5", "text=abc", "bare"}));
     // Too small: cut, two closing NULs inside the buffer, result size - 2.
-    buf[10] = 'X';
+    memset(buf, 'X', sizeof buf);
     EXPECT_EQ(GetPrivateProfileSection("N", buf, 10, f.c_str()), 8u);
-    EXPECT_EQ(buf[8], '\0');
-    EXPECT_EQ(buf[9], '\0');
-    EXPECT_EQ(buf[10], 'X');
+    EXPECT_EQ(std::string(buf, 11), std::string("dec = 42\0\0X", 11));
     EXPECT_EQ(GetPrivateProfileSection("none", buf, sizeof buf, f.c_str()), 0u);
     EXPECT_EQ(buf[0], '\0');
 

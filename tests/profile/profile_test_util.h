@@ -2,8 +2,6 @@
 #ifndef TV_TESTS_PROFILE_TEST_UTIL_H
 #define TV_TESTS_PROFILE_TEST_UTIL_H
 
-#include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <set>
@@ -77,20 +75,6 @@ inline std::vector<std::string> Keys(const char* section, const std::string& fil
 
 inline std::vector<std::string> Sections(const std::string& file) {
     return Keys(nullptr, file);
-}
-
-// Waits until the wall clock is in a later second than `second`, so that the
-// next change of a file gets a status-change time a read can tell apart.
-inline void WaitPastSecond(time_t second) {
-    while (time(nullptr) <= second) {
-        struct timespec ts = {0, 20 * 1000 * 1000};
-        nanosleep(&ts, nullptr);
-    }
-}
-
-inline time_t CtimeOf(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_ctime : 0;
 }
 
 }  // namespace profiletest

@@ -7,7 +7,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -29,77 +28,47 @@ std::string Unquote(const char* in, int* result) {
     return std::string(s.c_str());
 }
 
-TEST(ProfileText, WhitespaceIsExactlyFourCharacters) {
-    EXPECT_EQ(_yuIsSpace(' '), 1);
-    EXPECT_EQ(_yuIsSpace('\t'), 1);
-    EXPECT_EQ(_yuIsSpace('\n'), 1);
-    EXPECT_EQ(_yuIsSpace('\r'), 1);
-    EXPECT_EQ(_yuIsSpace('\v'), 0);
-    EXPECT_EQ(_yuIsSpace('\f'), 0);
-    EXPECT_EQ(_yuIsSpace('\0'), 0);
-    EXPECT_EQ(_yuIsSpace(static_cast<char>(0xA0)), 0);  // no-break space byte
-
+TEST(ProfileText, WhitespaceIsExactlyFourCharactersAndQuotesHaveTwoForms) {
+    for (char c : {' ', '\t', '\n', '\r'}) EXPECT_EQ(_yuIsSpace(c), 1) << int(c);
+    // Vertical tab, form feed and the no-break space byte are data.
+    for (char c : {'\v', '\f', '\0', static_cast<char>(0xA0)})
+        EXPECT_EQ(_yuIsSpace(c), 0) << int(c);
     EXPECT_EQ(Strip("  \t a b \r\n"), "a b");
     EXPECT_EQ(Strip(" \t\r\n "), "");
-    EXPECT_EQ(Strip(""), "");
-    EXPECT_EQ(Strip("x"), "x");
-    EXPECT_EQ(Strip("\va\f"), "\va\f");  // vertical tab and form feed are data
     EXPECT_EQ(strip_spaces(nullptr), nullptr);
-
     std::string c = "value ; note ; more";
     EXPECT_STREQ(strip_comments(&c[0]), "value");
-    std::string all = "; just a comment";
-    EXPECT_STREQ(strip_comments(&all[0]), "");
-}
 
-TEST(ProfileText, QuotesHaveExactlyTwoForms) {
-    int r = -1;
-    EXPECT_EQ(Unquote("\"  inner text  \"", &r), "inner text");
-    EXPECT_EQ(r, 1);
-    EXPECT_EQ(Unquote("`  ticked  '", &r), "ticked");
-    EXPECT_EQ(r, 1);
-    // Closed by the last apostrophe anywhere, not necessarily at the end.
-    EXPECT_EQ(Unquote("`it's here' tail", &r), "it's here");
-    EXPECT_EQ(r, 1);
-    EXPECT_EQ(Unquote("'apostrophes'", &r), "'apostrophes'");
-    EXPECT_EQ(r, 0);
-    EXPECT_EQ(Unquote("`unclosed", &r), "`unclosed");
-    EXPECT_EQ(r, 0);
-    EXPECT_EQ(Unquote("\"open only", &r), "\"open only");
-    EXPECT_EQ(r, 0);
-    EXPECT_EQ(Unquote("\"", &r), "");  // one character that both opens and closes
-    EXPECT_EQ(r, 1);
-    EXPECT_EQ(Unquote("\"\"", &r), "");
-    EXPECT_EQ(r, 1);
+    const struct {
+        const char* in;
+        const char* out;
+        int result;
+    } quotes[] = {
+        {"\"  inner text  \"", "inner text", 1},
+        {"`  ticked  '", "ticked", 1},
+        {"`it's here' tail", "it's here", 1},  // closed by the last apostrophe anywhere
+        {"'apostrophes'", "'apostrophes'", 0},
+        {"`unclosed", "`unclosed", 0},
+        {"\"open only", "\"open only", 0},
+        {"\"", "", 1},  // one character that both opens and closes
+        {"\"\"", "", 1},
+    };
+    for (const auto& q : quotes) {
+        int r = -1;
+        EXPECT_EQ(Unquote(q.in, &r), q.out) << q.in;
+        EXPECT_EQ(r, q.result) << q.in;
+    }
     EXPECT_EQ(strip_quotes(nullptr), 0);
 }
 
-TEST(ProfileText, StrncpyAlwaysTerminates) {
-    char buf[8];
-    memset(buf, 'x', sizeof buf);
-    yuStrncpy(buf, "abcdefghij", 5);
-    EXPECT_STREQ(buf, "abcde");
-    EXPECT_EQ(buf[6], 'x');  // n + 1 bytes at most
-    yuStrncpy(buf, "ab", 5);
-    EXPECT_STREQ(buf, "ab");
-    yuStrncpy(buf, "abc", 0);
-    EXPECT_STREQ(buf, "");
-}
-
-TEST(ProfileText, LockNameFlattensThePath) {
+TEST(ProfileText, LockNameFlattensThePathAndTheLockBreaksWhenItsHolderIsGone) {
     char out[kProfileLockNameSize];
     ASSERT_TRUE(BuildProfileLockName("/etc/app.ini", out, sizeof out));
     EXPECT_STREQ(out, "/tmp/-etc-app.ini-lock");
-    ASSERT_TRUE(BuildProfileLockName("rel/x.ini", out, sizeof out));
-    EXPECT_STREQ(out, "/tmp/rel-x.ini-lock");
-    std::string longest(255, 'a');
-    EXPECT_TRUE(BuildProfileLockName(longest.c_str(), out, sizeof out));
-    std::string tooLong(256, 'a');
-    EXPECT_FALSE(BuildProfileLockName(tooLong.c_str(), out, sizeof out));
+    EXPECT_TRUE(BuildProfileLockName(std::string(255, 'a').c_str(), out, sizeof out));
+    EXPECT_FALSE(BuildProfileLockName(std::string(256, 'a').c_str(), out, sizeof out));
     EXPECT_FALSE(BuildProfileLockName(nullptr, out, sizeof out));
-}
 
-TEST(ProfileText, LockIsExclusiveAndBreaksWhenItsHolderIsGone) {
     profiletest::ProfileDir dir;
     std::string lock = profiletest::LockPathFor(dir.file("p.ini"));
     ASSERT_EQ(yuLock(lock.c_str()), 1);
@@ -124,20 +93,13 @@ TEST(ProfileText, LockIsExclusiveAndBreaksWhenItsHolderIsGone) {
     EXPECT_EQ(yuLock((dir.path() + "/no/such/dir/lock").c_str()), 0);
 }
 
-TEST(ProfileText, TvFopenBehavesAsFopen) {
+TEST(ProfileText, TvFopenTakesNoConversionFlags) {
     profiletest::ProfileDir dir;
     std::string p = dir.file("f.txt");
-    EXPECT_EQ(TvFopen(p.c_str(), "r", 0), nullptr);
-    EXPECT_EQ(errno, ENOENT);
-    FILE* w = TvFopen(p.c_str(), "w", 0);
-    ASSERT_NE(w, nullptr);
-    fputs("data\n", w);
-    fclose(w);
-    EXPECT_EQ(tvtest::ReadFile(p), "data\n");
-    w = TvFopen(p.c_str(), "w", 0);  // truncates like fopen
-    ASSERT_NE(w, nullptr);
-    fclose(w);
-    EXPECT_EQ(tvtest::ReadFile(p), "");
+    errno = 0;
+    EXPECT_EQ(TvFopen(p.c_str(), "w", 1), nullptr);
+    EXPECT_EQ(errno, ERROR_INVALID_PARAMETER);
+    EXPECT_FALSE(tvtest::FileExists(p));
 }
 
 }  // namespace

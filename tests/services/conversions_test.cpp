@@ -44,6 +44,8 @@ TEST(AsciiEncode, HexToBinaryChecksLengthsButNotDigits) {
     EXPECT_EQ(1, CTvAsciiEncode::Hex2Binary(U("g1"), 2, dst, 1));
     EXPECT_EQ(0x01, dst[0]);
     EXPECT_EQ(-3, CTvAsciiEncode::Hex2Binary(U("abc"), 3, dst, 4));
+    EXPECT_EQ(-3, CTvAsciiEncode::Hex2Binary(U("a"), 1, dst, 4));  // one digit is odd too
+    EXPECT_EQ(0x01, dst[0]);
     EXPECT_EQ(-1, CTvAsciiEncode::Hex2Binary(U("ab"), -2, dst, 4));
     // 2 * dstLen < srcLen: refused before anything is written.
     memset(dst, 0xEE, sizeof(dst));
@@ -110,44 +112,32 @@ TEST(IntegerText, ItoaAndI64toaKnowOnlyDecimalAndHex) {
     EXPECT_EQ(nullptr, i64toa(1, buf, 36));
 }
 
+// Value, radix, text; ... Hex and octal show the low 32 bits only and drop
+// the sign; the other radixes run on 32-bit powers and stop after 32 digits;
+// LONG_MIN cannot be negated, leaving only the decimal sign.
 TEST(IntegerText, LtoaDigitsSignsAndRadixes) {
-    EXPECT_EQ("ffffff01", Ltoa(-255, 16));
-    EXPECT_EQ("11111111", Ltoa(-255, 2));  // the sign is dropped outside radix 10
-    EXPECT_EQ("-255", Ltoa(-255, 10));
-    EXPECT_EQ("377", Ltoa(255, 8));
-    EXPECT_EQ("37777777777", Ltoa(-1, 8));
-    EXPECT_EQ("z", Ltoa(35, 36));
-    EXPECT_EQ("10", Ltoa(36, 36));
-    EXPECT_EQ("zzz", Ltoa(46655, 36));
-    EXPECT_EQ("zzz", Ltoa(-46655, 36));
-    EXPECT_EQ("zik0zj", Ltoa(INT_MAX, 36));
-    EXPECT_EQ("2147483647", Ltoa(INT_MAX, 10));
-    EXPECT_EQ("-2147483648", Ltoa(INT_MIN, 10));
-    EXPECT_EQ(std::string(31, '1'), Ltoa(INT_MAX, 2));
-    EXPECT_EQ("0", Ltoa(0, 2));
-    EXPECT_EQ("0", Ltoa(0, 36));
-    EXPECT_EQ("", Ltoa(0, 1));
-    EXPECT_EQ("", Ltoa(12, 37));
-    EXPECT_EQ("", Ltoa(12, -10));
+    const std::string ones31(31, '1'), zeros32(32, '0');
+    const struct {
+        long value;
+        int radix;
+        const char* text;
+    } cases[] = {// clang-format off
+        {-255, 16, "ffffff01"}, {-255, 2, "11111111"}, {-255, 10, "-255"}, {255, 8, "377"},
+        {-1, 8, "37777777777"}, {35, 36, "z"}, {36, 36, "10"}, {46655, 36, "zzz"},
+        {-46655, 36, "zzz"}, {INT_MAX, 36, "zik0zj"}, {INT_MAX, 10, "2147483647"},
+        {INT_MIN, 10, "-2147483648"}, {INT_MAX, 2, ones31.c_str()}, {0, 2, "0"}, {0, 36, "0"},
+        {0, 1, ""}, {12, 37, ""}, {12, -10, ""}, {0x1234567890L, 16, "34567890"},
+        {0x100000000L, 8, "0"}, {-1, 16, "ffffffff"},
+        {LONG_MAX, 10, "00000000000000000000001854775807"},
+        {0x100000000L, 10, "00000000000000000000001294967296"},
+        {0x80000000L, 2, zeros32.c_str()}, {1L << 40, 36, "00000000000000000000000000ywu1og"},
+        {1000000000000L, 3, "00000000000001011201102102111001"}, {LONG_MIN, 10, "-"},
+        {LONG_MIN, 2, ""}, {LONG_MIN, 16, "0"}};
+    // clang-format on
+    for (const auto& c : cases)
+        EXPECT_EQ(c.text, Ltoa(c.value, c.radix)) << c.value << " " << c.radix;
     EXPECT_EQ(nullptr, _ltoa(1, nullptr, 10));
     EXPECT_EQ(nullptr, fallback_ltoa(1, nullptr, 2));
-}
-
-TEST(IntegerText, LtoaBeyondThirtyTwoBitsKeepsItsOldDigits) {
-    // Hex and octal show the low 32 bits only.
-    EXPECT_EQ("34567890", Ltoa(0x1234567890L, 16));
-    EXPECT_EQ("0", Ltoa(0x100000000L, 8));
-    EXPECT_EQ("ffffffff", Ltoa(-1, 16));
-    // The other radixes run on 32-bit powers and stop after 32 digits.
-    EXPECT_EQ("00000000000000000000001854775807", Ltoa(LONG_MAX, 10));
-    EXPECT_EQ("00000000000000000000001294967296", Ltoa(0x100000000L, 10));
-    EXPECT_EQ(std::string(32, '0'), Ltoa(0x80000000L, 2));
-    EXPECT_EQ("00000000000000000000000000ywu1og", Ltoa(1L << 40, 36));
-    EXPECT_EQ("00000000000001011201102102111001", Ltoa(1000000000000L, 3));
-    // LONG_MIN cannot be negated: only the decimal sign is left.
-    EXPECT_EQ("-", Ltoa(LONG_MIN, 10));
-    EXPECT_EQ("", Ltoa(LONG_MIN, 2));
-    EXPECT_EQ("0", Ltoa(LONG_MIN, 16));
 }
 
 TEST(CaseConversion, InPlaceUpToTheTerminator) {

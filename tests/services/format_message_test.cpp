@@ -102,19 +102,20 @@ TEST(FormatMessage, SizeRule) {
 
 TEST(FormatMessage, FlagsSourceAndAllocation) {
     char out[64];
-    // Inserts ignored: copied whole, the NUL counted in the result.
-    EXPECT_EQ(4, FormatMessage(FORMAT_MESSAGE_FROM_STRING | FORMAT_MESSAGE_IGNORE_INSERTS, "abc", 0,
-                               0, out, sizeof(out), nullptr));
+    auto fm = [&](unsigned long flags, const char* text, unsigned long id, char* buf,
+                  unsigned long size) {
+        return FormatMessage(flags, text, id, 0, buf, size, nullptr);
+    };
+    const unsigned long kIgnore = FORMAT_MESSAGE_FROM_STRING | FORMAT_MESSAGE_IGNORE_INSERTS;
+    // Inserts ignored: copied whole, the NUL counted in the result...
+    EXPECT_EQ(4, fm(kIgnore, "abc", 0, out, sizeof(out)));
     EXPECT_STREQ("abc", out);
-    EXPECT_EQ(7, FormatMessage(FORMAT_MESSAGE_FROM_STRING | FORMAT_MESSAGE_IGNORE_INSERTS, "a%1%nb",
-                               0, 0, out, sizeof(out), nullptr));
+    EXPECT_EQ(7, fm(kIgnore, "a%1%nb", 0, out, sizeof(out)));
     EXPECT_STREQ("a%1%nb", out);
     // ...but the copy never passes the buffer.
     char small[4] = {'#', '#', '#', '#'};
-    EXPECT_EQ(7, FormatMessage(FORMAT_MESSAGE_FROM_STRING | FORMAT_MESSAGE_IGNORE_INSERTS, "abcdef",
-                               0, 0, small, 3, nullptr));
-    EXPECT_STREQ("ab", small);
-    EXPECT_EQ('#', small[3]);
+    EXPECT_EQ(7, fm(kIgnore, "abcdef", 0, small, 3));
+    EXPECT_EQ(std::string("ab\0#", 4), std::string(small, 4));
 
     // Without a string source the system flag gives the C library's text of
     // the code; anything else gives "Unknown Error". Inserts are ignored.
@@ -122,35 +123,33 @@ TEST(FormatMessage, FlagsSourceAndAllocation) {
         char want[256];
         const std::string text = strerror_r(static_cast<int>(id), want, sizeof want);
         EXPECT_EQ(static_cast<int>(text.size() + 1),
-                  FormatMessage(FORMAT_MESSAGE_FROM_SYSTEM, "ignored %1", id, 0, out, sizeof(out),
-                                nullptr));
+                  fm(FORMAT_MESSAGE_FROM_SYSTEM, "ignored %1", id, out, sizeof(out)));
         EXPECT_EQ(text, out);
     }
-    EXPECT_EQ(14, FormatMessage(FORMAT_MESSAGE_FROM_HMODULE, nullptr, ENOENT, 0, out, sizeof(out),
-                                nullptr));
+    EXPECT_EQ(14, fm(FORMAT_MESSAGE_FROM_HMODULE, nullptr, ENOENT, out, sizeof(out)));
     EXPECT_STREQ("Unknown Error", out);
-    EXPECT_EQ(14,
-              FormatMessage(FORMAT_MESSAGE_FROM_STRING, nullptr, 0, 0, out, sizeof(out), nullptr));
+    EXPECT_EQ(14, fm(FORMAT_MESSAGE_FROM_STRING, nullptr, 0, out, sizeof(out)));
     EXPECT_STREQ("Unknown Error", out);
-    EXPECT_EQ(0, FormatMessage(FORMAT_MESSAGE_FROM_STRING, "abc", 0, 0, nullptr, 10, nullptr));
+    EXPECT_EQ(0, fm(FORMAT_MESSAGE_FROM_STRING, "abc", 0, nullptr, 10));
 
     // Allocation: buffer receives a malloc'd copy; size is not consulted.
-    unsigned long args[] = {Arg("world")};
-    char* allocated = nullptr;
-    EXPECT_EQ(12, FormatMessage(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_STRING |
-                                    FORMAT_MESSAGE_ARGUMENT_ARRAY,
-                                "hello %1", 0, 0, reinterpret_cast<char*>(&allocated), 0,
-                                reinterpret_cast<va_list*>(args)));
-    ASSERT_NE(nullptr, allocated);
-    EXPECT_STREQ("hello world\n", allocated);
-    free(allocated);
     // The internal area bounds an allocated message at 8191 characters.
+    unsigned long args[] = {Arg("world")};
     std::string big(10000, 'z');
-    allocated = nullptr;
-    EXPECT_EQ(8191,
-              FormatMessage(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_STRING,
-                            big.c_str(), 0, 0, reinterpret_cast<char*>(&allocated), 0, nullptr));
-    ASSERT_NE(nullptr, allocated);
-    EXPECT_EQ(8191u, strlen(allocated));
-    free(allocated);
+    const struct {
+        const char* text;
+        int result;
+        std::string expected;
+    } allocs[] = {{"hello %1", 12, "hello world\n"}, {big.c_str(), 8191, std::string(8191, 'z')}};
+    for (const auto& c : allocs) {
+        char* allocated = nullptr;
+        EXPECT_EQ(c.result,
+                  FormatMessage(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_STRING |
+                                    FORMAT_MESSAGE_ARGUMENT_ARRAY,
+                                c.text, 0, 0, reinterpret_cast<char*>(&allocated), 0,
+                                reinterpret_cast<va_list*>(args)));
+        ASSERT_NE(nullptr, allocated);
+        EXPECT_EQ(c.expected, allocated);
+        free(allocated);
+    }
 }

@@ -34,9 +34,6 @@ TEST(LoadRegion, PublishLimitsAndReset) {
     ASSERT_NE(nullptr, mapping);
     ASSERT_NE(nullptr, region);
     EXPECT_EQ(-1, KwGetServerLoad(region));
-    EXPECT_EQ(0, region->reserved248);
-    EXPECT_EQ(-1, region->reserved256);
-    EXPECT_EQ(0, region->reserved264);
 
     EXPECT_EQ(1, KwSetServerLoad(100, &region->load));
     EXPECT_EQ(100, KwGetServerLoad(region));

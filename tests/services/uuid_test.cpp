@@ -4,6 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <regex>
 #include <string>
 
 #include <tvcommonutil.h>
@@ -58,17 +59,10 @@ TEST(Uuid, CreatedIdentifiersCarryClockNodeAndMarkers) {
         EXPECT_TRUE(secondsMatch);
         long id = gethostid();
         EXPECT_EQ(0, memcmp(&g.Data4[2], &id, 6));
-        std::string t = Text(g);
-        ASSERT_EQ(36u, t.size());
-        EXPECT_EQ('1', t[14]);
-        EXPECT_NE(std::string::npos, std::string("89ab").find(t[19])) << t;
-        for (size_t i = 0; i < t.size(); ++i) {
-            if (i == 8 || i == 13 || i == 18 || i == 23) {
-                EXPECT_EQ('-', t[i]);
-            } else {
-                EXPECT_TRUE(isdigit(t[i]) || (t[i] >= 'a' && t[i] <= 'f')) << t;
-            }
-        }
+        // Version 1, the variant's top bits 10, lower-case hex.
+        const std::regex form(
+            "[0-9a-f]{8}-[0-9a-f]{4}-1[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+        EXPECT_TRUE(std::regex_match(Text(g), form)) << Text(g);
     }
     // The clock sequence is set once per process.
     EXPECT_EQ(a.Data4[0], b.Data4[0]);
@@ -105,22 +99,21 @@ TEST(Uuid, TextRoundTripsAndParseQuirks) {
     EXPECT_EQ("90abcdef", Text(back).substr(0, 8));
 
     // A ninth character other than '-' is the nil identifier, with success;
-    // so is a text too short to have one. The record is cleared either way.
-    memset(&back, 0xAB, sizeof(back));
-    EXPECT_EQ(0, Parse("{0123ABCD-4567-89ef-A0b1-c2d3e4f5a6b7}", &back));
-    EXPECT_TRUE(IsNil(back));
-    memset(&back, 0xAB, sizeof(back));
-    EXPECT_EQ(0, Parse("abc", &back));
-    EXPECT_TRUE(IsNil(back));
-
-    // Empty, null and malformed texts fail, leaving the record zero.
-    memset(&back, 0xAB, sizeof(back));
-    EXPECT_EQ(1, Parse("", &back));
-    EXPECT_TRUE(IsNil(back));
+    // so is a text too short to have one. Empty and malformed texts fail.
+    // The record is cleared either way.
+    const struct {
+        const char* text;
+        long result;
+    } nils[] = {{"{0123ABCD-4567-89ef-A0b1-c2d3e4f5a6b7}", 0},
+                {"abc", 0},
+                {"", 1},
+                {"0123abcd-4567-89ef-a0b1-c2d3e4f5a6", 1}};
+    for (const auto& c : nils) {
+        memset(&back, 0xAB, sizeof(back));
+        EXPECT_EQ(c.result, Parse(c.text, &back)) << c.text;
+        EXPECT_TRUE(IsNil(back)) << c.text;
+    }
     EXPECT_EQ(1, UuidFromString(nullptr, &back));
-    memset(&back, 0xAB, sizeof(back));
-    EXPECT_EQ(1, Parse("0123abcd-4567-89ef-a0b1-c2d3e4f5a6", &back));
-    EXPECT_TRUE(IsNil(back));
     EXPECT_EQ(1, Parse("0123abcd-xyz7-89ef-a0b1-c2d3e4f5a6b7", &back));
 
     unsigned char* none = nullptr;
@@ -128,51 +121,42 @@ TEST(Uuid, TextRoundTripsAndParseQuirks) {
     EXPECT_EQ(1, UuidToString(nullptr, &none));
 }
 
+// Data1 decides before any later field; the Data4 bytes compare as unsigned,
+// first byte first.
 TEST(Uuid, CompareOrdersFieldsUnsignedAndInPriority) {
-    _GUID a, b;
-    memset(&a, 0, sizeof(a));
-    memset(&b, 0, sizeof(b));
-    long status = 42;
-    EXPECT_EQ(0, UuidCompare(&a, &b, &status));
-    EXPECT_EQ(0, status);
-
-    // Data1 decides before any later field.
-    a.Data1 = 2;
-    b.Data1 = 1;
-    b.Data2 = 0xFFFF;
-    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
-    EXPECT_EQ(-1, UuidCompare(&b, &a, &status));
-    b.Data1 = 2;
-    EXPECT_EQ(-1, UuidCompare(&a, &b, &status));
-    b.Data2 = 0;
-    a.Data3 = 1;
-    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
-    b.Data3 = 1;
-    // Data4 bytes compare as unsigned, first byte first.
-    a.Data4[0] = 0x80;
-    b.Data4[0] = 0x7F;
-    b.Data4[7] = 0xFF;
-    EXPECT_EQ(1, UuidCompare(&a, &b, &status));
-    b.Data4[0] = 0x80;
-    EXPECT_EQ(-1, UuidCompare(&a, &b, &status));
+    const struct {
+        const char *a, *b;
+        int expected;
+    } cases[] = {
+        {"00000000-0000-0000-0000-000000000000", "00000000-0000-0000-0000-000000000000", 0},
+        {"00000002-0000-0000-0000-000000000000", "00000001-ffff-0000-0000-000000000000", 1},
+        {"00000001-ffff-0000-0000-000000000000", "00000002-0000-0000-0000-000000000000", -1},
+        {"00000002-0000-0000-0000-000000000000", "00000002-ffff-0000-0000-000000000000", -1},
+        {"00000002-0000-0001-0000-000000000000", "00000002-0000-0000-0000-000000000000", 1},
+        {"00000002-0000-0001-8000-000000000000", "00000002-0000-0001-7f00-0000000000ff", 1},
+        {"00000002-0000-0001-8000-000000000000", "00000002-0000-0001-8000-0000000000ff", -1}};
+    for (const auto& c : cases) {
+        _GUID a, b;
+        ASSERT_EQ(0, Parse(c.a, &a));
+        ASSERT_EQ(0, Parse(c.b, &b));
+        long status = 42;
+        EXPECT_EQ(c.expected, UuidCompare(&a, &b, &status)) << c.a << " " << c.b;
+        EXPECT_EQ(0, status);
+    }
 }
 
 TEST(Uuid, RpcStringFreeRefusesEmptyStrings) {
-    unsigned char* empty = static_cast<unsigned char*>(malloc(1));
-    empty[0] = '\0';
-    EXPECT_EQ(1, RpcStringFree(&empty));
-    EXPECT_NE(nullptr, empty);  // not freed, not reset
-    free(empty);
+    unsigned char empty[1] = {0};
+    unsigned char* p = empty;
+    EXPECT_EQ(1, RpcStringFree(&p));
+    EXPECT_EQ(empty, p);  // not freed, not reset
     unsigned char* null = nullptr;
     EXPECT_EQ(1, RpcStringFree(&null));
-
-    _GUID g;
-    memset(&g, 0, sizeof(g));
-    unsigned char* s = nullptr;
-    ASSERT_EQ(0, UuidToString(&g, &s));
-    unsigned char* kept = s;
-    EXPECT_EQ(0, RpcStringFree(&s));
-    EXPECT_EQ(kept, s);
+    _GUID g = {};
+    ASSERT_EQ(0, UuidToString(&g, &p));
+    unsigned char* kept = p;
+    EXPECT_EQ(0, RpcStringFree(&p));
+    EXPECT_EQ(kept, p);  // freed but not reset
 }
 
 TEST(Uuid, ClockReadingsOrderSecondsFirst) {
