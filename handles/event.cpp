@@ -82,7 +82,7 @@ unsigned long Event::WaitForHandle(unsigned long ms, int alertable) {
     return tv::detail::WaitCore(1, &self, &h, false, ms, alertable);
 }
 
-int Event::Signal(bool pulse) {
+int Event::Raise(bool pulse) {
     unsigned v = __atomic_load_n(&state_, __ATOMIC_ACQUIRE);
     while (!(v & kSleepers)) {
         // Nobody sleeps here: no lock needed. A pulse then releases nobody.
@@ -101,7 +101,7 @@ int Event::Signal(bool pulse) {
 }
 
 int Event::Set() {
-    return Signal(false);
+    return Raise(false);
 }
 
 int Event::Reset() {
@@ -110,7 +110,7 @@ int Event::Reset() {
 }
 
 int Event::Pulse() {
-    return Signal(true);
+    return Raise(true);
 }
 
 Event* Event::GetSynch(int& signalled) {

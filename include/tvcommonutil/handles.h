@@ -382,7 +382,7 @@ public:
     void SleepersChangedLocked(bool any) override TV_REQUIRES(lock_);
 
 private:
-    int Signal(bool pulse);
+    int Raise(bool pulse);
 
     long data_;
     long lastData_;
