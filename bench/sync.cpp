@@ -3,7 +3,8 @@
 //     lock/unlock;
 //  2. semaphore ping-pong between two threads (release on one, wait on the
 //     other, and back) vs the same ping-pong on a mutex + condition variable
-//     counter;
+//     counter and on raw futex words, with the threads on two CPUs (/0) and
+//     on one (/1);
 //  3. thread-pool throughput of empty work items vs a minimal mutex +
 //     condition variable work queue with the same number of threads.
 #include <benchmark/benchmark.h>
@@ -45,28 +46,19 @@ void BM_RawMutexLockUnlock(benchmark::State& state) {
 BENCHMARK(BM_RawMutexLockUnlock);
 
 // --- 2. semaphore ping-pong ------------------------------------------------
+// A library semaphore with the Set()/Wait() shape of the floors.
+struct LibSemaphore {
+    Handle* h = CreateSemaphore(nullptr, 0, 1, nullptr);
+    ~LibSemaphore() { CloseHandle(h); }
+    void Set() { ReleaseSemaphore(h, 1, nullptr); }
+    void Wait() { WaitForSingleObjectEx(h, INFINITE, FALSE); }
+};
+
 void BM_SemaphorePingPong(benchmark::State& state) {
-    Handle* ping = CreateSemaphore(nullptr, 0, 1, nullptr);
-    Handle* pong = CreateSemaphore(nullptr, 0, 1, nullptr);
-    std::atomic<bool> stop{false};
-    std::thread peer([&] {
-        for (;;) {
-            WaitForSingleObjectEx(ping, INFINITE, FALSE);
-            if (stop) break;
-            ReleaseSemaphore(pong, 1, nullptr);
-        }
-    });
-    for (auto _ : state) {
-        ReleaseSemaphore(ping, 1, nullptr);
-        WaitForSingleObjectEx(pong, INFINITE, FALSE);
-    }
-    stop = true;
-    ReleaseSemaphore(ping, 1, nullptr);
-    peer.join();
-    CloseHandle(ping);
-    CloseHandle(pong);
+    LibSemaphore ping, pong;
+    tvbench::PingPong(state, ping, pong);
 }
-BENCHMARK(BM_SemaphorePingPong)->UseRealTime();
+BENCHMARK(BM_SemaphorePingPong)->Arg(0)->Arg(1)->UseRealTime();
 
 // A counting semaphore in its plainest form.
 struct RawCounter {
@@ -79,6 +71,7 @@ struct RawCounter {
         pthread_cond_signal(&c);
         pthread_mutex_unlock(&m);
     }
+    void Set() { Release(); }
     void Wait() {
         pthread_mutex_lock(&m);
         while (count == 0) pthread_cond_wait(&c, &m);
@@ -89,23 +82,16 @@ struct RawCounter {
 
 void BM_RawCounterPingPong(benchmark::State& state) {
     RawCounter ping, pong;
-    std::atomic<bool> stop{false};
-    std::thread peer([&] {
-        for (;;) {
-            ping.Wait();
-            if (stop) break;
-            pong.Release();
-        }
-    });
-    for (auto _ : state) {
-        ping.Release();
-        pong.Wait();
-    }
-    stop = true;
-    ping.Release();
-    peer.join();
+    tvbench::PingPong(state, ping, pong);
 }
-BENCHMARK(BM_RawCounterPingPong)->UseRealTime();
+BENCHMARK(BM_RawCounterPingPong)->Arg(0)->Arg(1)->UseRealTime();
+
+// A one-unit semaphore is the futex event.
+void BM_RawFutexPingPong(benchmark::State& state) {
+    tvbench::FutexEvent ping, pong;
+    tvbench::PingPong(state, ping, pong);
+}
+BENCHMARK(BM_RawFutexPingPong)->Arg(0)->Arg(1)->UseRealTime();
 
 // --- 3. thread-pool throughput -------------------------------------------
 constexpr int kBatch = 20000;
@@ -209,9 +195,13 @@ int main(int argc, char** argv) {
     return tvbench::Main(
         argc, argv,
         {{"mutex wait+release / pthread lock+unlock", "BM_MutexWaitRelease",
-          "BM_RawMutexLockUnlock"},
-         {"semaphore ping-pong / condvar counter ping-pong", "BM_SemaphorePingPong/real_time",
-          "BM_RawCounterPingPong/real_time"},
+          "BM_RawMutexLockUnlock", true},
+         {"semaphore ping-pong, 2 cores / condvar counter", "BM_SemaphorePingPong/0/real_time",
+          "BM_RawCounterPingPong/0/real_time"},
+         {"semaphore ping-pong, 1 core / condvar counter", "BM_SemaphorePingPong/1/real_time",
+          "BM_RawCounterPingPong/1/real_time", true},
+         {"semaphore ping-pong, 1 core / futex", "BM_SemaphorePingPong/1/real_time",
+          "BM_RawFutexPingPong/1/real_time", true},
          {"pool, 2 threads, per item / condvar queue", "BM_ThreadPoolEmptyItems/2/real_time",
           "BM_RawQueueEmptyItems/2/real_time"},
          {"pool, 4 threads, per item / condvar queue", "BM_ThreadPoolEmptyItems/4/real_time",

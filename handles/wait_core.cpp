@@ -48,6 +48,16 @@
 //
 // APCs: a finite alertable wait registers its record with its thread; QueueAPC
 // sets kAlerted and wakes it, and the wait then claims itself for the APC.
+//
+// Lock-free paths: an event and a mutex keep their state in one atomic word
+// with a "sleepers" bit, which Link/Unlink keep in step with the list under
+// the object's lock (SleepersChangedLocked). A set, zero-time wait, mutex
+// wait or release that finds no sleepers is one CAS of that word and takes
+// no lock; a signaller that finds the bit takes the lock and runs
+// WakeSleepersLocked. A wait sets the bit (by linking) before its last
+// TakeLocked, so a lock-free signaller either runs before that try, which
+// then sees its signal, or sees the bit. Consumers racing on the word are
+// why TakeLocked may fail even after AvailableLocked said yes.
 #include <errno.h>
 #include <limits.h>
 #include <linux/futex.h>
@@ -72,30 +82,41 @@ long Futex(std::atomic<uint32_t>* word, int op, uint32_t val, const timespec* ts
                    nullptr, FUTEX_BITSET_MATCH_ANY);
 }
 
-void Link(Waitable* o, WaitNode* n) TV_REQUIRES(o->lock_) {
-    const bool wasEmpty = o->head_ == nullptr;
-    n->prev = o->tail_;
+// NO_THREAD_SAFETY_ANALYSIS in Link and Unlink: a node's neighbours are in
+// the same object's list, under the same lock, which the analysis cannot
+// know (their `object` is another expression).
+void Link(WaitNode* n) TV_REQUIRES(n->object->lock_) TV_NO_THREAD_SAFETY_ANALYSIS {
+    const bool wasEmpty = n->object->head_ == nullptr;
+    n->prev = n->object->tail_;
     n->next = nullptr;
-    if (o->tail_)
-        o->tail_->next = n;
+    if (n->prev)
+        n->prev->next = n;
     else
-        o->head_ = n;
-    o->tail_ = n;
+        n->object->head_ = n;
+    n->object->tail_ = n;
     n->linked = true;
-    if (wasEmpty) o->SleepersChangedLocked(true);
+    if (wasEmpty) n->object->SleepersChangedLocked(true);
 }
 
-void Unlink(Waitable* o, WaitNode* n) TV_REQUIRES(o->lock_) {
+void Unlink(WaitNode* n) TV_REQUIRES(n->object->lock_) TV_NO_THREAD_SAFETY_ANALYSIS {
     if (n->prev)
         n->prev->next = n->next;
     else
-        o->head_ = n->next;
+        n->object->head_ = n->next;
     if (n->next)
         n->next->prev = n->prev;
     else
-        o->tail_ = n->prev;
+        n->object->tail_ = n->prev;
     n->linked = false;
-    if (o->head_ == nullptr) o->SleepersChangedLocked(false);
+    if (n->object->head_ == nullptr) n->object->SleepersChangedLocked(false);
+}
+
+// Whether a decided wait-any's node is still linked, read without the lock.
+// NO_THREAD_SAFETY_ANALYSIS: once a wait-any is decided, `linked` changes
+// only by the waiter itself or by its claimer before kDone, which the waiter
+// has waited for; signallers finding the node fail their claim.
+bool StillLinkedAfterClaim(const WaitNode& n) TV_NO_THREAD_SAFETY_ANALYSIS {
+    return n.linked;
 }
 
 // Always available: the handles that have no wait logic of their own.
@@ -106,22 +127,26 @@ public:
     bool AvailableLocked(pthread_t) override { return true; }
 };
 
-// The distinct objects of a wait-all in address order, for taking all their
-// locks without deadlock.
-struct LockSet {
-    Waitable* objs[kMaxObjects];
-    unsigned long n = 0;
-    void LockAll() TV_NO_THREAD_SAFETY_ANALYSIS {  // a run-time set of locks
+// The distinct objects of a wait-all in address order: one lock made of all
+// their locks, taken in that order (so without deadlock) through ScopedLock.
+// NO_THREAD_SAFETY_ANALYSIS in Lock/Unlock: a run-time set of locks, which
+// the analysis cannot name one by one.
+class TV_CAPABILITY("mutex") LockSet {
+public:
+    void Lock() TV_ACQUIRE() TV_NO_THREAD_SAFETY_ANALYSIS {
         for (unsigned long i = 0; i < n; ++i) objs[i]->lock_.Lock();
     }
-    void UnlockAll() TV_NO_THREAD_SAFETY_ANALYSIS {
+    void Unlock() TV_RELEASE() TV_NO_THREAD_SAFETY_ANALYSIS {
         for (unsigned long i = n; i-- > 0;) objs[i]->lock_.Unlock();
     }
+
+    Waitable* objs[kMaxObjects];
+    unsigned long n = 0;
 };
 
-// Takes a unit of every object or of none. NO_THREAD_SAFETY_ANALYSIS: the
-// locks are the run-time set held by LockAll.
-bool TakeAll(LockSet& set, pthread_t tid) TV_NO_THREAD_SAFETY_ANALYSIS {
+// Takes a unit of every object of `set` or of none. NO_THREAD_SAFETY_ANALYSIS:
+// holding the set holds each object's lock, which the analysis cannot see.
+bool TakeAllLocked(LockSet& set, pthread_t tid) TV_REQUIRES(set) TV_NO_THREAD_SAFETY_ANALYSIS {
     for (unsigned long i = 0; i < set.n; ++i) {
         if (!set.objs[i]->AvailableLocked(tid)) return false;
     }
@@ -136,6 +161,11 @@ bool TakeAll(LockSet& set, pthread_t tid) TV_NO_THREAD_SAFETY_ANALYSIS {
         return false;
     }
     return true;
+}
+
+bool TakeAll(LockSet& set, pthread_t tid) {
+    ScopedLock<LockSet> hold(&set);
+    return TakeAllLocked(set, tid);
 }
 
 }  // namespace
@@ -186,7 +216,9 @@ bool Waiter::Sleep(uint32_t seen, const Deadline& deadline) {
     return !deadline.Expired();
 }
 
-void WakeSleepersLocked(Waitable* o) {
+// NO_THREAD_SAFETY_ANALYSIS: every node in o's list has object == o, so
+// o's lock guards it; the analysis cannot know that.
+void WakeSleepersLocked(Waitable* o) TV_NO_THREAD_SAFETY_ANALYSIS {
     for (WaitNode* n = o->head_; n != nullptr;) {
         WaitNode* const next = n->next;
         Waiter* const w = n->waiter;
@@ -194,7 +226,7 @@ void WakeSleepersLocked(Waitable* o) {
             if (o->AvailableLocked(w->tid())) w->Poke();
         } else if (o->TakeLocked(w->tid())) {
             if (w->TryClaim(n->index)) {
-                Unlink(o, n);
+                Unlink(n);
                 w->FinishClaim();
             } else {
                 o->GiveBackLocked(w->tid());
@@ -223,12 +255,7 @@ unsigned long WaitCore(unsigned long count, Waitable* const* objects, Handle* co
         }
         std::sort(set.objs, set.objs + set.n);
         set.n = static_cast<unsigned long>(std::unique(set.objs, set.objs + set.n) - set.objs);
-        if (!hasNull) {
-            set.LockAll();
-            const bool done = TakeAll(set, tid);
-            set.UnlockAll();
-            if (done) return WAIT_OBJECT_0;
-        }
+        if (!hasNull && TakeAll(set, tid)) return WAIT_OBJECT_0;
     } else {
         for (unsigned long i = 0; i < count; ++i) {
             Waitable* o = objects[i];
@@ -258,17 +285,16 @@ unsigned long WaitCore(unsigned long count, Waitable* const* objects, Handle* co
                 n = WaitNode{
                     &self,  objects[registered], static_cast<uint32_t>(registered), false, nullptr,
                     nullptr};
-                Waitable* o = n.object;
-                if (o == nullptr) continue;
-                ScopedLock<PosixMutex> hold(&o->lock_);
-                Link(o, &n);
-                if (!o->TakeLocked(tid)) continue;
-                Unlink(o, &n);
+                if (n.object == nullptr) continue;
+                ScopedLock<PosixMutex> hold(&n.object->lock_);
+                Link(&n);
+                if (!n.object->TakeLocked(tid)) continue;
+                Unlink(&n);
                 if (self.TryClaim(n.index)) {
                     selfDecided = true;
                 } else {
-                    o->GiveBackLocked(tid);
-                    WakeSleepersLocked(o);
+                    n.object->GiveBackLocked(tid);
+                    WakeSleepersLocked(n.object);
                 }
                 ++registered;
                 break;
@@ -287,18 +313,13 @@ unsigned long WaitCore(unsigned long count, Waitable* const* objects, Handle* co
                     nullptr};
                 if (n.object == nullptr) continue;
                 ScopedLock<PosixMutex> hold(&n.object->lock_);
-                Link(n.object, &n);
+                Link(&n);
             }
             for (;;) {
                 const uint32_t v = self.Load();
-                if (!hasNull) {
-                    set.LockAll();
-                    const bool done = TakeAll(set, tid);
-                    set.UnlockAll();
-                    if (done) {
-                        self.TryClaim(0);
-                        break;
-                    }
+                if (!hasNull && TakeAll(set, tid)) {
+                    self.TryClaim(0);
+                    break;
                 }
                 if (v & Waiter::kAlerted) {
                     self.TryClaim(Waiter::kByApc);
@@ -319,9 +340,9 @@ unsigned long WaitCore(unsigned long count, Waitable* const* objects, Handle* co
         }
         for (unsigned long i = 0; i < registered; ++i) {
             WaitNode& n = nodes[i];
-            if (n.object == nullptr || (!waitAll && !n.linked)) continue;
+            if (n.object == nullptr || (!waitAll && !StillLinkedAfterClaim(n))) continue;
             ScopedLock<PosixMutex> hold(&n.object->lock_);
-            if (n.linked) Unlink(n.object, &n);
+            if (n.linked) Unlink(&n);
         }
     }
     for (unsigned long i = 0; i < count; ++i) {

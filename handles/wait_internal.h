@@ -66,9 +66,9 @@ struct WaitNode {
     Waiter* waiter;
     Waitable* object;
     uint32_t index;
-    bool linked;  // guarded by object->lock_
-    WaitNode* prev;
-    WaitNode* next;
+    bool linked TV_GUARDED_BY(object->lock_);
+    WaitNode* prev TV_GUARDED_BY(object->lock_);
+    WaitNode* next TV_GUARDED_BY(object->lock_);
 };
 
 // Registers the waiter of a finite alertable wait with the calling thread,

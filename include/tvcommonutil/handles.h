@@ -459,8 +459,10 @@ protected:
     std::string name_;
 };
 
-// A recursive mutex: a semaphore of one unit plus an owner and a recursion
-// count, all under the semaphore's lock. The owner is also loaded without
+// A recursive mutex: a waitable object with an owner and a recursion count.
+// Thread-safe. Uncontended, a wait and a release are one compare-and-swap
+// each; a contended release hands the mutex to a sleeping wait under the
+// object's lock (see handles/mutex.cpp). The owner is also loaded without
 // the lock (atomically) by the "is it me?" test of a recursive wait, which
 // can only see the caller's own id while the caller really owns it.
 class TV_API Mutex : public Semaphore {
@@ -480,10 +482,17 @@ public:
     bool TakeLocked(pthread_t tid) override TV_REQUIRES(lock_);
     void GiveBackLocked(pthread_t tid) override TV_REQUIRES(lock_);
     bool AvailableLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    void SleepersChangedLocked(bool any) override TV_REQUIRES(lock_);
 
 private:
-    pthread_t owner_;  // NULL_PTHREAD when free; stored under lock_
-    long recursion_;   // touched by the owner only
+    // Defined (inline, for the uncontended path) in handles/mutex.cpp.
+    inline bool Owned(pthread_t tid) const;
+    inline bool TryAcquire(pthread_t tid);
+    inline bool Leave();
+
+    unsigned state_;   // kHeld | kSleepers; atomic
+    pthread_t owner_;  // NULL_PTHREAD when free; atomic
+    long recursion_;   // touched by the owner, or by the thread making an owner
 };
 
 // Null (setting no error) unless 0 <= initial <= maximum.
