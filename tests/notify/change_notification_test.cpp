@@ -29,8 +29,7 @@ struct Loose {
     tvtest::TempDir tmp;
     ChangeNotificationHandle* h;
     Loose() : h(new ChangeNotificationHandle((tmp.path() + "/none/").c_str(), 0, 0)) {}
-    // Collected handles are off the watch list: CloseHandle, not
-    // FindCloseChangeNotification, releases them.
+    // Collected handles are off the watch list: CloseHandle releases them.
     ~Loose() { CloseHandle(h); }
 };
 

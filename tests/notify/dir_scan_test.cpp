@@ -127,10 +127,8 @@ const Case kCases[] = {
        [](Watched& w) {
            auto e = FindDirEntry(w.dir + "/");
            ASSERT_NE(e, Dir_Data().end());
-           const tv::detail::FILE_ENTRY& rec =
-               e->second.files.find(std::string_view("link"))->second;
-           EXPECT_EQ(tv::detail::kFileIsDir | tv::detail::kFileIsLink | tv::detail::kFileSeen,
-                     rec.flags);
+           const FILE_ENTRY& rec = e->second.files.find(std::string_view("link"))->second;
+           EXPECT_EQ(kFileIsDir | kFileIsLink | kFileSeen, rec.flags);
            EXPECT_EQ(0x4000u, rec.mode & 0xF000);
            EXPECT_TRUE(HasEntry(w.P("link/")));
        }},
@@ -241,6 +239,6 @@ TEST(DirScan, PeriodIsTwiceThePassClampedTo4000And30000) {
     const unsigned long long elapsed[] = {0, 1500, 2001, 9000, 15000, 20000, 30000, 45000};
     const unsigned long period[] = {4000, 4000, 4002, 18000, 30000, 30000, 30000, 45000};
     for (size_t i = 0; i < sizeof elapsed / sizeof elapsed[0]; ++i) {
-        EXPECT_EQ(period[i], tv::detail::WatchPeriod(elapsed[i])) << elapsed[i];
+        EXPECT_EQ(period[i], WatchPeriod(elapsed[i])) << elapsed[i];
     }
 }
