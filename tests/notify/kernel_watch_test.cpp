@@ -1,6 +1,5 @@
 // Kernel-woken passes through the real watcher loop and a completion port:
-// the same records as a polling scan, directories past the watch limit
-// still polled, nothing lost to a queue overflow.
+// the records of a polling scan, the watch limit, a queue overflow.
 
 #include <fstream>
 
@@ -44,8 +43,7 @@ struct Watching {
         delete[] static_cast<char*>(buffer);
     }
     void Arm() { ReadDirectoryChanges(h, &buffer, 0, 1, 0x1f, nullptr, nullptr, nullptr); }
-    // The records collected through the port (as Text) until `done` holds
-    // of them; generous time-out, as a polled directory waits for the period.
+    // Collects through the port (as Text) until `done` holds, or a minute.
     std::string Collect(const std::function<bool(const std::string&)>& done) {
         std::string text;
         unsigned long bytes = 0, key = 0;
@@ -57,11 +55,9 @@ struct Watching {
     }
 };
 
-// One call each, as far as the tree can tell: 'p' puts a file made in the
-// stage (text `b`, time `t`) at `a`; 't' sets the time of `a`; 'r' renames
-// `a` to `b`; 'u' unlinks `a`; 'l' puts a link to `b` at `a`; 'd' puts a
-// directory holding a file `b` at `a`; 'o' moves `a` out of the tree. Fixed
-// times make the records of two trees byte for byte comparable.
+// One call each, fixed times: 'p' puts a file (text `b`, time `t`) at `a`;
+// 't' sets the time of `a`; 'r' renames `a` to `b`; 'u' unlinks `a`; 'l' puts
+// a link to `b` at `a`; 'd' a directory holding a file `b`; 'o' moves `a` out.
 struct Step {
     char op;
     const char* a;
@@ -113,7 +109,7 @@ TEST(KernelWatch, RecordsEqualThoseOfAPollingScan) {
     std::vector<std::string> polled;
     {
         const std::string root = MakeTree(tmp.path() + "/p");
-        notifytest::Armed a;
+        Armed a;
         a.h = new ChangeNotificationHandle(root.c_str(), 1, 0);
         a.Arm(0x1f, 0);
         for (const Step& step : kSteps) {
@@ -127,7 +123,6 @@ TEST(KernelWatch, RecordsEqualThoseOfAPollingScan) {
             EXPECT_NE("", text) << "step " << polled.size();
             polled.push_back(text);
         }
-        CloseHandle(a.h);
     }
     // The same steps under the loop, which only the kernel wakes in time.
     const std::string root = MakeTree(tmp.path() + "/k");
