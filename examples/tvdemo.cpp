@@ -264,7 +264,9 @@ int main(int argc, char** argv) {
     DWORD tid = 0;
     Handle* lazyWriter = CreateThread(nullptr, 0, RegLazyWriteThread, &lazyInterval, 0, &tid);
 
-    // The directory watcher; the main loop wakes it every scan_ms.
+    // The directory watcher. The kernel wakes it as soon as the inbox changes;
+    // the main loop also wakes it every scan_ms, for file systems that do not
+    // report changes.
     WatchDirsThreadObject watcherControl;
     Handle* watcher = CreateThread(nullptr, 0, WatchDirsThread, &watcherControl, 0, &tid);
 

@@ -28,7 +28,9 @@
 // its subdirectories in the order its last read met them, so the records
 // come out in the order one polling scan of the same change gives. A
 // directory that leaves a name for the next pass (a changed type) stays
-// marked and the next pass follows at once. Without inotify nothing is
+// marked and the next pass follows at once. A pass drops the watches of the
+// directories it did not reach (no handle watches them any more), so the
+// watches follow the handles. Without inotify nothing is
 // ever watched, every directory is read, and each pass is the polling scan.
 //
 // Wake protocol. The loop sleeps in its thread object's TimedWait: by
@@ -500,6 +502,7 @@ DWORD RunWatcher(WatchDirsThreadObject* thread) {
                 }
             }
             CriticalSectionHolder serial(DirScan_lock());
+            KernelWatchPrune();
             again = KernelWatchTakeRescan();
         }
         if (!again) thread->TimedWait(WatchPeriod(elapsed), 0, thread);

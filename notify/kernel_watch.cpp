@@ -55,6 +55,7 @@ struct DirWatch {
     ino_t ino = 0;
     bool dirty = true;
     bool polled = false;
+    unsigned long lastPass = 0;  // the loop pass that last reached it
 };
 
 struct State {
@@ -62,6 +63,7 @@ struct State {
     int loops = 0;  // running loops
     long watches = 0;
     bool rescan = false;
+    unsigned long pass = 0;
     std::map<std::string, DirWatch, std::less<>> dirs;
     std::unordered_map<int, std::vector<std::string>> byWd;
 };
@@ -212,6 +214,7 @@ bool KernelWatchNeedsRead(std::string_view key, const struct stat* identity) {
     auto it = s.dirs.find(key);
     if (it == s.dirs.end()) return true;
     DirWatch& w = it->second;
+    w.lastPass = s.pass;
     if (w.wd < 0 || w.dirty || w.polled) return true;
     if (identity != nullptr && (identity->st_dev != w.dev || identity->st_ino != w.ino)) {
         // Another directory now answers to this name (a link retargeted, a
@@ -229,6 +232,7 @@ void KernelWatchBeforeRead(std::string_view key, int dirFd) {
     if (it == s.dirs.end()) it = s.dirs.emplace(std::string(key), DirWatch()).first;
     DirWatch& w = it->second;
     w.dirty = true;
+    w.lastPass = s.pass;
     struct stat ds;
     if (fstat(dirFd, &ds) != 0) return;
     if (w.wd >= 0 && w.dev == ds.st_dev && w.ino == ds.st_ino) return;
@@ -270,11 +274,24 @@ void KernelWatchForget(std::string_view key) {
 void KernelWatchDrain() {
     State& s = *state;
     if (s.fd < 0) return;
+    ++s.pass;
     std::vector<uint32_t> openRenames;
     ReadReports(s, openRenames);
     if (!openRenames.empty()) {
         struct pollfd p = {s.fd, POLLIN, 0};
         if (poll(&p, 1, kRenamePairWaitMs) > 0) ReadReports(s, openRenames);
+    }
+}
+
+void KernelWatchPrune() {
+    State& s = *state;
+    for (auto it = s.dirs.begin(); it != s.dirs.end();) {
+        if (it->second.lastPass == s.pass) {
+            ++it;
+            continue;
+        }
+        Unwatch(s, it->first, it->second, false);
+        it = s.dirs.erase(it);
     }
 }
 

@@ -37,6 +37,10 @@ void KernelWatchForget(std::string_view key);
 // Reads every queued kernel report and marks the directories it names.
 // An overflowed queue marks every watched directory.
 void KernelWatchDrain();
+// At the end of a loop pass: drops the watches of the directories it did
+// not reach (no handle watches them any more); they are read afresh if a
+// later pass reaches them again.
+void KernelWatchPrune();
 // True once after a pass in which a directory asked for another pass.
 bool KernelWatchTakeRescan();
 

@@ -25,13 +25,9 @@ std::vector<unsigned char> Hex(const char* text) {
 }
 
 // A handle on a directory that does not exist: arming it scans nothing.
-struct Loose {
+struct Loose : Armed {
     tvtest::TempDir tmp;
-    ChangeNotificationHandle* h;
-    Loose() : h(new ChangeNotificationHandle((tmp.path() + "/none/").c_str(), 0, 0)) {}
-    // Collected handles are off the watch list: CloseHandle, not
-    // FindCloseChangeNotification, releases them.
-    ~Loose() { CloseHandle(h); }
+    Loose() { h = new ChangeNotificationHandle((tmp.path() + "/none/").c_str(), 0, 0); }
 };
 
 }  // namespace
@@ -165,13 +161,11 @@ TEST(ChangeNotification, WaitAndSignalThroughTheOverlappedEvent) {
     l.h->Clear();
     EXPECT_EQ(0, l.h->State());
 
-    Handle* ev = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     OVERLAPPED ov{};
-    ov.hEvent = ev;
+    ov.hEvent = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     void* buffer = nullptr;
     ASSERT_EQ(1, ReadDirectoryChanges(l.h, &buffer, 0, 0, 0x1f, nullptr, &ov, nullptr));
-    // The handle holds its own reference on the event.
-    CloseHandle(ev);
+    CloseHandle(ov.hEvent);  // the handle holds its own reference
 
     // A waiter on the handle is released by Signal (which sets the event).
     EXPECT_EQ(WAIT_OBJECT_0,

@@ -9,8 +9,8 @@ using namespace tv::detail;
 
 namespace {
 
-// A watched directory "<tmp>/w" with a handle on "<tmp>/w/" (or "<tmp>/w"),
-// armed with all five filter bits after a silent baseline scan.
+// "<tmp>/w" and a handle on "<tmp>/w/" (or "<tmp>/w") armed after a silent
+// baseline scan.
 struct Watched {
     tvtest::TempDir tmp;
     std::string dir = tmp.path() + "/w";
@@ -20,9 +20,6 @@ struct Watched {
     void Open(const std::string& watch) {
         a.h = new ChangeNotificationHandle(watch.c_str(), 0, 0);
         a.Arm(0x1f);
-    }
-    ~Watched() {
-        if (a.h) CloseHandle(a.h);
     }
     std::string P(const std::string& name) const { return dir + "/" + name; }
 };
@@ -41,10 +38,6 @@ struct Case {
     bool slash;  // the handle watches "w/" rather than "w"
     std::vector<Pass> passes;
 };
-
-void Rm(const std::string& path) {
-    ASSERT_EQ(0, system(("rm -rf '" + path + "'").c_str()));
-}
 
 std::atomic<int> deviceUsable{1};
 std::atomic<unsigned long> deviceSeen{0};
@@ -84,8 +77,8 @@ const Case kCases[] = {
        },
        0x1f, "1 sub/deep/g 10 80 1000 3\n1 sub/deep 8 100 1100 =\n1 sub 3 100 1200 =\n",
        [](Watched& w) { EXPECT_TRUE(HasEntry(w.P("sub/deep/"))); }},
-      {[](Watched& w) { Rm(w.P("sub")); }, 0x1f, "2 sub 3 100 0 0\n",
-       [](Watched& w) { EXPECT_FALSE(HasEntry(w.P("sub/deep/"))); }},
+      {[](Watched& w) { ASSERT_EQ(0, system(("rm -rf " + w.P("sub")).c_str())); }, 0x1f,
+       "2 sub 3 100 0 0\n", [](Watched& w) { EXPECT_FALSE(HasEntry(w.P("sub/deep/"))); }},
       // Nothing of the old snapshot is left to hide the new contents.
       {[](Watched& w) {
            mkdir(w.P("sub").c_str(), 0755);
@@ -127,10 +120,8 @@ const Case kCases[] = {
        [](Watched& w) {
            auto e = FindDirEntry(w.dir + "/");
            ASSERT_NE(e, Dir_Data().end());
-           const tv::detail::FILE_ENTRY& rec =
-               e->second.files.find(std::string_view("link"))->second;
-           EXPECT_EQ(tv::detail::kFileIsDir | tv::detail::kFileIsLink | tv::detail::kFileSeen,
-                     rec.flags);
+           const FILE_ENTRY& rec = e->second.files.find(std::string_view("link"))->second;
+           EXPECT_EQ(kFileIsDir | kFileIsLink | kFileSeen, rec.flags);
            EXPECT_EQ(0x4000u, rec.mode & 0xF000);
            EXPECT_TRUE(HasEntry(w.P("link/")));
        }},
@@ -141,8 +132,7 @@ const Case kCases[] = {
      false,
      {{[](Watched& w) { Put(w.P("a"), "", 1000); }, 0x1f, "1 /a 2 80 1000 0\n",
        [](Watched& w) {
-           // The watched path and the scanned one are two entries; the
-           // first stays empty.
+           // The watched path and the scanned one: two entries, one empty.
            auto bare = FindDirEntry(w.dir), slashed = FindDirEntry(w.dir + "/");
            ASSERT_NE(bare, Dir_Data().end());
            ASSERT_NE(slashed, Dir_Data().end());
@@ -238,9 +228,8 @@ TEST(DirScan, ServerSkipsPrivateFilesAndBusyDirectories) {
 }
 
 TEST(DirScan, PeriodIsTwiceThePassClampedTo4000And30000) {
-    const unsigned long long elapsed[] = {0, 1500, 2001, 9000, 15000, 20000, 30000, 45000};
-    const unsigned long period[] = {4000, 4000, 4002, 18000, 30000, 30000, 30000, 45000};
-    for (size_t i = 0; i < sizeof elapsed / sizeof elapsed[0]; ++i) {
-        EXPECT_EQ(period[i], tv::detail::WatchPeriod(elapsed[i])) << elapsed[i];
-    }
+    const unsigned long long cases[][2] = {{0, 4000},      {1500, 4000},   {2001, 4002},
+                                           {9000, 18000},  {15000, 30000}, {20000, 30000},
+                                           {30000, 30000}, {45000, 45000}};
+    for (const auto& c : cases) EXPECT_EQ(c[1], WatchPeriod(c[0])) << c[0];
 }

@@ -1,7 +1,6 @@
 // Handles added, collected and closed from several threads while the watcher
 // scans back to back: no lost records for a handle's own directory, no use
 // of a closed handle (run under ThreadSanitizer and ASan).
-#include <errno.h>
 #include <sched.h>
 
 #include "notify/watch_table.h"
@@ -17,8 +16,6 @@ public:
         sched_yield();
         return WAIT_OBJECT_0;
     }
-    int StopRequested(int) override { return stop.load() ? 1 : 0; }
-    std::atomic<bool> stop{false};
     std::atomic<long> passes{0};
 };
 
@@ -109,7 +106,7 @@ TEST(NotifyConcurrency, HandlesComeAndGoWhileScansRun) {
     for (auto& t : workers) t.join();
     churnStop = true;
     churn.join();
-    watcher.stop = true;
+    watcher.RequestStop();
     scanner.join();
     bFileShutdownRequested = false;
 

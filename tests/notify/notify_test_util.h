@@ -5,10 +5,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -23,12 +21,11 @@
 
 namespace notifytest {
 
-// A collected buffer as text, one line per record laid over it as callers
-// read it: action, name, name length, attributes (hex), time in seconds
-// since 1970 (-1 when not a whole second since 1601, "+" after it when the
-// second half is not zero), size. With `root`, the size of an added
-// directory that matches lstat of root + name reads "=", as directory sizes
-// depend on the file system. "bad layout" unless the records tile `total`.
+// A collected buffer read as callers read it (NOTIFY_RECORD), one line per
+// record: action, name, name length, attributes (hex), time in seconds since
+// 1970 (-1 if not whole; "+" if the second half is set), size ("=" for an
+// added directory whose size is lstat's of root + name: sizes depend on the
+// file system). "bad layout" unless the records tile `total`.
 inline std::string Text(const void* buffer, unsigned long total, const std::string& root = "") {
     std::string out;
     for (unsigned long off = 0; off < total;) {
@@ -68,13 +65,16 @@ inline void Put(const std::string& path, const std::string& text, time_t t) {
     SetMTime(path, t);
 }
 
-// An armed handle with its caller-side buffer variable (new[]-allocated, as
-// the library requires).
+// An armed handle, closed at the end, with its caller-side buffer variable
+// (new[]-allocated, as the library requires).
 struct Armed {
     ChangeNotificationHandle* h = nullptr;
     void* buffer = nullptr;
 
-    ~Armed() { delete[] static_cast<char*>(buffer); }
+    ~Armed() {
+        if (h) CloseHandle(h);
+        delete[] static_cast<char*>(buffer);
+    }
 
     int Arm(unsigned long filter, unsigned long length = 64) {
         if (buffer == nullptr && length > 0) buffer = new char[length];

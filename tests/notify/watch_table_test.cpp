@@ -7,6 +7,7 @@
 #include "notify/watch_table.h"
 #include "notify_test_util.h"
 
+using namespace notifytest;
 using namespace tv::detail;
 
 namespace {
@@ -25,15 +26,6 @@ std::string CTimeTrimmed(time_t t) {
 
 }  // namespace
 
-TEST(WatchTable, AttributeTextIsDirectoryOrNormalOnly) {
-    EXPECT_STREQ("Directory", FileAttribs2String(0x41ED).c_str());
-    EXPECT_STREQ("Normal", FileAttribs2String(0x81A4).c_str());
-    EXPECT_STREQ("Normal", FileAttribs2String(0).c_str());
-    // Every bit outside the type is ignored, even the ones the names pair with.
-    EXPECT_STREQ("Normal", FileAttribs2String(0xA1FF).c_str());
-    EXPECT_STREQ("Directory", FileAttribs2String(0x4000 | 0x1 | 0x10 | 0x100).c_str());
-}
-
 TEST(WatchTable, HandlesOnOneDirectoryAreNeighbours) {
     tvtest::TempDir tmp;
     const std::string d = tmp.path() + "/d", e = tmp.path() + "/e";
@@ -44,7 +36,7 @@ TEST(WatchTable, HandlesOnOneDirectoryAreNeighbours) {
     }
     auto ours = [&] {
         std::vector<ChangeNotificationHandle*> order;
-        for (auto* x : tv::detail::CNH_list()) {
+        for (auto* x : CNH_list()) {
             if (std::find(h.begin(), h.end(), x) != h.end()) order.push_back(x);
         }
         return order;
@@ -74,9 +66,9 @@ TEST(WatchTable, PurgeFollowsOnlyOwnerReadableNames) {
     UnixDirScan(d, nullptr, nullptr);
     ASSERT_NE(FindDirEntry(d + "/open/"), Dir_Data().end());
     {
-        CriticalSectionHolder serial(tv::detail::DirScan_lock());
-        tv::detail::Purge_Dir_Entry(FindDirEntry(d + "/"));
-        tv::detail::Purge_Dir_Entry(Dir_Data().end());  // nothing to do
+        CriticalSectionHolder serial(DirScan_lock());
+        Purge_Dir_Entry(FindDirEntry(d + "/"));
+        Purge_Dir_Entry(Dir_Data().end());  // nothing to do
     }
     EXPECT_EQ(FindDirEntry(d + "/"), Dir_Data().end());
     EXPECT_EQ(FindDirEntry(d + "/open/"), Dir_Data().end());
@@ -88,9 +80,11 @@ TEST(WatchTable, DumpFormats) {
     tvtest::TempDir tmp;
     const std::string d = tmp.path() + "/d";
     mkdir(d.c_str(), 0755);
-    tvtest::WriteFile(d + "/file", "");
     mkdir((d + "/sub").c_str(), 0755);
-    tvtest::WriteFile(d + "/sub/f", "");
+    Put(d + "/sub/f", "", 900);
+    Put(d + "/file", "", 1000);
+    SetMTime(d + "/sub", 1100);
+    SetMTime(d, 1200);
     auto* h = new ChangeNotificationHandle((d + "/").c_str(), 0, 0);
     WatchDir(h->GetWatchDir(), h);
     UnixDirScan(d + "/", nullptr, nullptr);
@@ -103,29 +97,31 @@ TEST(WatchTable, DumpFormats) {
     const std::string out = testing::internal::GetCapturedStderr();
 
     EXPECT_EQ(0u, out.find("\nDir_Data:\n"));
-    struct stat st;
-    ASSERT_EQ(0, lstat(d.c_str(), &st));
-    const std::string entry = " " + Padded(d + "/", 40) + "  mod: " + CTimeTrimmed(st.st_mtime) +
+    const std::string entry = " " + Padded(d + "/", 40) + "  mod: " + CTimeTrimmed(1200) +
                               ", DskMsg: 0, OOS: 0, Repl to/frm: 0/0, Flgs: 0\n";
     const size_t at = out.find(entry);
     ASSERT_NE(std::string::npos, at) << out;
-    ASSERT_EQ(0, lstat((d + "/file").c_str(), &st));
     const std::string fileLine =
-        "   " + Padded("file", 40) + "   mod: " + CTimeTrimmed(st.st_mtime) + " attr: Normal\n";
-    ASSERT_EQ(0, lstat((d + "/sub").c_str(), &st));
+        "   " + Padded("file", 40) + "   mod: " + CTimeTrimmed(1000) + " attr: Normal\n";
     const std::string subLine =
-        "   " + Padded("sub", 40) + "/  mod: " + CTimeTrimmed(st.st_mtime) + " attr: Directory\n";
-    // Records follow their entry in name order.
+        "   " + Padded("sub", 40) + "/  mod: " + CTimeTrimmed(1100) + " attr: Directory\n";
+    // Records follow their entry in name order. The attribute text is only
+    // ever one of two: every bit outside the type is ignored.
     EXPECT_EQ(at + entry.size(), out.find(fileLine, at)) << out;
     EXPECT_EQ(at + entry.size() + fileLine.size(), out.find(subLine, at)) << out;
+    EXPECT_STREQ("Directory", FileAttribs2String(0x41ED).c_str());
+    EXPECT_STREQ("Normal", FileAttribs2String(0x81A4).c_str());
+    EXPECT_STREQ("Normal", FileAttribs2String(0).c_str());
+    EXPECT_STREQ("Normal", FileAttribs2String(0xA1FF).c_str());
+    EXPECT_STREQ("Directory", FileAttribs2String(0x4000 | 0x1 | 0x10 | 0x100).c_str());
     const size_t cnh = out.find("--CNH:\n");
     ASSERT_NE(std::string::npos, cnh);
     EXPECT_NE(std::string::npos, out.find("st: 0 watch: " + d + "/ change: /changed/\n", cnh));
 
     // An invalidated entry and unseen records are starred.
     {
-        CriticalSectionHolder serial(tv::detail::DirScan_lock());
-        tv::detail::Invalidate_Dir_Entry(FindDirEntry(d + "/"));
+        CriticalSectionHolder serial(DirScan_lock());
+        Invalidate_Dir_Entry(FindDirEntry(d + "/"));
     }
     testing::internal::CaptureStderr();
     DumpDirData();
@@ -136,6 +132,6 @@ TEST(WatchTable, DumpFormats) {
     auto sub = FindDirEntry(d + "/sub/");
     ASSERT_NE(sub, Dir_Data().end());
     EXPECT_EQ(0u, sub->second.valid);
-    EXPECT_EQ(0, sub->second.files.begin()->second.flags & tv::detail::kFileSeen);
+    EXPECT_EQ(0, sub->second.files.begin()->second.flags & kFileSeen);
     FindCloseChangeNotification(h, 0);
 }
