@@ -24,6 +24,9 @@ TEST(ProfileRead, ValuesKeepCommentsAndLoseOnePairOfQuotesHeadersFollowTheCommen
                       "  k = v ; note  \n"
                       "quoted = \"  spaced out  \"\n"
                       "ticked = `  inner '  \n"
+                      "lone = \"\n"
+                      "pair = \"\"\n"
+                      "tick2 = `it's here' tail\n"
                       "apos = 'kept'\n"
                       "Mixed Case Key=mk\n"
                       "eq = a=b=c\n"
@@ -36,6 +39,9 @@ TEST(ProfileRead, ValuesKeepCommentsAndLoseOnePairOfQuotesHeadersFollowTheCommen
     EXPECT_EQ(Get(" main ", "  K ", f), "v ; note");  // arguments trimmed, case ignored
     EXPECT_EQ(Get("Main", "quoted", f), "spaced out");
     EXPECT_EQ(Get("Main", "ticked", f), "inner");
+    EXPECT_EQ(Get("Main", "lone", f), "");  // one '"' both opens and closes
+    EXPECT_EQ(Get("Main", "pair", f), "");
+    EXPECT_EQ(Get("Main", "tick2", f), "it's here");  // closed by the last apostrophe
     EXPECT_EQ(Get("Main", "apos", f), "'kept'");
     EXPECT_EQ(Get("Main", "mixed case key", f), "mk");
     EXPECT_EQ(Get("Main", "eq", f), "a=b=c");
@@ -50,8 +56,8 @@ TEST(ProfileRead, ValuesKeepCommentsAndLoseOnePairOfQuotesHeadersFollowTheCommen
     EXPECT_EQ(Get("Main", "missing", f, "  padded "), "  padded ");
 
     // The key list holds bare lines and keys of commented values, not comments.
-    EXPECT_EQ(Keys("Main", f), (Strings{"k", "quoted", "ticked", "apos", "Mixed Case Key", "eq",
-                                        "flag", "empty", "dup", "dup"}));
+    EXPECT_EQ(Keys("Main", f), (Strings{"k", "quoted", "ticked", "lone", "pair", "tick2", "apos",
+                                        "Mixed Case Key", "eq", "flag", "empty", "dup", "dup"}));
 
     // Headers follow the comment cut and keep their blanks.
     tvtest::WriteFile(

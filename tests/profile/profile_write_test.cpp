@@ -103,9 +103,12 @@ TEST(ProfileWrite, FlushReportsZeroWhenItReleasedItsLockAndClearsDirty) {
     EXPECT_EQ(Flush(f), 0);
     EXPECT_EQ(tvtest::ReadFile(f), "[S]\nk=2\n\n");
     EXPECT_FALSE(tvtest::FileExists(profiletest::LockPathFor(f)));
-    struct stat st;
+    struct stat st, again;
     ASSERT_EQ(stat(f.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);  // the rename kept the mode
+    EXPECT_EQ(Flush(f), 0);                // clean now: the file is not replaced again
+    ASSERT_EQ(stat(f.c_str(), &again), 0);
+    EXPECT_EQ(again.st_ino, st.st_ino);
 
     // With caching off every change is flushed and answers with the flush's 0.
     yuSetProfileWriteCaching(false);
