@@ -45,7 +45,7 @@ int Event::EventIsSignaled() const {
     return (__atomic_load_n(&state_, __ATOMIC_ACQUIRE) & kSignalled) ? 1 : 0;
 }
 
-bool Event::TryConsume() {
+inline bool Event::Consume() {
     unsigned v = __atomic_load_n(&state_, __ATOMIC_ACQUIRE);
     if (manualReset_) return (v & kSignalled) != 0;
     do {
@@ -55,8 +55,12 @@ bool Event::TryConsume() {
     return true;
 }
 
+bool Event::TryConsume() {
+    return Consume();
+}
+
 bool Event::TakeLocked(pthread_t) {
-    return TryConsume();
+    return Consume();
 }
 
 void Event::GiveBackLocked(pthread_t) {
@@ -75,14 +79,14 @@ void Event::SleepersChangedLocked(bool any) {
 }
 
 unsigned long Event::WaitForHandle(unsigned long ms, int alertable) {
-    if (TryConsume()) return WAIT_OBJECT_0;
+    if (Consume()) return WAIT_OBJECT_0;
     if (ms == 0) return WAIT_TIMEOUT;
     tv::detail::Waitable* self = this;
     Handle* h = this;
     return tv::detail::WaitCore(1, &self, &h, false, ms, alertable);
 }
 
-int Event::Raise(bool pulse) {
+inline int Event::Raise(bool pulse) {
     unsigned v = __atomic_load_n(&state_, __ATOMIC_ACQUIRE);
     while (!(v & kSleepers)) {
         // Nobody sleeps here: no lock needed. A pulse then releases nobody.
@@ -163,17 +167,17 @@ BOOL EventSet(Handle* h) {
     return h ? h->Set() : FALSE;
 }
 BOOL SetEvent(Handle* h) {
-    return EventSet(h);
+    return h ? h->Set() : FALSE;
 }
 BOOL EventReset(Handle* h) {
     return h ? h->Reset() : FALSE;
 }
 BOOL ResetEvent(Handle* h) {
-    return EventReset(h);
+    return h ? h->Reset() : FALSE;
 }
 BOOL EventPulse(Handle* h) {
     return h ? h->Pulse() : FALSE;
 }
 BOOL PulseEvent(Handle* h) {
-    return EventPulse(h);
+    return h ? h->Pulse() : FALSE;
 }

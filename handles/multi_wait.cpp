@@ -25,7 +25,7 @@ namespace {
 unsigned long WaitForObjects(unsigned long count, Handle** handles, int waitAll, unsigned long ms,
                              int alertable) {
     if (count == 0 || handles == nullptr || count > MAXIMUM_WAIT_OBJECTS + 1) return WAIT_FAILED;
-    tv::detail::Waitable* objects[MAXIMUM_WAIT_OBJECTS + 1];
+    tv::detail::Waitable* objects[MAXIMUM_WAIT_OBJECTS + 1] = {};
     bool viaSynch[MAXIMUM_WAIT_OBJECTS + 1];
     for (unsigned long i = 0; i < count; ++i) {
         Handle* h = handles[i];

@@ -385,7 +385,9 @@ public:
     void SleepersChangedLocked(bool any) override TV_REQUIRES(lock_);
 
 private:
-    int Raise(bool pulse);
+    // Defined (inline, for the lock-free paths) in handles/event.cpp.
+    inline bool Consume();
+    inline int Raise(bool pulse);
 
     long data_;
     long lastData_;
