@@ -197,6 +197,19 @@ TEST(RegistryApi, DeleteKeyRules) {
 
     HKEY sw = Create("Software");
     EXPECT_EQ(-1, RegDeleteKey(sw, "Missing"));
+    // Names match without regard to case: a value or subkey deleted under
+    // another spelling leaves the enumeration as well.
+    ASSERT_EQ(0, RegSetValueEx(sw, "Alpha", 0, REG_SZ, reinterpret_cast<const BYTE*>("1"), 2));
+    ASSERT_EQ(0, RegDeleteValue(sw, "ALPHA"));
+    char n[16];
+    DWORD cb = sizeof n, type = 0;
+    EXPECT_EQ(259, RegEnumValue(sw, 0, n, &cb, nullptr, &type, nullptr, nullptr));
+    ASSERT_EQ(0, RegSetValueEx(sw, "alpha", 0, REG_SZ, reinterpret_cast<const BYTE*>("2"), 2));
+    EXPECT_EQ(0, RegEnumValue(sw, 0, n, &cb, nullptr, &type, nullptr, nullptr));
+    cb = sizeof n;
+    EXPECT_EQ(259, RegEnumValue(sw, 1, n, &cb, nullptr, &type, nullptr, nullptr));
+    ASSERT_EQ(0, RegDeleteKey(sw, "KEEP"));
+    EXPECT_EQ(259, RegEnumKey(sw, 0, n, sizeof n));
     EXPECT_EQ(0, RegCloseKey(sw));
 }
 

@@ -499,6 +499,47 @@ TEST(ProcessSpawn, RedirectedStandardHandlesAreUsed) {
     CloseHandle(p);
 }
 
+// GetExitCodeProcess on a running child blocks until it ends; a signal
+// that interrupts the wait (a handler without SA_RESTART) does not end it.
+TEST(ProcessWait, ExitCodeWaitsThroughSignals) {
+    struct sigaction quiet, before;
+    memset(&quiet, 0, sizeof quiet);
+    quiet.sa_handler = [](int) {};
+    sigemptyset(&quiet.sa_mask);
+    ASSERT_EQ(0, sigaction(SIGURG, &quiet, &before));
+    int in[2];
+    ASSERT_EQ(0, pipe2(in, O_CLOEXEC));
+    Handle* childIn = new File(in[0]);
+    STARTUPINFO si;
+    memset(&si, 0, sizeof si);
+    si.dwFlags = kStartupUseStdHandles;
+    si.hStdInput = childIn;
+    si.hStdOutput = INVALID_HANDLE_VALUE;
+    si.hStdError = INVALID_HANDLE_VALUE;
+    Handle* p = Start("/bin/sh -c \"read x; exit 5\"", 0, nullptr, &si);
+    CloseHandle(childIn);
+    ASSERT_NE(p, nullptr);
+    std::atomic<pid_t> tid(0);
+    BOOL ok = FALSE;
+    DWORD code = 0;
+    std::thread waiter([&] {
+        tid = tvtest::CurrentTid();
+        ok = GetExitCodeProcess(p, &code);
+    });
+    while (tid == 0) sched_yield();
+    ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
+    for (int i = 0; i < 5; ++i) {
+        pthread_kill(waiter.native_handle(), SIGURG);
+        ASSERT_TRUE(tvtest::WaitUntilSleeping(tid));
+    }
+    close(in[1]);  // the child reads the end of its input and exits
+    waiter.join();
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(5u, code);
+    CloseHandle(p);
+    sigaction(SIGURG, &before, nullptr);
+}
+
 TEST(ProcessSystem, ReturnsTheShellsExitStatusAndRestoresSigchld) {
     struct sigaction mine, before, after;
     memset(&mine, 0, sizeof mine);
