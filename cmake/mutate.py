@@ -87,11 +87,26 @@ def run(cmd, timeout=None, quiet=True):
         return "timeout"
 
 
+_targets = {}
+
+
+def build_targets(build):
+    """The build's current target names: a test program left in the build
+    directory by a test file that has since gone is not one of them."""
+    if build not in _targets:
+        out = subprocess.run(["cmake", "--build", build, "--target", "help"], cwd=ROOT,
+                             capture_output=True, text=True).stdout
+        _targets[build] = {line.split(":")[0].strip() for line in out.splitlines()}
+    return _targets[build]
+
+
 def test_programs(build, patterns):
     found = []
+    known = build_targets(build)
     for p in patterns:
         for exe in sorted(glob.glob(os.path.join(ROOT, build, "tests", p))):
-            if os.access(exe, os.X_OK) and os.path.isfile(exe) and exe not in found:
+            if (os.access(exe, os.X_OK) and os.path.isfile(exe) and exe not in found
+                    and os.path.basename(exe) in known):
                 found.append(exe)
     return found
 
