@@ -519,9 +519,8 @@ DWORD RunWatcher(WatchDirsThreadObject* thread) {
 // order, so no pass or scan is in progress at the fork; the parent releases
 // them. The child releases the scan lock (a plain mutex it owns) and gets
 // fresh reader/writer locks: another thread may have been inside one's
-// internal mutex, or counted as waiting on it, at the fork. The old ones
-// are left as they are. The child starts its own watcher loop if it wants
-// one.
+// internal mutex, or counted as waiting on it, at the fork. The child
+// starts its own watcher loop if it wants one.
 namespace {
 
 void ForkPrepare() TV_NO_THREAD_SAFETY_ANALYSIS {
@@ -536,15 +535,17 @@ void ForkParent() TV_NO_THREAD_SAFETY_ANALYSIS {
     CNH_lock().WriteUnlock();
 }
 
-void Renew(RWLock& lock) {
-    const RWLock fresh(lock);  // same preference and name, nothing held
-    new (&lock) RWLock(fresh);
+// Built over the old lock, which is not destroyed (its mutex may be held);
+// the preference is the one watch_table.cpp gives the lock.
+void Renew(RWLock& lock, bool readersPreferred) {
+    const std::string name = lock.GetLockName();
+    new (&lock) RWLock(readersPreferred, name.c_str());
 }
 
 void ForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
-    Renew(Dir_Data_lock());
+    Renew(Dir_Data_lock(), true);
     DirScan_lock().Unlock();
-    Renew(CNH_lock());
+    Renew(CNH_lock(), false);
 }
 
 struct ForkHandlers {

@@ -487,10 +487,11 @@ TEST(RegistryMultiProcess, ConcurrentStartersNeverGiveUp) {
 }
 
 // Forks while other threads write the registry (one changing values, reading
-// a profile and arming a timer, the lazy writer writing): each child writes
-// the registry, reads the profile, has a thread signal an event, waits for a
-// timer of its own and for a /bin/true it starts, all at once after the
-// fork, and ends in time; nothing written by either side is lost.
+// a profile and arming a timer, the lazy writer writing) and a directory
+// watcher scans: each child writes the registry, reads the profile, watches
+// the directory, has a thread signal an event, waits for a timer of its own
+// and for a /bin/true it starts, all at once after the fork, and ends in
+// time; nothing written by either side is lost.
 TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
     if (kUnderAsan) {
         GTEST_SKIP() << "this toolchain's AddressSanitizer runtime does not hold its allocator "
@@ -506,6 +507,15 @@ TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
     ASSERT_EQ(0, pthread_create(
                      &lazy, nullptr,
                      [](void* ms) -> void* { return RegLazyWriteThread(ms), nullptr; }, &interval));
+    // A directory watcher passing over the test's directory all the time.
+    struct Restless : WatchDirsThreadObject {
+        unsigned long TimedWait(unsigned long, int, WatchDirsThreadObject*) override {
+            usleep(1000);
+            return WAIT_TIMEOUT;
+        }
+    } loop;
+    Handle* watched = FindFirstChangeNotification(env.file("").c_str(), 1, 0x1f);
+    std::thread watcher([&] { WatchDirsThread(&loop); });
     Handle* busyTimer = CreateWaitableTimer(nullptr, FALSE, nullptr);
     std::atomic<bool> stop(false);
     std::thread busy([&] {
@@ -529,6 +539,7 @@ TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
         char buf[8] = "";
         GetPrivateProfileString("S", "K", "", buf, sizeof buf, ini.c_str());
         if (strcmp(buf, "v") != 0) return 3;
+        FindCloseChangeNotification(FindFirstChangeNotification(env.file("").c_str(), 1, 0x1f));
         Handle* ev = CreateEvent(nullptr, TRUE, FALSE, nullptr);
         std::thread signaller([ev] { SetEvent(ev); });
         const DWORD signalled = WaitForSingleObjectEx(ev, 10000, FALSE);
@@ -569,6 +580,10 @@ TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
     stop = true;
     busy.join();
     CloseHandle(busyTimer);
+    loop.RequestStop();
+    watcher.join();
+    bFileShutdownRequested = false;
+    FindCloseChangeNotification(watched);
     pthread_cancel(lazy);  // writes once more
     pthread_join(lazy, nullptr);
 
