@@ -38,6 +38,15 @@
 // the APC target stays valid until the timer is re-armed or destroyed; an APC
 // for a thread that has ended is dropped by QueueAPC. References are dropped
 // outside the request lock.
+//
+// Fork
+// ----
+// The timer thread does not survive a fork. The prepare handler takes the
+// request lock (so the queue is consistent: the thread only holds it while
+// it works on the queue), the parent releases it, and the child re-makes
+// the lock and conditions, forgets the thread and clears the sleep record.
+// Inherited armed timers stay queued; the next timer created or armed in
+// the child starts a fresh thread, which fires them.
 #include <errno.h>
 #include <pthread.h>
 #include <sched.h>
@@ -85,6 +94,27 @@ void NextPeriod(timespec& due, long periodMs) {
     due.tv_sec = static_cast<time_t>(next / 1000000000LL);
     due.tv_nsec = static_cast<long>(next % 1000000000LL);
 }
+
+void ForkPrepare() {
+    pthread_mutex_lock(&g_requestLock);
+}
+
+void ForkParent() {
+    pthread_mutex_unlock(&g_requestLock);
+}
+
+void ForkChild() {
+    pthread_mutex_init(&g_requestLock, nullptr);
+    pthread_cond_init(&g_requestQueue, nullptr);
+    pthread_cond_init(&g_sleepAck, nullptr);
+    // The parent's thread object is left alone: only its thread is gone.
+    __atomic_store_n(&g_timerThread, nullptr, __ATOMIC_RELEASE);
+    g_sleepingOn = nullptr;
+}
+
+struct ForkHandlers {
+    ForkHandlers() { pthread_atfork(ForkPrepare, ForkParent, ForkChild); }
+} forkHandlers;
 
 bool Reached(const timespec& due) {
     timespec now;
@@ -160,7 +190,9 @@ int Timer::CancelLocked(Timer* t) {
     while (e && e != t) e = e->next_;
     // Removed earlier by a cancel that left the state at "queued".
     if (e == nullptr) return 1;
-    if (t->inWait_) {
+    // inWait_ is only ever set on the timer recorded in g_sleepingOn; a
+    // forked child clears the record but cannot reach the flag.
+    if (t->inWait_ && g_sleepingOn == t) {
         // The timer thread sleeps until this timer's due time: make it look
         // at the queue again, and tell it this expiry is void.
         t->state_ = kCancelledInWait;
@@ -179,6 +211,8 @@ int Timer::Cancel(Timer* t) {
 }
 
 int Timer::SetTimer(const timespec* due, long periodMs, PTIMERAPCROUTINE routine, void* arg) {
+    // Only a forked child arms a timer with no thread running.
+    if (__atomic_load_n(&g_timerThread, __ATOMIC_ACQUIRE) == nullptr) StartThread();
     TvPlatformThread* self = static_cast<TvPlatformThread*>(GetCurrentThread());
     self->IncRefCount();
     TvPlatformThread* previousOwner;

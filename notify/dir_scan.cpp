@@ -73,7 +73,8 @@
 // the scanner and cleared by the collecting thread. DIR_ENTRY pointers stay
 // valid between lookups because only scans erase, and scans are serialised.
 // A forked child keeps no watches (the parent's queue is not its own); a
-// loop it starts watches afresh.
+// loop it starts watches afresh. Fork handlers (at the end) keep locks 1-3
+// usable in the child.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -84,6 +85,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <new>
 #include <string>
 #include <vector>
 
@@ -508,6 +510,49 @@ DWORD RunWatcher(WatchDirsThreadObject* thread) {
         if (!again) thread->TimedWait(WatchPeriod(elapsed), 0, thread);
     }
 }
+
+// ---------------------------------------------------------------------------
+// Fork
+// ---------------------------------------------------------------------------
+// A fork taken mid-pass would leave the child with locks held by a watcher
+// that does not exist there. The prepare handler takes the locks in their
+// order, so no pass or scan is in progress at the fork; the parent releases
+// them. The child releases the scan lock (a plain mutex it owns) and gets
+// fresh reader/writer locks: another thread may have been inside one's
+// internal mutex, or counted as waiting on it, at the fork. The child
+// starts its own watcher loop if it wants one.
+namespace {
+
+void ForkPrepare() TV_NO_THREAD_SAFETY_ANALYSIS {
+    CNH_lock().WriteLock(INFINITE);
+    DirScan_lock().Lock();
+    Dir_Data_lock().WriteLock(INFINITE);
+}
+
+void ForkParent() TV_NO_THREAD_SAFETY_ANALYSIS {
+    Dir_Data_lock().WriteUnlock();
+    DirScan_lock().Unlock();
+    CNH_lock().WriteUnlock();
+}
+
+// Built over the old lock, which is not destroyed (its mutex may be held);
+// the preference is the one watch_table.cpp gives the lock.
+void Renew(RWLock& lock, bool readersPreferred) {
+    const std::string name = lock.GetLockName();
+    new (&lock) RWLock(readersPreferred, name.c_str());
+}
+
+void ForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
+    Renew(Dir_Data_lock(), true);
+    DirScan_lock().Unlock();
+    Renew(CNH_lock(), false);
+}
+
+struct ForkHandlers {
+    ForkHandlers() { pthread_atfork(ForkPrepare, ForkParent, ForkChild); }
+} forkHandlers;
+
+}  // namespace
 
 }  // namespace detail
 }  // namespace tv

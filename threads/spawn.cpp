@@ -280,6 +280,12 @@ int Spawn(unsigned long flags, Handle* token, const char* commandLine, const cha
     tv::detail::EnsureProcessInit();
     if (commandLine == nullptr || *commandLine == '\0') return -1;
     if (token == INVALID_HANDLE_VALUE) return -1;
+    if (flags & CREATE_SUSPENDED) {
+        // The caller would get no thread handle to resume the child with,
+        // so a child held before its program would stay held for good.
+        errno = ERROR_CALL_NOT_IMPLEMENTED;
+        return -1;
+    }
     if (token && token->What() != kHandleSecurityToken) {
         errno = ERROR_INVALID_HANDLE;
         return -1;

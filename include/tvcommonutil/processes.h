@@ -133,6 +133,8 @@ constexpr unsigned long kStartupUseStdHandles = 2;
 // Starts commandLine (split into at most 15 arguments, run with execv, no
 // PATH search). Returns the new process's pid (the grandchild's in detached
 // mode) once it has exec'ed, or -1; exec failure is reported synchronously.
+// CREATE_SUSPENDED is refused (-1, ERROR_CALL_NOT_IMPLEMENTED): a child
+// process cannot be held before its program and resumed later.
 TV_API int Spawn(unsigned long flags, Handle* token, const char* commandLine, const char* directory,
                  STARTUPINFO* startup);
 
@@ -146,7 +148,10 @@ TV_API int SplitCommandLine(const char* line, char* work, char** argv, int maxAr
 // The command line is copied into a 512-byte buffer: applicationName, then
 // commandLine over it, so a given command line wins; either longer than 511
 // characters is refused (ERROR_FILENAME_EXCED_RANGE). The security
-// attributes, inheritance flag and environment are ignored.
+// attributes, inheritance flag and environment are ignored. The process
+// information's hThread is always null, so nothing could resume a suspended
+// child: CREATE_SUSPENDED fails (FALSE, ERROR_CALL_NOT_IMPLEMENTED) rather
+// than start a child that runs at once or never.
 TV_API BOOL CreateProcessAsUser(Handle* token, const char* applicationName, char* commandLine,
                                 SECURITY_ATTRIBUTES* processAttributes,
                                 SECURITY_ATTRIBUTES* threadAttributes, BOOL inheritHandles,

@@ -486,52 +486,104 @@ TEST(RegistryMultiProcess, ConcurrentStartersNeverGiveUp) {
     RegCloseKey(h);
 }
 
-// Forks while other threads write the registry (one changing values, the
-// lazy writer writing them): each child writes at once, through its own
-// lazy writer, and ends in time; nothing written by either side is lost.
+// Forks while other threads write the registry (one changing values, reading
+// a profile and arming a timer, the lazy writer writing) and a directory
+// watcher scans: each child writes the registry, reads the profile, watches
+// the directory, has a thread signal an event, waits for a timer of its own
+// and for a /bin/true it starts, all at once after the fork, and ends in
+// time; nothing written by either side is lost.
 TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
     if (kUnderAsan) {
         GTEST_SKIP() << "this toolchain's AddressSanitizer runtime does not hold its allocator "
                         "across fork: a child forked while another thread allocates can hang in it";
     }
-    const int kRounds = 60;
+    const int kRounds = 200;
     RegistryEnv env;
+    const std::string ini = env.file("fork.ini");
+    tvtest::WriteFile(ini, "[S]\nK=v\n");
     InitRegistry(0, 1);
     int interval = 5;
     pthread_t lazy;
     ASSERT_EQ(0, pthread_create(
                      &lazy, nullptr,
                      [](void* ms) -> void* { return RegLazyWriteThread(ms), nullptr; }, &interval));
+    // A directory watcher passing over the test's directory all the time.
+    struct Restless : WatchDirsThreadObject {
+        unsigned long TimedWait(unsigned long, int, WatchDirsThreadObject*) override {
+            usleep(1000);
+            return WAIT_TIMEOUT;
+        }
+    } loop;
+    Handle* watched = FindFirstChangeNotification(env.file("").c_str(), 1, 0x1f);
+    std::thread watcher([&] { WatchDirsThread(&loop); });
+    Handle* busyTimer = CreateWaitableTimer(nullptr, FALSE, nullptr);
     std::atomic<bool> stop(false);
     std::thread busy([&] {
-        for (unsigned long i = 0; !stop.load(); ++i) SetAndClose("Busy", "V", std::to_string(i));
+        char buf[8];
+        for (unsigned long i = 0; !stop.load(); ++i) {
+            SetAndClose("Busy", "V", std::to_string(i));
+            GetPrivateProfileString("S", "K", "", buf, sizeof buf, ini.c_str());
+            timespec due;
+            clock_gettime(CLOCK_REALTIME, &due);
+            SetWaitableTimer(busyTimer, &due, 0, nullptr, nullptr, FALSE);
+        }
     });
     // Forks start once both threads are at work (their first write is in
     // the file), not while they are still being made.
     for (int i = 0; i < 30000 && env.ReadRegistryFile().find("\\Busy=") == std::string::npos; ++i) {
         usleep(1000);
     }
+    // The child's steps; the exit code names the one that failed.
+    auto child = [&](const std::string& name) {
+        if (SetAndClose("Fork", name, "1") != 0) return 1;
+        char buf[8] = "";
+        GetPrivateProfileString("S", "K", "", buf, sizeof buf, ini.c_str());
+        if (strcmp(buf, "v") != 0) return 3;
+        FindCloseChangeNotification(FindFirstChangeNotification(env.file("").c_str(), 1, 0x1f));
+        Handle* ev = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+        std::thread signaller([ev] { SetEvent(ev); });
+        const DWORD signalled = WaitForSingleObjectEx(ev, 10000, FALSE);
+        signaller.join();
+        if (signalled != WAIT_OBJECT_0) return 4;
+        Handle* timer = CreateWaitableTimer(nullptr, FALSE, nullptr);
+        bool fired = false;
+        timespec due;
+        clock_gettime(CLOCK_REALTIME, &due);
+        SetWaitableTimer(
+            timer, &due, 0, [](void* f, void*, void*) { *static_cast<bool*>(f) = true; }, &fired,
+            FALSE);
+        if (SleepEx(10000, TRUE) != WAIT_IO_COMPLETION || !fired) return 5;
+        char line[] = "/bin/true";
+        PROCESS_INFORMATION pi;
+        memset(&pi, 0, sizeof pi);
+        if (!CreateProcess(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr, nullptr,
+                           &pi) ||
+            WaitForSingleObjectEx(pi.hProcess, 10000, FALSE) != WAIT_OBJECT_0) {
+            return 6;
+        }
+        // Lands once the child's own lazy writer has written it.
+        for (int i = 0; i < 10000; ++i) {
+            if (tvtest::ReadFile(env.registryFile()).find("\n" + name + "=") != std::string::npos) {
+                CleanSystemResources();
+                return 0;
+            }
+            usleep(1000);
+        }
+        return 2;
+    };
     bool failed = false;
     for (int round = 0; round < kRounds && !failed; ++round) {
-        const std::string name = "c" + std::to_string(round);
-        const std::string file = env.registryFile();
-        int rc = ForkChild(20, [&] {
-            if (SetAndClose("Fork", name, "1") != 0) return 1;
-            // Lands once the child's own lazy writer has written it.
-            for (int i = 0; i < 10000; ++i) {
-                if (tvtest::ReadFile(file).find("\n" + name + "=") != std::string::npos) {
-                    CleanSystemResources();
-                    return 0;
-                }
-                usleep(1000);
-            }
-            return 2;
-        });
+        const int rc = ForkChild(20, [&] { return child("c" + std::to_string(round)); });
         EXPECT_EQ(0, rc) << "round " << round;  // -2: hung
         failed = rc != 0;
     }
     stop = true;
     busy.join();
+    CloseHandle(busyTimer);
+    loop.RequestStop();
+    watcher.join();
+    bFileShutdownRequested = false;
+    FindCloseChangeNotification(watched);
     pthread_cancel(lazy);  // writes once more
     pthread_join(lazy, nullptr);
 

@@ -302,6 +302,13 @@ TEST(ProcessSpawn, ProgramThatCannotRunGivesNoHandle) {
     EXPECT_FALSE(CreateProcess(nullptr, missing, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                                nullptr, &pi));
     EXPECT_EQ(pi.hProcess, nullptr);
+    // A suspended child could never be resumed (no thread handle): refused.
+    char runnable[] = "/bin/true";
+    errno = 0;
+    EXPECT_FALSE(CreateProcess(nullptr, runnable, nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                               nullptr, nullptr, nullptr, &pi));
+    EXPECT_EQ(static_cast<long>(errno), ERROR_CALL_NOT_IMPLEMENTED);
+    EXPECT_EQ(pi.hProcess, nullptr);
     EXPECT_EQ(Spawn(0, nullptr, "/etc/passwd", nullptr, nullptr), -1);  // not executable
     EXPECT_EQ(Spawn(kSpawnDetached, nullptr, "/nonexistent", nullptr, nullptr), -1);
     tvtest::TempDir dir;

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -344,6 +345,32 @@ TEST_F(Tvreg, SetQueryListExportImportAndDelete) {
     Result empty = Run({"list", "HKLM"});
     EXPECT_EQ(empty.status, 0) << empty.err;
     EXPECT_EQ(empty.out, "HKEY_LOCAL_MACHINE\nsubkeys (0):\nvalues (0):\n");
+}
+
+// Many administrators' sets on a registry nobody has started yet: every
+// one starts (none gives up because others are starting or leaving) and
+// every value lands.
+TEST_F(Tvreg, ConcurrentSetsOnAFreshRootAllLand) {
+    const int kRounds = 20, kProcs = 64;
+    for (int round = 0; round < kRounds; ++round) {
+        install_ = dir_.path() + "/install" + std::to_string(round);
+        std::vector<pid_t> pids;
+        for (int p = 0; p < kProcs; ++p) {
+            const std::string n = std::to_string(p);
+            pids.push_back(Start({"set", "HKLM\\Conc", "v" + n, "sz", n}, "set" + n));
+        }
+        for (int p = 0; p < kProcs; ++p) {
+            const Result r = Finish(pids[p], "set" + std::to_string(p));
+            EXPECT_EQ(r.status, 0) << "round " << round << ": " << r.err;
+        }
+        json all = ParseJson(Run({"--json", "query", "HKLM\\Conc"}).out);
+        std::set<std::string> seen;
+        for (const json& v : all["values"]) {
+            if (v["name"] == "v" + v["data"].get<std::string>()) seen.insert(v["name"]);
+        }
+        ASSERT_EQ(seen.size(), static_cast<size_t>(kProcs)) << "round " << round;
+        TearDown();
+    }
 }
 
 // args: install directory, marker. Takes the registry lock and stops itself.
