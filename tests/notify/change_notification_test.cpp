@@ -160,6 +160,15 @@ TEST(ChangeNotification, WaitAndSignalThroughTheOverlappedEvent) {
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(l.h, 1000));
     l.h->Clear();
     EXPECT_EQ(0, l.h->State());
+    // In a mixed set with an event the handle completes the wait as well.
+    Handle* other = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* set[2] = {other, l.h};
+    EXPECT_EQ(WAIT_OBJECT_0 + 1,
+              notifytest::WokenBy<unsigned long>(
+                  [&] { return WaitForMultipleObjectsEx(2, set, FALSE, 20000, FALSE); },
+                  [&] { l.h->Signal(); }));
+    CloseHandle(other);
+    l.h->Clear();
 
     OVERLAPPED ov{};
     ov.hEvent = CreateEvent(nullptr, TRUE, FALSE, nullptr);
