@@ -13,7 +13,9 @@
 
 #include <algorithm>
 
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_format.h"
+#include "registry/registry_shared.h"
 
 namespace tv {
 namespace detail {

@@ -30,7 +30,11 @@
 #include <ostream>
 
 #include "foundation/clock_internal.h"
-#include "registry/registry_internal.h"
+#include "foundation/diagnostics_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_format.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 #include "tvcommonutil/files.h"
 #include "tvcommonutil/services.h"
 

@@ -38,7 +38,9 @@
 #include <vector>
 
 #include "handles/wait_internal.h"
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 
 namespace tv {
 namespace detail {

@@ -122,7 +122,9 @@
 #include <vector>
 
 #include "foundation/clock_internal.h"
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 
 namespace tv {
 namespace detail {

@@ -21,7 +21,10 @@
 #include <string>
 
 #include "foundation/clock_internal.h"
-#include "registry/registry_internal.h"
+#include "foundation/diagnostics_internal.h"
+#include "registry/registry_format.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 #include "tvcommonutil/files.h"
 
 namespace tv {

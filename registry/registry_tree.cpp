@@ -25,7 +25,8 @@
 #include <algorithm>
 #include <ostream>
 
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/testing.h"
 #include "tvcommonutil/services.h"
 
 namespace tv {
