@@ -102,6 +102,15 @@ private:
 // first load of an empty tree, or by a refresh of a live tree.
 enum class FindMode { kApi, kLoad, kRefresh };
 
+// How FindKey walks: whether it makes the missing keys, whether the key
+// comes back still locked (the file reader fills it before anyone sees it),
+// and for whom (see FindMode).
+struct FindKeyOptions {
+    bool create = false;
+    bool keepLocked = false;
+    FindMode mode = FindMode::kApi;
+};
+
 // A node of the in-memory registry.
 //
 // Locking: lock_ guards every mutable field below (values, children, flags,
@@ -307,8 +316,8 @@ CriticalSection& AllKeysLock();
 // Walks path from start (see registry_tree.cpp). Returns the key or null;
 // index is in/out (the number for a new key, -1 to allocate; the key's
 // number on return, 0 on failure).
-RegKey* FindKey(RegKey* start, const char* path, int create, int& created, FindMode mode,
-                long& index, int keepLocked);
+RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, int& created,
+                long& index);
 
 // Looks a handle up in OpenKeyMap (masked); null when unknown. The caller
 // holds the cache lock shared at least; the key is returned unlocked.

@@ -509,8 +509,12 @@ bool ReadRegistryFd(int fd, int refresh) {
             long index = static_cast<long>(strtoul(eq + 1, nullptr, 0));
             // A number the tree cannot use as a handle is replaced.
             if (index <= 0 || index > KEY_INDEX_MASK) index = -1;
+            FindKeyOptions walk;
+            walk.create = true;
+            walk.keepLocked = true;
+            walk.mode = mode;
             int created = 0;
-            cur = FindKey(root, line, 1, created, mode, index, 1);
+            cur = FindKey(root, line, walk, created, index);
             if (cur != nullptr) ++keyLines;
             continue;
         }

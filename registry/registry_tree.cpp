@@ -572,8 +572,11 @@ void RegKey::DropChildren() {
 // the key of the line) and never touches open counts. A refresh stops at a
 // name this process deleted and has not yet written: the file's copy of
 // that subtree is stale by definition and must not come back.
-RegKey* FindKey(RegKey* start, const char* path, int create, int& created, FindMode mode,
-                long& index, int keepLocked) {
+RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, int& created,
+                long& index) {
+    const bool create = options.create;
+    const bool keepLocked = options.keepLocked;
+    const FindMode mode = options.mode;
     created = 0;
     const std::vector<CKWString> parts = SplitPath(path);
     if (parts.empty()) {
