@@ -35,6 +35,11 @@ constexpr unsigned long kRegWriteAccess = 0x60000;
 
 class RegKey;
 
+// Leaf locks of the process-wide tables (see RegKey::OpenKeyMap and
+// RegKey::AllKeysSet).
+CriticalSection& TableLock();
+CriticalSection& AllKeysLock();
+
 // Write epochs. Every successful write of the file starts a new epoch; a
 // change of this process is pending (not yet in the file) exactly while it
 // carries the current epoch. So a write commits every pending mark at once,
@@ -48,7 +53,9 @@ struct PrintSink;  // registry_format.h
 //
 // A pending value was set by this process and is not yet in the file (its
 // epoch is the current write epoch); a refresh from the file never
-// overwrites or drops it. Guarded by the owning key's lock.
+// overwrites or drops it. Guarded by the owning key's lock (not annotated:
+// a value does not know its key, and the analysis cannot name another
+// object's lock).
 class RegValue {
 public:
     RegValue() : sequence_(0), type_(0), pendingEpoch_(0) {}
@@ -135,8 +142,8 @@ public:
     void Unlock() TV_NO_THREAD_SAFETY_ANALYSIS { lock_.Unlock(); }
 
     // --- process-wide tables -------------------------------------------
-    static std::map<long, OpenKey>& OpenKeyMap();  // guarded by TableLock()
-    static std::set<long>& AllKeysSet();           // guarded by AllKeysLock()
+    static std::map<long, OpenKey>& OpenKeyMap() TV_REQUIRES(TableLock());
+    static std::set<long>& AllKeysSet() TV_REQUIRES(AllKeysLock());
     static unsigned long Generation();
     static void NewGeneration();
     // A number in 1..0x3fffffff not used by any key (0 is HKEY_LOCAL_MACHINE).
@@ -276,6 +283,10 @@ private:
     void AppendValueName(const CKWString& name);
     void RemoveValueName(const CKWString& name);
 
+    // Every field from opens_ to subCursorPos_ is guarded by lock_, yet not
+    // annotated (TV_NO_THREAD_SAFETY_ANALYSIS on Lock and Unlock):
+    // hand-over-hand locking, and a key locked by one function and used by
+    // its callees, are beyond what the analysis can follow.
     unsigned long opens_;
     unsigned long sequence_;      // generation that last saw the key on a path
     unsigned long lineSequence_;  // generation that last read its own key line
@@ -310,8 +321,6 @@ std::ostream& operator<<(std::ostream& out, RegKey& k);
 
 // The root of the tree; its one child is normally HKEY_LOCAL_MACHINE.
 RegKey* RegistryKeys();
-CriticalSection& TableLock();
-CriticalSection& AllKeysLock();
 
 // Walks path from start (see registry_tree.cpp). Returns the key or null;
 // index is in/out (the number for a new key, -1 to allocate; the key's

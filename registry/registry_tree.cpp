@@ -39,7 +39,7 @@ unsigned long g_writeEpoch = 1;
 
 // Keys unlinked under the shared cache lock, waiting for the exclusive one.
 CriticalSection g_graveyard_lock;  // leaf
-std::vector<RegKey*>* g_graveyard = nullptr;
+std::vector<RegKey*>* g_graveyard TV_GUARDED_BY(g_graveyard_lock) = nullptr;
 
 bool SameName(const CKWString& a, const CKWString& b) {
     return strcasecmp(a.c_str(), b.c_str()) == 0;
