@@ -4,9 +4,10 @@
 // process's unwritten changes, and the deleted-key bookkeeping (deletion
 // marks, the graveyard of keys unlinked under the shared cache lock).
 //
-// May call: the foundation and the public handle and string types. It knows
-// nothing of the file or of other processes; the file format module prints
-// and fills it, and the shared-state module decides when.
+// May call: the foundation and the public handle and string types only. It
+// knows nothing of other processes; the file format module fills it and
+// prints it (RegKey::Print is defined there), and the shared-state module
+// decides when.
 //
 // Lock order (see registry_sharing.cpp for the whole protocol):
 //   registry cache lock -> registry semaphore -> key locks (parent before

@@ -4,9 +4,11 @@
 // and the reader's round trip all rely on it). Also the file plumbing every
 // write goes through: temporary names, stale temporaries, link-safe copies.
 //
-// May call: the key tree (to fill and print it) and, in the reader, the
-// shared state's file identity and stamps. Never takes the cache lock or the
-// semaphore itself: its callers hold them.
+// May call: the key tree (to fill and print it) and the shared state: a
+// whole write takes the cache lock exclusively (and with it the semaphore),
+// merges the file first and publishes the new stamp after the rename; a read
+// records the file's identity and takes the stamp. The reader of a
+// descriptor (ReadRegistryFd) takes no lock: its callers hold them.
 #ifndef TV_REGISTRY_REGISTRY_FORMAT_H
 #define TV_REGISTRY_REGISTRY_FORMAT_H
 
