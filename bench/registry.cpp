@@ -26,7 +26,8 @@
 #include <tvcommonutil.h>
 
 #include "bench/bench_support.h"
-#include "registry/registry_internal.h"
+#include "registry/registry_format.h"
+#include "registry/testing.h"
 
 namespace {
 

@@ -13,7 +13,9 @@
 
 #include <string>
 
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_format.h"
+#include "registry/testing.h"
 
 namespace {
 

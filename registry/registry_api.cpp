@@ -13,7 +13,9 @@
 
 #include <algorithm>
 
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_format.h"
+#include "registry/registry_shared.h"
 
 namespace tv {
 namespace detail {
@@ -150,7 +152,9 @@ LONG RegCreateKeyEx(HKEY hKey, const char* subKey, DWORD, char*, DWORD, REGSAM s
     SharedCache hold;
     int created = 0;
     long index = -1;
-    RegKey* key = FindKey(RegistryKeys(), path.c_str(), 1, created, FindMode::kApi, index, 0);
+    FindKeyOptions walk;
+    walk.create = true;
+    RegKey* key = FindKey(RegistryKeys(), path.c_str(), walk, created, index);
     if (key == nullptr) return -1;
     key->OpenHandle(static_cast<int>(samDesired));
     if (created) {
@@ -177,7 +181,7 @@ LONG RegOpenKeyEx(HKEY hKey, const char* subKey, DWORD, REGSAM samDesired, HKEY*
     SharedCache hold;
     int created = 0;
     long index = -1;
-    RegKey* key = FindKey(RegistryKeys(), path.c_str(), 0, created, FindMode::kApi, index, 0);
+    RegKey* key = FindKey(RegistryKeys(), path.c_str(), FindKeyOptions(), created, index);
     if (key == nullptr) return ERROR_INVALID_DATA;
     key->OpenHandle(static_cast<int>(samDesired));
     *phkResult = MakeHandle(index, samDesired);

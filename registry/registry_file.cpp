@@ -30,7 +30,11 @@
 #include <ostream>
 
 #include "foundation/clock_internal.h"
-#include "registry/registry_internal.h"
+#include "foundation/diagnostics_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_format.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 #include "tvcommonutil/files.h"
 #include "tvcommonutil/services.h"
 
@@ -505,8 +509,12 @@ bool ReadRegistryFd(int fd, int refresh) {
             long index = static_cast<long>(strtoul(eq + 1, nullptr, 0));
             // A number the tree cannot use as a handle is replaced.
             if (index <= 0 || index > KEY_INDEX_MASK) index = -1;
+            FindKeyOptions walk;
+            walk.create = true;
+            walk.keepLocked = true;
+            walk.mode = mode;
             int created = 0;
-            cur = FindKey(root, line, 1, created, mode, index, 1);
+            cur = FindKey(root, line, walk, created, index);
             if (cur != nullptr) ++keyLines;
             continue;
         }

@@ -38,7 +38,9 @@
 #include <vector>
 
 #include "handles/wait_internal.h"
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 
 namespace tv {
 namespace detail {
@@ -61,6 +63,8 @@ struct Watch {
     unsigned long signature;
 };
 
+// Not annotated: a condition variable waits on g_watchMutex, so it stays a
+// raw pthread mutex, which the analysis does not know as a lock.
 pthread_mutex_t g_watchMutex = PTHREAD_MUTEX_INITIALIZER;
 std::vector<Watch>* g_watches = nullptr;  // guarded by g_watchMutex
 bool g_watcherRunning = false;            // guarded by g_watchMutex; it ends when idle

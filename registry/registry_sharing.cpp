@@ -122,7 +122,9 @@
 #include <vector>
 
 #include "foundation/clock_internal.h"
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 
 namespace tv {
 namespace detail {
@@ -143,7 +145,9 @@ constexpr long kHalfMadeMs = 3000;
 // A stamp no page ever holds: the next look at the page re-reads the file.
 constexpr unsigned long kStampUnknown = ~0UL;
 
-// Attachment state. Written under g_attachMutex, read anywhere atomically.
+// Attachment state. Written under g_attachMutex, read anywhere atomically
+// (not annotated: reads without the lock are by design, and g_attachMutex is
+// a raw pthread mutex the analysis does not know as a lock).
 // g_attachMutex comes after the semaphore's process mutex in the lock order
 // and before the kernel semaphore itself.
 pthread_mutex_t g_attachMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -237,6 +241,9 @@ void registry_shared_memory_error(int err) {
 // the lock order. nested counts read locks taken by the exclusive holder
 // itself and is touched only by that thread. A forked child replaces it (a
 // thread of the parent may have held the RWLock's own mutex at the fork).
+// nested is not annotated: RWLock is no capability the analysis knows, and
+// the lock is taken and released in separate calls (RegLockCache and
+// RegUnlockCache).
 struct CacheLock {
     CacheLock() : nested(0), rw(false, "RegCacheLock") {}
     unsigned long nested;

@@ -21,7 +21,10 @@
 #include <string>
 
 #include "foundation/clock_internal.h"
-#include "registry/registry_internal.h"
+#include "foundation/diagnostics_internal.h"
+#include "registry/registry_format.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 #include "tvcommonutil/files.h"
 
 namespace tv {
@@ -29,17 +32,19 @@ namespace detail {
 
 namespace {
 
-CriticalSection g_pathLock;           // leaf; guards the three strings below and the owner
-CKWString* g_installPath = nullptr;   // sRealInstallPath, read once
-CKWString* g_registryPath = nullptr;  // sStaticRegistryPath
-bool g_ownerKnown = false;
-uid_t g_kwUserId = 0;     // KwUserId
-gid_t g_kwGroupId = 0;    // KwGroupId
-mode_t g_kwFileMode = 0;  // KwFileMode
+CriticalSection g_pathLock;  // leaf; guards the strings below and the owner
+CKWString* g_installPath TV_GUARDED_BY(g_pathLock) = nullptr;   // sRealInstallPath, read once
+CKWString* g_registryPath TV_GUARDED_BY(g_pathLock) = nullptr;  // sStaticRegistryPath
+bool g_ownerKnown TV_GUARDED_BY(g_pathLock) = false;
+uid_t g_kwUserId TV_GUARDED_BY(g_pathLock) = 0;     // KwUserId
+gid_t g_kwGroupId TV_GUARDED_BY(g_pathLock) = 0;    // KwGroupId
+mode_t g_kwFileMode TV_GUARDED_BY(g_pathLock) = 0;  // KwFileMode
 
 long g_regReady = 0;    // lRegReady
 int g_initialised = 0;  // set when the first read is done
 pthread_t g_initThread = NULL_PTHREAD;
+// The three flags above are read and written atomically; g_initMutex only
+// pairs with g_initCond for the wait for a start-up run by another thread.
 pthread_mutex_t g_initMutex = PTHREAD_MUTEX_INITIALIZER;  // leaf; with g_initCond
 pthread_cond_t g_initCond = PTHREAD_COND_INITIALIZER;
 

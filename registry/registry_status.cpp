@@ -10,7 +10,9 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/registry_format.h"
+#include "registry/registry_shared.h"
 
 using namespace tv::detail;
 

@@ -25,7 +25,8 @@
 #include <algorithm>
 #include <ostream>
 
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
+#include "registry/testing.h"
 #include "tvcommonutil/services.h"
 
 namespace tv {
@@ -38,7 +39,7 @@ unsigned long g_writeEpoch = 1;
 
 // Keys unlinked under the shared cache lock, waiting for the exclusive one.
 CriticalSection g_graveyard_lock;  // leaf
-std::vector<RegKey*>* g_graveyard = nullptr;
+std::vector<RegKey*>* g_graveyard TV_GUARDED_BY(g_graveyard_lock) = nullptr;
 
 bool SameName(const CKWString& a, const CKWString& b) {
     return strcasecmp(a.c_str(), b.c_str()) == 0;
@@ -571,8 +572,11 @@ void RegKey::DropChildren() {
 // the key of the line) and never touches open counts. A refresh stops at a
 // name this process deleted and has not yet written: the file's copy of
 // that subtree is stale by definition and must not come back.
-RegKey* FindKey(RegKey* start, const char* path, int create, int& created, FindMode mode,
-                long& index, int keepLocked) {
+RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, int& created,
+                long& index) {
+    const bool create = options.create;
+    const bool keepLocked = options.keepLocked;
+    const FindMode mode = options.mode;
     created = 0;
     const std::vector<CKWString> parts = SplitPath(path);
     if (parts.empty()) {

@@ -10,7 +10,7 @@
 
 #include <tvcommonutil.h>
 
-#include "registry/registry_internal.h"
+#include "registry/key_tree.h"
 #include "registry_support.h"
 
 namespace {

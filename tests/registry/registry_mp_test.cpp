@@ -29,8 +29,8 @@
 
 #include <tvcommonutil.h>
 
-#include "registry/registry_internal.h"
-#include "registry/registry_test_hooks.h"
+#include "registry/registry_shared.h"
+#include "registry/testing.h"
 #include "registry_support.h"
 #include "thread_probe.h"
 

@@ -12,7 +12,7 @@
 
 #include <tvcommonutil.h>
 
-#include "registry/registry_internal.h"
+#include "registry/registry_shared.h"
 #include "registry_support.h"
 
 namespace {

@@ -16,7 +16,7 @@
 
 #include <gtest/gtest.h>
 
-#include "registry/registry_internal.h"
+#include "registry/testing.h"
 
 namespace regtest {
 

@@ -1,15 +1,21 @@
-// Internals of the registry shared by its source files: the key tree, the
-// handle tables, the file reader and writer, the cross-process state and the
-// start-up flags. Nothing here is exported.
+// The key tree: the in-memory registry of this process. Owns the keys and
+// their values, the open-handle table, the key numbers (allocation, claims
+// from the file, the set of numbers in use), the write epochs that mark this
+// process's unwritten changes, and the deleted-key bookkeeping (deletion
+// marks, the graveyard of keys unlinked under the shared cache lock).
+//
+// May call: the foundation and the public handle and string types only. It
+// knows nothing of other processes; the file format module fills it and
+// prints it (RegKey::Print is defined there), and the shared-state module
+// decides when.
 //
 // Lock order (see registry_sharing.cpp for the whole protocol):
 //   registry cache lock -> registry semaphore -> key locks (parent before
 //   child) -> TableLock / AllKeysLock / GraveyardLock (leaves).
-#ifndef TV_REGISTRY_REGISTRY_INTERNAL_H
-#define TV_REGISTRY_REGISTRY_INTERNAL_H
+#ifndef TV_REGISTRY_KEY_TREE_H
+#define TV_REGISTRY_KEY_TREE_H
 
-#include <stdint.h>
-#include <sys/types.h>
+#include <stddef.h>
 
 #include <iosfwd>
 #include <map>
@@ -17,23 +23,23 @@
 #include <string>
 #include <vector>
 
-#include "foundation/diagnostics_internal.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/registry.h"
 #include "tvcommonutil/strings.h"
+#include "tvcommonutil/thread_annotations.h"
 
 namespace tv {
 namespace detail {
-
-// The longest line the reader takes in one piece; the rest of a longer line
-// is read as the next line. The writer refuses to produce longer lines, so
-// everything it writes reads back as written.
-constexpr int kRegLineMax = 4095;
 
 // Access bits of a requested mask that make a handle a write handle.
 constexpr unsigned long kRegWriteAccess = 0x60000;
 
 class RegKey;
+
+// Leaf locks of the process-wide tables (see RegKey::OpenKeyMap and
+// RegKey::AllKeysSet).
+CriticalSection& TableLock();
+CriticalSection& AllKeysLock();
 
 // Write epochs. Every successful write of the file starts a new epoch; a
 // change of this process is pending (not yet in the file) exactly while it
@@ -42,27 +48,15 @@ class RegKey;
 unsigned long CurrentWriteEpoch();
 void NewWriteEpoch();
 
-// Output of the tree writer: text collected in memory and, when a
-// descriptor is given, written out in large blocks. A failed write is
-// remembered and stops all further output.
-struct PrintSink {
-    explicit PrintSink(int descriptor = -1) : fd(descriptor), failed(false), error(0), written(0) {}
-    void Flush();
-    void MaybeFlush() {
-        if (fd >= 0 && text.size() >= 256 * 1024) Flush();
-    }
-    std::string text;
-    int fd;
-    bool failed;
-    int error;       // errno of the write that failed
-    size_t written;  // bytes handed to the descriptor so far
-};
+struct PrintSink;  // registry_format.h
 
 // One named value. Data is always text (see the file format).
 //
 // A pending value was set by this process and is not yet in the file (its
 // epoch is the current write epoch); a refresh from the file never
-// overwrites or drops it. Guarded by the owning key's lock.
+// overwrites or drops it. Guarded by the owning key's lock (not annotated:
+// a value does not know its key, and the analysis cannot name another
+// object's lock).
 class RegValue {
 public:
     RegValue() : sequence_(0), type_(0), pendingEpoch_(0) {}
@@ -116,6 +110,15 @@ private:
 // first load of an empty tree, or by a refresh of a live tree.
 enum class FindMode { kApi, kLoad, kRefresh };
 
+// How FindKey walks: whether it makes the missing keys, whether the key
+// comes back still locked (the file reader fills it before anyone sees it),
+// and for whom (see FindMode).
+struct FindKeyOptions {
+    bool create = false;
+    bool keepLocked = false;
+    FindMode mode = FindMode::kApi;
+};
+
 // A node of the in-memory registry.
 //
 // Locking: lock_ guards every mutable field below (values, children, flags,
@@ -140,8 +143,8 @@ public:
     void Unlock() TV_NO_THREAD_SAFETY_ANALYSIS { lock_.Unlock(); }
 
     // --- process-wide tables -------------------------------------------
-    static std::map<long, OpenKey>& OpenKeyMap();  // guarded by TableLock()
-    static std::set<long>& AllKeysSet();           // guarded by AllKeysLock()
+    static std::map<long, OpenKey>& OpenKeyMap() TV_REQUIRES(TableLock());
+    static std::set<long>& AllKeysSet() TV_REQUIRES(AllKeysLock());
     static unsigned long Generation();
     static void NewGeneration();
     // A number in 1..0x3fffffff not used by any key (0 is HKEY_LOCAL_MACHINE).
@@ -281,6 +284,10 @@ private:
     void AppendValueName(const CKWString& name);
     void RemoveValueName(const CKWString& name);
 
+    // Every field from opens_ to subCursorPos_ is guarded by lock_, yet not
+    // annotated (TV_NO_THREAD_SAFETY_ANALYSIS on Lock and Unlock):
+    // hand-over-hand locking, and a key locked by one function and used by
+    // its callees, are beyond what the analysis can follow.
     unsigned long opens_;
     unsigned long sequence_;      // generation that last saw the key on a path
     unsigned long lineSequence_;  // generation that last read its own key line
@@ -315,14 +322,12 @@ std::ostream& operator<<(std::ostream& out, RegKey& k);
 
 // The root of the tree; its one child is normally HKEY_LOCAL_MACHINE.
 RegKey* RegistryKeys();
-CriticalSection& TableLock();
-CriticalSection& AllKeysLock();
 
 // Walks path from start (see registry_tree.cpp). Returns the key or null;
 // index is in/out (the number for a new key, -1 to allocate; the key's
 // number on return, 0 on failure).
-RegKey* FindKey(RegKey* start, const char* path, int create, int& created, FindMode mode,
-                long& index, int keepLocked);
+RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, int& created,
+                long& index);
 
 // Looks a handle up in OpenKeyMap (masked); null when unknown. The caller
 // holds the cache lock shared at least; the key is returned unlocked.
@@ -340,116 +345,10 @@ CKWString RegFormatKey(const char* subKey, HKEY hKey);
 int RegKeyWakeup(RegKey* key);
 int RegKeyWakeup(const std::vector<RegKey*>& keys);
 
-// --- file --------------------------------------------------------------
-// Reads a registry file from an open descriptor into the tree (the cache
-// lock held exclusively by the caller, or single-threaded use).
-bool ReadRegistryFd(int fd, int refresh);
-// The first read of a process: 1 when the file read correctly, 0 when it is
-// empty, -1 when it must not be used or written over (why says why).
-int ReadRegistryAtStartUp(const char* path, std::string& why);
-// Checks that a value or key line stays readable: no line end, no text the
-// reader would take for a key line, and not longer than kRegLineMax.
-// The one place of these rules (the API, the tool through the public
-// wrappers, and the reader's round trip all depend on them): the reason a
-// value or key line would not read back as written, or null.
-const char* ValueLineProblem(const char* name, const char* data, unsigned long type);
-const char* KeyPathProblem(const char* path);
-bool ValueLineFits(const CKWString& name, const CKWString& data, unsigned long type);
-bool KeyPathFits(const CKWString& path);
-const char* RegTypeWord(unsigned long type);
-// A fresh temporary name in dir for a file of this process
-// ("<dir>/.tv.registry.tmp.<pid>.<tick>.<n>"): every file the registry
-// writes is made under such a name and then moved into place.
-CKWString RegistryTempName(const CKWString& dir);
-// Removes the temporary files of that pattern whose writer is gone (a
-// writer killed mid-write leaves one behind). A live writer's file stays.
-void RemoveStaleTempFiles(const CKWString& dir);
-// Copies `from` to `to` without following a symbolic link at `to` (nor at
-// `from`, unless fromLink: the template may be a packaged link). The copy is written under a
-// temporary name, given its owner and mode through the descriptor, flushed, and then moved into
-// place (renamed over `to` with replace; otherwise linked, leaving an existing `to` alone). A link
-// at `to` is refused and left as it is. False with the reason in why.
-bool CopyRegistryFile(const char* from, const char* to, bool replace, bool fromLink,
-                      std::string& why);
 // The buffer size a query of v needs.
 unsigned long QuerySize(const RegValue& v);
-
-// --- cross-process state -------------------------------------------------
-struct SharedRegistryRecord {
-    int32_t lastWriter;
-    int32_t lockOwner;
-    uint64_t versionStamp;
-    int32_t attachCount;
-};
-SharedRegistryRecord* SharedRecord();  // null until attached
-unsigned long GetMyVersionStamp();
-void SetMyVersionStamp(unsigned long v);
-// Copies the shared stamp into this process's copy (no-op when detached).
-void TakeSharedStamp();
-// After a successful rename: record this process as last writer, increment
-// the stamp and take it. Caller holds the registry semaphore.
-void PublishWrite();
-const CKWString& LockFilePath();
-// RegUpdateCache; alwaysCheckFile looks for an outside edit even when the
-// last look was moments ago (writers must never overwrite one).
-bool UpdateCache(bool alwaysCheckFile);
-// Remembers the identity of the registry file just read (by descriptor), so
-// that an edit made from outside is noticed even though the stamp is equal.
-void RecordFileId(int fd);
-// Detaches from the shared objects and forgets the stamps (test support).
-void ResetSharingForTests();
-// Defined with the start-up code, for the sharing code: the install
-// directory as start-up finds it (without starting anything), and the fork
-// handlers' part for the start-up state (leaf locks, a start-up begun by
-// another thread, the lazy writer; see registry_sharing.cpp).
-CKWString RegistryInstallDir();
-void StartupForkPrepare();
-void StartupForkParent();
-void StartupForkChild();
-// Defined with change notification: a write wakes the watchers of every
-// process (a futex on the page's stamp), and the watch table's fork and
-// test hooks.
-void WakeNotifyWaiters(SharedRegistryRecord* shm);
-void NotifyForkPrepare();
-void NotifyForkParent();
-void NotifyForkChild();
-void NotifyResetForTests();
-
-// --- start-up state --------------------------------------------------------
-bool RegistryReady();
-void EnsureRegistry();
-bool LazyFlushOn();
-void SetFlushNeeded();
-// Owner, group and mode given to every file the registry writes; false when
-// the template could not be examined (files then keep their defaults).
-bool RegistryFileOwner(uid_t& uid, gid_t& gid, mode_t& mode);
-
-// Test support: detaches from the shared objects, drops the whole tree and
-// forgets every path and flag, so that the next call starts the registry
-// afresh (and re-reads TV_REGISTRY).
-void RegistryResetForTests();
-// Drops the tree and its tables only (no shared objects touched).
-void ClearRegistryTree();
-
-// The registry cache lock for a scope: shared for readers of the tree,
-// exclusive (which also takes the registry semaphore) for writers.
-class SharedCache {
-public:
-    SharedCache() { RegLockCache(RegLockShared); }
-    ~SharedCache() { RegUnlockCache(RegLockShared); }
-    SharedCache(const SharedCache&) = delete;
-    SharedCache& operator=(const SharedCache&) = delete;
-};
-
-class ExclusiveCache {
-public:
-    ExclusiveCache() { RegLockCache(RegLockExclusive); }
-    ~ExclusiveCache() { RegUnlockCache(RegLockExclusive); }
-    ExclusiveCache(const ExclusiveCache&) = delete;
-    ExclusiveCache& operator=(const ExclusiveCache&) = delete;
-};
 
 }  // namespace detail
 }  // namespace tv
 
-#endif  // TV_REGISTRY_REGISTRY_INTERNAL_H
+#endif  // TV_REGISTRY_KEY_TREE_H
