@@ -172,7 +172,11 @@ LONG RegCreateKeyEx(HKEY hKey, const char* subKey, DWORD, char*, DWORD, REGSAM s
     return ERROR_SUCCESS;
 }
 
-LONG RegOpenKeyEx(HKEY hKey, const char* subKey, DWORD, REGSAM samDesired, HKEY* phkResult) {
+namespace {
+
+// promote: a write-access open of a key that is only a path makes it a key
+// of its own; RegDeleteKey's own open of the parent does not.
+LONG OpenKeyFor(HKEY hKey, const char* subKey, REGSAM samDesired, HKEY* phkResult, bool promote) {
     EnsureRegistry();
     if (phkResult == nullptr) return ERROR_INVALID_DATA;
     const CKWString path = FormatUnderLock(subKey, hKey);
@@ -183,9 +187,22 @@ LONG RegOpenKeyEx(HKEY hKey, const char* subKey, DWORD, REGSAM samDesired, HKEY*
     long index = -1;
     RegKey* key = FindKey(RegistryKeys(), path.c_str(), FindKeyOptions(), created, index);
     if (key == nullptr) return ERROR_INVALID_DATA;
+    if (promote && (samDesired & kRegWriteAccess) != 0) {
+        // Opened to be written: a key that was only the path to a deeper
+        // one becomes a key of its own, as when it is created explicitly.
+        key->Lock();
+        key->Promote();
+        key->Unlock();
+    }
     key->OpenHandle(static_cast<int>(samDesired));
     *phkResult = MakeHandle(index, samDesired);
     return ERROR_SUCCESS;
+}
+
+}  // namespace
+
+LONG RegOpenKeyEx(HKEY hKey, const char* subKey, DWORD, REGSAM samDesired, HKEY* phkResult) {
+    return OpenKeyFor(hKey, subKey, samDesired, phkResult, true);
 }
 
 LONG RegQueryValueEx(HKEY hKey, const char* name, DWORD*, DWORD* type, BYTE* data, DWORD* cbData) {
@@ -374,7 +391,7 @@ LONG RegDeleteKey(HKEY hKey, const char* subKey) {
         if (pos == CKWString::npos) return -1;
         const CKWString parent = name.substr(0, static_cast<int>(pos));
         name = name.substr(static_cast<int>(pos) + 1);
-        if (RegOpenKeyEx(HKEY_LOCAL_MACHINE, parent.c_str(), 0, kRegWriteAccess, &temp) != 0) {
+        if (OpenKeyFor(HKEY_LOCAL_MACHINE, parent.c_str(), kRegWriteAccess, &temp, false) != 0) {
             return -1;
         }
         handle = temp;

@@ -23,6 +23,20 @@ using namespace regtest;
 
 const char kSoftware[] = "\nHKEY_LOCAL_MACHINE=536870913\n\nHKEY_LOCAL_MACHINE\\Software=10223\n\n";
 
+// A key that is only the path to a deeper one gets its own key line once it
+// is opened for writing; opening it for reading changes nothing.
+TEST(RegistryFile, OpeningAnIntermediateKeyForWritingPromotesIt) {
+    RegistryEnv env;
+    ASSERT_EQ(0, RegCloseKey(Create("P\\Q\\R")));
+    ASSERT_EQ(0, RegCloseKey(Open("P", KEY_READ & ~0x60000)));
+    HKEY q = Open("P\\Q", KEY_ALL_ACCESS);
+    ASSERT_EQ(0, RegCloseKey(q));
+    const std::string file = env.ReadRegistryFile();
+    EXPECT_NE(std::string::npos,
+              file.find("HKEY_LOCAL_MACHINE\\P\\Q=" + std::to_string(q & KEY_INDEX_MASK) + "\n"));
+    EXPECT_EQ(std::string::npos, file.find("HKEY_LOCAL_MACHINE\\P="));
+}
+
 // The literal layout: the root's empty line first, each key's block (key
 // line, values in case-insensitive name order, "%-22s\t%22s\t%s", an empty
 // line), subkeys depth first in name order, no blocks for intermediate keys,
