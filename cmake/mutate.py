@@ -179,6 +179,11 @@ def main():
                 f.write(text.replace(m.old_text, m.new_text, 1))
             t0 = time.time()
             targets = [os.path.basename(e) for e in test_programs(args.build, m.tests)]
+            # A fault in a program the tests run (tools/tvreg.cpp) needs that
+            # program rebuilt as well.
+            program = os.path.splitext(os.path.basename(m.path))[0]
+            if program in build_targets(args.build):
+                targets.append(program)
             if run(["cmake", "--build", args.build, "--target", *targets]) != 0:
                 result = "did not build"
                 stale.append(m)
