@@ -187,9 +187,10 @@ LONG OpenKeyFor(HKEY hKey, const char* subKey, REGSAM samDesired, HKEY* phkResul
     long index = -1;
     RegKey* key = FindKey(RegistryKeys(), path.c_str(), FindKeyOptions(), created, index);
     if (key == nullptr) return ERROR_INVALID_DATA;
-    if (promote && (samDesired & kRegWriteAccess) != 0) {
+    if (promote && (samDesired & kRegWriteAccess) != 0 && key->GetParent() != RegistryKeys()) {
         // Opened to be written: a key that was only the path to a deeper
         // one becomes a key of its own, as when it is created explicitly.
+        // The root keeps its rule: written only when it holds something.
         key->Lock();
         key->Promote();
         key->Unlock();
