@@ -1,12 +1,14 @@
 // The file functions on real files, each test in its own directory.
 #include <errno.h>
 #include <fcntl.h>
+#include <regex.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -402,24 +404,52 @@ TEST(FileSystem, RemoveDirectory) {
 
 // A copy onto the source itself, under any name, is refused and leaves the
 // data; a real copy carries the source's modification time.
-TEST(FileSystem, CopyFileIdentityAndTimes) {
+// Content, mode and modification time copied; a missing source fails
+// without making either file; fail-if-exists keeps the destination; an
+// overwrite truncates; a copy onto the same file, however named, fails and
+// leaves it intact.
+TEST(FileSystem, CopyFile) {
     tvtest::TempDir dir;
-    const std::string a = dir.file("a"), link = dir.file("hard"), b = dir.file("b");
-    tvtest::WriteFile(a, "precious");
-    ASSERT_EQ(0, ::link(a.c_str(), link.c_str()));
-    for (const std::string& to : {a, link, dir.path() + "/./a"}) {
-        errno = 0;
-        EXPECT_FALSE(CopyFile(a.c_str(), to.c_str(), FALSE)) << to;
-        EXPECT_EQ(ERROR_SHARING_VIOLATION, errno);
-        EXPECT_EQ("precious", tvtest::ReadFile(a));
-    }
+    const std::string src = dir.file("src"), dst = dir.file("dst"), missing = dir.file("missing");
+    const std::string big(300000, 'q');
+    tvtest::WriteFile(src, big);
+    chmod(src.c_str(), 0640);
     const timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
-    ASSERT_EQ(0, utimensat(AT_FDCWD, a.c_str(), old, 0));
-    ASSERT_TRUE(CopyFile(a.c_str(), b.c_str(), FALSE));
+    ASSERT_EQ(0, utimensat(AT_FDCWD, src.c_str(), old, 0));
+    EXPECT_EQ(0, CopyFile(missing.c_str(), dst.c_str(), 0));
+    EXPECT_FALSE(tvtest::FileExists(missing) || tvtest::FileExists(dst));
+    ASSERT_EQ(1, CopyFile(src.c_str(), dst.c_str(), 1));
+    EXPECT_EQ(big, tvtest::ReadFile(dst));
     struct stat st;
-    ASSERT_EQ(0, stat(b.c_str(), &st));
+    ASSERT_EQ(0, stat(dst.c_str(), &st));
+    EXPECT_EQ(0640u, st.st_mode & 07777);
     EXPECT_EQ(1000000000, st.st_mtim.tv_sec);
-    EXPECT_EQ("precious", tvtest::ReadFile(b));
+    tvtest::WriteFile(src, "short");
+    EXPECT_EQ(0, CopyFile(src.c_str(), dst.c_str(), 1));
+    EXPECT_EQ(big, tvtest::ReadFile(dst));
+    ASSERT_EQ(1, CopyFile(src.c_str(), dst.c_str(), 0));
+    EXPECT_EQ("short", tvtest::ReadFile(dst));
+    EXPECT_EQ(0, CopyFile(nullptr, dst.c_str(), 0));
+    ASSERT_EQ(0, ::link(src.c_str(), dir.file("hard").c_str()));
+    for (const std::string& to : {src, dir.file("hard"), dir.path() + "/./src"}) {
+        errno = 0;
+        EXPECT_FALSE(CopyFile(src.c_str(), to.c_str(), FALSE)) << to;
+        EXPECT_EQ(ERROR_SHARING_VIOLATION, errno);
+        EXPECT_EQ("short", tvtest::ReadFile(src));
+    }
+}
+
+TEST(FileSystem, TempNamesLookLikeTempnamAndDiffer) {
+    std::set<std::string> seen;
+    regex_t re;
+    ASSERT_EQ(0, regcomp(&re, "^/some/dir/file[A-Za-z0-9]{6}\\.-?[0-9]+$", REG_EXTENDED));
+    for (int i = 0; i < 200; ++i) {
+        const std::string name = KWTempNam("/some/dir").c_str();
+        EXPECT_EQ(0, regexec(&re, name.c_str(), 0, nullptr, 0)) << name;
+        seen.insert(name);
+    }
+    regfree(&re);
+    EXPECT_GT(seen.size(), 190u);
 }
 
 }  // namespace
