@@ -35,6 +35,14 @@ TEST(RegistryFile, OpeningAnIntermediateKeyForWritingPromotesIt) {
     EXPECT_NE(std::string::npos,
               file.find("HKEY_LOCAL_MACHINE\\P\\Q=" + std::to_string(q & KEY_INDEX_MASK) + "\n"));
     EXPECT_EQ(std::string::npos, file.find("HKEY_LOCAL_MACHINE\\P="));
+    // A value set through a handle opened for reading promotes the key too.
+    ASSERT_EQ(0, RegCloseKey(Create("S\\T\\U")));
+    HKEY t = Open("S\\T", KEY_READ & ~0x60000);
+    ASSERT_EQ(0, SetSz(t, "V", "x"));
+    ASSERT_EQ(0, RegCloseKey(t));
+    EXPECT_NE(std::string::npos,
+              env.ReadRegistryFile().find(
+                  "HKEY_LOCAL_MACHINE\\S\\T=" + std::to_string(t & KEY_INDEX_MASK) + "\nV="));
 }
 
 // The literal layout: the root's empty line first, each key's block (key
