@@ -39,6 +39,7 @@ constexpr int kExistingMapping = EEXIST;  // 17: what callers test errno for
 
 // Guards the view table; a leaf lock (nothing else is taken under it).
 CriticalSection g_viewsLock;
+tv::detail::ForkTrackedLock g_viewsLockFork(&g_viewsLock, tv::detail::ForkTrackedLock::kHandleLock);
 
 std::map<uintptr_t, size_t>& Views() TV_REQUIRES(g_viewsLock) {
     static std::map<uintptr_t, size_t>* views = new std::map<uintptr_t, size_t>;

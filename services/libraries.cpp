@@ -19,6 +19,7 @@ namespace {
 
 // Guards OpenCatalogs. Leaf lock: nothing else is taken while it is held.
 CriticalSection CatalogLock;
+tv::detail::ForkTrackedLock CatalogLockFork(&CatalogLock, tv::detail::ForkTrackedLock::kHandleLock);
 
 std::set<void*>& OpenCatalogs() TV_REQUIRES(CatalogLock) {
     // Built on first use, never destroyed: FreeLibrary may run from other

@@ -28,12 +28,14 @@ namespace {
 
 // Guards LastTime, ClockSeq and ClockSeqSet. Leaf lock.
 CriticalSection TimeLock;
+tv::detail::ForkTrackedLock TimeLockFork(&TimeLock, tv::detail::ForkTrackedLock::kHandleLock);
 uuid_time_t LastTime TV_GUARDED_BY(TimeLock) = {0, 0};
 unsigned short ClockSeq TV_GUARDED_BY(TimeLock) = 0;
 bool ClockSeqSet TV_GUARDED_BY(TimeLock) = false;
 
 // Guards KnownAddress, HaveAddress and HostId. Leaf lock.
 CriticalSection AddressLock;
+tv::detail::ForkTrackedLock AddressLockFork(&AddressLock, tv::detail::ForkTrackedLock::kHandleLock);
 uuid_address_t KnownAddress TV_GUARDED_BY(AddressLock) = {{0, 0, 0, 0, 0, 0}};
 bool HaveAddress TV_GUARDED_BY(AddressLock) = false;
 HostIdSource HostId TV_GUARDED_BY(AddressLock) = gethostid;

@@ -36,16 +36,12 @@ TvPlatformThread::TvPlatformThread(pthread_t tid, int initialCount)
       ended_(false),
       startHeld_(0),
       suspendCount_(0) {
-    pthread_mutex_init(&mutex_, nullptr);
-    pthread_mutex_init(&signalLock_, nullptr);
     // Made now so that the end of the thread always has an event to set.
     synch_ = new Event(-1, TRUE, FALSE, nullptr);
 }
 
-TvPlatformThread::~TvPlatformThread() {
-    pthread_mutex_destroy(&signalLock_);
-    pthread_mutex_destroy(&mutex_);
-}
+// The mutexes are not destroyed: their fork records outlive this body.
+TvPlatformThread::~TvPlatformThread() {}
 
 namespace {
 

@@ -301,12 +301,47 @@ public:
     PosixMutex& operator=(const PosixMutex&) = delete;
     void Lock() TV_ACQUIRE() { pthread_mutex_lock(&raw_); }
     void Unlock() TV_RELEASE() { pthread_mutex_unlock(&raw_); }
+    pthread_mutex_t* native() { return &raw_; }
 
 private:
     pthread_mutex_t raw_;
 };
 
 namespace detail {
+
+// Puts one lock of one object (or one global lock) on the process's list of
+// locks a forked child must find free. Before a fork the forking thread takes
+// every listed lock, in rank order and by address within a rank, so no other
+// thread is inside one of them at the moment of the fork; both processes then
+// let go of them. A lock that stays busy for the whole of the bounded wait (its
+// holder was suspended, say) is not waited for: the child re-initialises it
+// instead, so a fork is delayed but never hung. `afterFork` runs in the child
+// with the lock held, to drop what belonged to the parent's other threads.
+// Declare the member after the lock it names, so it unlinks first.
+class TV_API ForkTrackedLock {
+public:
+    enum Rank { kHandleLock = 0, kObjectLock = 1, kThreadLock = 2 };
+    ForkTrackedLock(pthread_mutex_t* mutex, Rank rank, void (*afterFork)(void*) = nullptr,
+                    void* owner = nullptr);
+    // A critical section: skipped when the forking thread is its owner.
+    ForkTrackedLock(_critsection* cs, Rank rank);
+    ~ForkTrackedLock();
+    ForkTrackedLock(const ForkTrackedLock&) = delete;
+    ForkTrackedLock& operator=(const ForkTrackedLock&) = delete;
+
+private:
+    friend struct ForkLockList;
+    void Link();
+
+    pthread_mutex_t* mutex_;
+    _critsection* cs_;
+    void (*afterFork_)(void*);
+    void* owner_;
+    int rank_;
+    bool taken_;  // by the current fork's prepare step
+    ForkTrackedLock* prev_;
+    ForkTrackedLock* next_;
+};
 
 struct WaitNode;
 
@@ -315,7 +350,10 @@ struct WaitNode;
 // that lock held. Only the object's own lock is ever taken by a signaller.
 class Waitable {
 public:
-    Waitable() : head_(nullptr), tail_(nullptr) {}
+    Waitable()
+        : head_(nullptr),
+          tail_(nullptr),
+          forkLink_(lock_.native(), ForkTrackedLock::kObjectLock, &Waitable::ForgetSleepers, this) {}
     virtual ~Waitable() {}
     Waitable(const Waitable&) = delete;
     Waitable& operator=(const Waitable&) = delete;
@@ -333,6 +371,11 @@ public:
     PosixMutex lock_;
     WaitNode* head_ TV_GUARDED_BY(lock_);
     WaitNode* tail_ TV_GUARDED_BY(lock_);
+
+private:
+    // In a forked child: the sleepers were the parent's other threads.
+    static void ForgetSleepers(void* self);
+    ForkTrackedLock forkLink_;
 };
 
 }  // namespace detail

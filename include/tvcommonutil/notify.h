@@ -166,6 +166,7 @@ private:
     unsigned long bufferSize_ TV_GUARDED_BY(lock_);
     unsigned long key_;
     mutable CriticalSection lock_;
+    tv::detail::ForkTrackedLock lockFork_{&lock_, tv::detail::ForkTrackedLock::kHandleLock};
 };
 
 // A handle on `path` (kept exactly as given), registered for watching with
@@ -210,6 +211,7 @@ public:
 private:
     std::list<ChangeNotificationHandle*> members_ TV_GUARDED_BY(lock_);
     mutable CriticalSection lock_;
+    tv::detail::ForkTrackedLock lockFork_{&lock_, tv::detail::ForkTrackedLock::kHandleLock};
 };
 
 // Adds `file` (a change notification handle) to existingPort or to a new

@@ -84,6 +84,7 @@ private:
     bool statusKnown_ TV_GUARDED_BY(lock_);
     bool ownChild_;  // set once, before the handle is shared
     CriticalSection lock_;
+    tv::detail::ForkTrackedLock lockFork_{&lock_, tv::detail::ForkTrackedLock::kHandleLock};
 };
 
 // A user identity for CreateProcessAsUser: the child switches to these ids

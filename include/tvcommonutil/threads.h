@@ -82,7 +82,8 @@ public:
 private:
     pthread_t tid_;
     ThreadState_t state_;
-    pthread_mutex_t mutex_;
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    tv::detail::ForkTrackedLock mutexFork_{&mutex_, tv::detail::ForkTrackedLock::kThreadLock};
     std::deque<_threadapc> apcs_;
     int wakeFlag_;
     tv::detail::Waiter* alertableWait_;
@@ -90,7 +91,9 @@ private:
     // of the thread; held only with the suspend signal blocked, so that no
     // holder is ever stopped with it held. Never taken with mutex_ held, nor
     // mutex_ under it: a thread may be stopped while it holds mutex_.
-    pthread_mutex_t signalLock_;
+    pthread_mutex_t signalLock_ = PTHREAD_MUTEX_INITIALIZER;
+    tv::detail::ForkTrackedLock signalFork_{&signalLock_,
+                                            tv::detail::ForkTrackedLock::kThreadLock};
     bool ended_;         // guarded by signalLock_: no signal may be sent
     int startHeld_;      // created suspended and not resumed yet; futex word
     long suspendCount_;  // changed under signalLock_ by compare-and-swap

@@ -528,6 +528,24 @@ TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
             SetWaitableTimer(busyTimer, &due, 0, nullptr, nullptr, FALSE);
         }
     });
+    // Two threads ping-ponging on a pair of auto-reset events (their locks
+    // busy, one of them asleep on one at most moments), and a stream of APCs
+    // queued to this thread, the one that forks, and identifiers made.
+    Handle* ping = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* pong = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* forker = GetCurrentThread();
+    std::atomic<int> queued(0);
+    auto player = [&](Handle* mine, Handle* other) {
+        for (_GUID id; !stop.load(); UuidCreate(&id)) {
+            SetEvent(other);
+            WaitForSingleObjectEx(mine, 5, FALSE);
+            if (queued.load() < 100 && ++queued) {
+                QueueUserAPC([](ULONG_PTR q) { --*reinterpret_cast<std::atomic<int>*>(q); }, forker,
+                             reinterpret_cast<ULONG_PTR>(&queued));
+            }
+        }
+    };
+    std::thread pinger(player, ping, pong), ponger(player, pong, ping);
     // Forks start once both threads are at work (their first write is in
     // the file), not while they are still being made.
     for (int i = 0; i < 30000 && env.ReadRegistryFile().find("\\Busy=") == std::string::npos; ++i) {
@@ -540,11 +558,18 @@ TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
         GetPrivateProfileString("S", "K", "", buf, sizeof buf, ini.c_str());
         if (strcmp(buf, "v") != 0) return 3;
         FindCloseChangeNotification(FindFirstChangeNotification(env.file("").c_str(), 1, 0x1f));
+        // The sleepers the parent's players left on the events are gone here.
+        _GUID id;
+        SetEvent(ping);
+        if (UuidCreate(&id) != 0 || WaitForSingleObjectEx(ping, 0, FALSE) != WAIT_OBJECT_0) return 7;
         Handle* ev = CreateEvent(nullptr, TRUE, FALSE, nullptr);
         std::thread signaller([ev] { SetEvent(ev); });
         const DWORD signalled = WaitForSingleObjectEx(ev, 10000, FALSE);
         signaller.join();
         if (signalled != WAIT_OBJECT_0) return 4;
+        // Runs this one and those the players had queued before the fork.
+        QueueUserAPC([](ULONG_PTR) {}, forker, 0);
+        if (SleepEx(10000, TRUE) != WAIT_IO_COMPLETION) return 8;
         Handle* timer = CreateWaitableTimer(nullptr, FALSE, nullptr);
         bool fired = false;
         timespec due;
@@ -553,6 +578,7 @@ TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
             timer, &due, 0, [](void* f, void*, void*) { *static_cast<bool*>(f) = true; }, &fired,
             FALSE);
         if (SleepEx(10000, TRUE) != WAIT_IO_COMPLETION || !fired) return 5;
+
         char line[] = "/bin/true";
         PROCESS_INFORMATION pi;
         memset(&pi, 0, sizeof pi);
@@ -576,9 +602,13 @@ TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
         const int rc = ForkChild(20, [&] { return child("c" + std::to_string(round)); });
         EXPECT_EQ(0, rc) << "round " << round;  // -2: hung
         failed = rc != 0;
+        SleepEx(0, TRUE);  // runs the players' APCs
     }
     stop = true;
     busy.join();
+    pinger.join();
+    ponger.join();
+    for (Handle* h : {ping, pong, forker}) CloseHandle(h);
     CloseHandle(busyTimer);
     loop.RequestStop();
     watcher.join();
