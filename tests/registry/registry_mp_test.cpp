@@ -608,7 +608,8 @@ TEST(RegistryMultiProcess, ForkWhileThreadsWrite) {
     busy.join();
     pinger.join();
     ponger.join();
-    for (Handle* h : {ping, pong, forker}) CloseHandle(h);
+    CloseHandle(ping);
+    CloseHandle(pong);
     CloseHandle(busyTimer);
     loop.RequestStop();
     watcher.join();
