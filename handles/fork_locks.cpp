@@ -16,6 +16,7 @@
 // debugger) is left alone in the parent and re-initialised in the child. A
 // fork can thus be delayed but never hung by a lock the library cannot free.
 #include <sched.h>
+#include <stdint.h>
 #include <string.h>
 #include <time.h>
 
@@ -31,8 +32,22 @@ namespace {
 
 constexpr long kPrepareBudgetMs = 250;
 
-pthread_mutex_t g_listLock = PTHREAD_MUTEX_INITIALIZER;
-ForkTrackedLock* g_head = nullptr;  // guarded by g_listLock
+// The list in shards by address, so that threads making and dropping objects
+// at once seldom meet on one lock.
+constexpr unsigned kShards = 16;  // the hash's top 4 bits
+struct alignas(64) Shard {
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    ForkTrackedLock* head = nullptr;  // guarded by lock
+};
+Shard g_shards[kShards];
+
+// A multiplicative hash of the whole address: threads allocating alike from
+// their own arenas get objects at the same offsets within aligned heaps.
+Shard& ShardOf(const void* p) {
+    const uint64_t h =
+        static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p)) * 0x9E3779B97F4A7C15ull;
+    return g_shards[h >> 60];
+}
 
 // The current fork's locks in the order taken. Never freed: a fork may come
 // from an exit handler after static destructors ran.
@@ -51,14 +66,17 @@ long long MonotonicMs() {
 
 struct ForkLockList {
     static void Prepare() {
-        pthread_mutex_lock(&g_listLock);
         std::vector<ForkTrackedLock*>& order = Order();
         order.clear();
-        for (ForkTrackedLock* l = g_head; l != nullptr; l = l->next_) order.push_back(l);
-        std::sort(order.begin(), order.end(), [](const ForkTrackedLock* a, const ForkTrackedLock* b) {
-            if (a->rank_ != b->rank_) return a->rank_ < b->rank_;
-            return a->mutex_ < b->mutex_;
-        });
+        for (Shard& s : g_shards) {
+            pthread_mutex_lock(&s.lock);
+            for (ForkTrackedLock* l = s.head; l != nullptr; l = l->next_) order.push_back(l);
+        }
+        std::sort(order.begin(), order.end(),
+                  [](const ForkTrackedLock* a, const ForkTrackedLock* b) {
+                      if (a->rank_ != b->rank_) return a->rank_ < b->rank_;
+                      return a->mutex_ < b->mutex_;
+                  });
         const long long deadline = MonotonicMs() + kPrepareBudgetMs;
         const pthread_t self = pthread_self();
         for (ForkTrackedLock* l : order) {
@@ -81,7 +99,7 @@ struct ForkLockList {
         for (ForkTrackedLock* l : Order()) {
             if (l->taken_) pthread_mutex_unlock(l->mutex_);
         }
-        pthread_mutex_unlock(&g_listLock);
+        for (Shard& s : g_shards) pthread_mutex_unlock(&s.lock);
     }
 
     static void Child() {
@@ -101,7 +119,7 @@ struct ForkLockList {
             if (l->afterFork_) l->afterFork_(l->owner_);
             if (l->taken_) pthread_mutex_unlock(l->mutex_);
         }
-        pthread_mutex_unlock(&g_listLock);
+        for (Shard& s : g_shards) pthread_mutex_unlock(&s.lock);
     }
 };
 
@@ -117,32 +135,44 @@ __attribute__((constructor(101))) void InstallForkHandlers() {
 
 ForkTrackedLock::ForkTrackedLock(pthread_mutex_t* mutex, Rank rank, void (*afterFork)(void*),
                                  void* owner)
-    : mutex_(mutex), cs_(nullptr), afterFork_(afterFork), owner_(owner), rank_(rank), taken_(false) {
+    : mutex_(mutex),
+      cs_(nullptr),
+      afterFork_(afterFork),
+      owner_(owner),
+      rank_(rank),
+      taken_(false) {
     Link();
 }
 
 ForkTrackedLock::ForkTrackedLock(_critsection* cs, Rank rank)
-    : mutex_(&cs->mutex), cs_(cs), afterFork_(nullptr), owner_(nullptr), rank_(rank), taken_(false) {
+    : mutex_(&cs->mutex),
+      cs_(cs),
+      afterFork_(nullptr),
+      owner_(nullptr),
+      rank_(rank),
+      taken_(false) {
     Link();
 }
 
 void ForkTrackedLock::Link() {
-    pthread_mutex_lock(&g_listLock);
+    Shard& s = ShardOf(this);
+    pthread_mutex_lock(&s.lock);
     prev_ = nullptr;
-    next_ = g_head;
-    if (g_head) g_head->prev_ = this;
-    g_head = this;
-    pthread_mutex_unlock(&g_listLock);
+    next_ = s.head;
+    if (s.head) s.head->prev_ = this;
+    s.head = this;
+    pthread_mutex_unlock(&s.lock);
 }
 
 ForkTrackedLock::~ForkTrackedLock() {
-    pthread_mutex_lock(&g_listLock);
+    Shard& s = ShardOf(this);
+    pthread_mutex_lock(&s.lock);
     if (prev_)
         prev_->next_ = next_;
     else
-        g_head = next_;
+        s.head = next_;
     if (next_) next_->prev_ = prev_;
-    pthread_mutex_unlock(&g_listLock);
+    pthread_mutex_unlock(&s.lock);
 }
 
 // NO_THREAD_SAFETY_ANALYSIS: runs in the child with the lock held by the
