@@ -1,8 +1,9 @@
 // The exported Reg* functions over the in-memory tree.
 //
 // Every call holds the cache lock shared while it uses the tree (so no file
-// read or write can change the tree under it), looks its handle up under
-// TableLock and then works under the key's own lock. Nothing that takes the
+// read or write can change the tree under it), looks its handle up without
+// a lock and then works under the key's own lock (shared for the calls that
+// only read values). Nothing that takes the
 // cache lock exclusively (a refresh, a write) runs while the shared side is
 // held: opens refresh before they take it, closes and flushes write after
 // they let it go.
@@ -27,6 +28,7 @@ HKEY MakeHandle(long index, REGSAM samDesired) {
 }
 
 CKWString FormatUnderLock(const char* subKey, HKEY hKey) {
+    if (hKey == HKEY_LOCAL_MACHINE) return RegFormatKey(subKey != nullptr ? subKey : "", hKey);
     SharedCache hold;
     return RegFormatKey(subKey != nullptr ? subKey : "", hKey);
 }
@@ -211,10 +213,10 @@ LONG RegQueryValueEx(HKEY hKey, const char* name, DWORD*, DWORD* type, BYTE* dat
     SharedCache hold;
     RegKey* key = LookupHandle(hKey);
     if (key == nullptr) return -1;
-    key->Lock();
+    key->LockShared();
     const RegValue* v = key->FindValue(name != nullptr ? name : "");
     LONG r = v != nullptr ? QueryInto(*v, type, data, cbData) : ERROR_INVALID_DATA;
-    key->Unlock();
+    key->UnlockShared();
     return r;
 }
 
@@ -315,7 +317,7 @@ LONG RegEnumValue(HKEY hKey, DWORD index, char* name, DWORD* cbName, DWORD*, DWO
     SharedCache hold;
     RegKey* key = LookupHandle(hKey);
     if (key == nullptr) return -1;
-    key->Lock();
+    key->LockShared();
     LONG r;
     const RegValue* v = key->ValueAt(static_cast<long>(index));
     if (v == nullptr) {
@@ -336,7 +338,7 @@ LONG RegEnumValue(HKEY hKey, DWORD index, char* name, DWORD* cbName, DWORD*, DWO
             r = QueryInto(*v, type, data, cbData);
         }
     }
-    key->Unlock();
+    key->UnlockShared();
     return r;
 }
 
@@ -433,12 +435,7 @@ LONG RegCloseKey(HKEY hKey) {
         }
         key->DecOpens();
         if (key->GetOpenCount() == 0) {
-            {
-                CriticalSectionHolder table(TableLock());
-                auto& map = RegKey::OpenKeyMap();
-                auto it = map.find(key->GetIndex());
-                if (it != map.end() && it->second.GetKey() == key) map.erase(it);
-            }
+            key->CloseHandle();
             if (key->IsDeleted()) {
                 key->Unlock();
                 RegKey::PruneUpward(key);
@@ -483,9 +480,9 @@ LONG RegQueryInfoKey(HKEY hKey, char*, DWORD*, DWORD*, DWORD* cSubKeys, DWORD* c
     RegKey* key = LookupHandle(hKey);
     if (key == nullptr) return -1;
     unsigned long subKeys, maxSub, values, maxName, maxData;
-    key->Lock();
+    key->LockShared();
     key->GetInfo(subKeys, maxSub, values, maxName, maxData);
-    key->Unlock();
+    key->UnlockShared();
     if (cSubKeys != nullptr) *cSubKeys = subKeys;
     if (cbMaxSubKeyLen != nullptr) *cbMaxSubKeyLen = maxSub;
     if (cValues != nullptr) *cValues = values;
