@@ -33,6 +33,43 @@ CKWString FormatUnderLock(const char* subKey, HKEY hKey) {
     return RegFormatKey(subKey != nullptr ? subKey : "", hKey);
 }
 
+// The full path for subKey under hKey, as RegFormatKey makes it; a path
+// under HKEY_LOCAL_MACHINE of usual length is made without allocating.
+class RootedPath {
+public:
+    RootedPath(const char* subKey, HKEY hKey) {
+        if (hKey != HKEY_LOCAL_MACHINE) {
+            formatted_ = FormatUnderLock(subKey, hKey);
+            path_ = formatted_.c_str();
+            return;
+        }
+        static const char kRoot[] = "HKEY_LOCAL_MACHINE\\";
+        const size_t rootLen = sizeof kRoot - 1;
+        const size_t n = subKey != nullptr ? strlen(subKey) : 0;
+        size_t total = rootLen + n;
+        char* buf = local_;
+        if (total >= sizeof local_) {
+            heap_.resize(total + 1);
+            buf = &heap_[0];
+        }
+        memcpy(buf, kRoot, rootLen);
+        if (n > 0) memcpy(buf + rootLen, subKey, n);
+        while (total > 0 && buf[total - 1] == '\\') --total;
+        buf[total] = '\0';
+        path_ = buf;
+    }
+    RootedPath(const RootedPath&) = delete;
+    RootedPath& operator=(const RootedPath&) = delete;
+    const char* c_str() const { return path_; }
+    bool empty() const { return path_[0] == '\0'; }
+
+private:
+    char local_[512];
+    std::string heap_;
+    CKWString formatted_;
+    const char* path_;
+};
+
 // REG_SZ text, REG_MULTI_SZ with blanks as zero bytes and a final zero,
 // REG_DWORD as an 8-byte unsigned long read with strtoul base 0.
 void CopyOut(const RegValue& v, BYTE* out) {
@@ -181,7 +218,7 @@ namespace {
 LONG OpenKeyFor(HKEY hKey, const char* subKey, REGSAM samDesired, HKEY* phkResult, bool promote) {
     EnsureRegistry();
     if (phkResult == nullptr) return ERROR_INVALID_DATA;
-    const CKWString path = FormatUnderLock(subKey, hKey);
+    RootedPath path(subKey, hKey);
     if (path.empty()) return ERROR_INVALID_DATA;
     RegUpdateCache();
     SharedCache hold;

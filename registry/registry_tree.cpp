@@ -66,13 +66,14 @@ public:
             heap_.assign(path, n);
             buf = &heap_[0];
         }
-        for (size_t i = 0; i < n;) {
-            if (buf[i] == '\\') {
-                buf[i++] = '\0';
-                continue;
-            }
-            Push(buf + i);
-            while (i < n && buf[i] != '\\') ++i;
+        char* p = buf;
+        char* const end = buf + n;
+        while (p < end) {
+            char* stop = static_cast<char*>(memchr(p, '\\', static_cast<size_t>(end - p)));
+            if (stop == nullptr) stop = end;
+            if (stop > p) Push(p);
+            *stop = '\0';
+            p = stop + 1;
         }
     }
     PathParts(const PathParts&) = delete;
