@@ -68,6 +68,8 @@ public:
     RegValue() : sequence_(0), type_(0), pendingEpoch_(0) {}
     RegValue(unsigned long type, const CKWString& name, const CKWString& data)
         : sequence_(0), type_(type), name_(name), data_(data), pendingEpoch_(0) {}
+    RegValue(unsigned long type, const char* name, const char* data)
+        : sequence_(0), type_(type), name_(name), data_(data), pendingEpoch_(0) {}
     RegValue(const RegValue&) = default;
     RegValue& operator=(const RegValue&) = default;
 
@@ -84,6 +86,14 @@ public:
     bool Validate(unsigned long generation) const { return sequence_ == generation; }
     // Parses one value line ("name=data;TYPE"); false for a line to ignore.
     bool FormatValue(const char* line);
+    // As a fresh RegValue(type, name, data) would be, reusing the storage.
+    void Assign(unsigned long type, const char* name, const char* data) {
+        sequence_ = 0;
+        type_ = type;
+        name_ = name;
+        data_ = data;
+        pendingEpoch_ = 0;
+    }
 
     unsigned long GetSequence() const { return sequence_; }
     unsigned long GetType() const { return type_; }
@@ -178,6 +188,11 @@ public:
     // the value as this process's unwritten change and drops any deletion
     // mark of the name.
     bool SetValue(const RegValue& v, int& changed, bool local);
+    // SetValue(RegValue(type, name, data), changed, false) for a value line
+    // of the file, without building the value first. likelyNew: the first
+    // read of the file, where a name is hardly ever there already.
+    void SetValueFromFile(unsigned long type, const char* name, const char* data, size_t dataLen,
+                          int& changed, bool likelyNew);
     // Removes a value; `local` records the deletion so a refresh does not
     // bring the value back from the file before it is written.
     bool DeleteValue(const CKWString& name, bool local);

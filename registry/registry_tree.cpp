@@ -25,6 +25,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <tuple>
 
 #include "registry/key_tree.h"
 #include "registry/testing.h"
@@ -445,6 +446,45 @@ bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
     }
     changed = 1;
     return true;
+}
+
+void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* data,
+                              size_t dataLen, int& changed, bool likelyNew) {
+    // The writer lays a key's values out in name order, so a read of the
+    // file mostly appends, and the end is the right hint.
+    auto it = values_.end();
+    if (likelyNew) {
+        const size_t before = values_.size();
+        it = values_.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(name),
+                                  std::forward_as_tuple(type, name, data));
+        if (values_.size() != before) {
+            if (valueNames_.empty()) valueNames_.reserve(4);  // spares the first regrowths
+            valueNames_.emplace_back(name);
+            it->second.UpdateSequence(Generation());
+            changed = 1;
+            return;
+        }
+    } else if (values_.empty() || !NameLess()(values_.rbegin()->first, name)) {
+        it = values_.lower_bound(name);
+    }
+    if (it != values_.end() && !NameLess()(name, it->first)) {
+        RegValue& old = it->second;
+        if (old.GetType() == type && old.GetName() == name &&
+            static_cast<size_t>(old.GetData().length()) == dataLen &&
+            memcmp(old.GetData().c_str(), data, dataLen) == 0) {
+            old.UpdateSequence(Generation());
+            changed = 0;
+            return;
+        }
+        old.Assign(type, name, data);  // keeps its place in the name list
+    } else {
+        it = values_.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(name),
+                                  std::forward_as_tuple(type, name, data));
+        valueNames_.emplace_back(name);
+    }
+    it->second.UpdateSequence(Generation());
+    it->second.SetPending(false);
+    changed = 1;
 }
 
 // A key that was only the path to a deeper one becomes a key of its own
