@@ -131,35 +131,51 @@ private:
     char buf_[64 * 1024];
 };
 
-void AppendPadded(std::string& out, const std::string& text, bool left) {
-    const size_t width = 22;
-    if (!left && text.size() < width) out.append(width - text.size(), ' ');
-    out += text;
-    if (left && text.size() < width) out.append(width - text.size(), ' ');
-}
-
 // "%-22s\t%22s\t%s" of name + "=", data + ";" and the type word. A value
 // read from a hand-written line may be too long for that layout (the
 // padding and the tabs could push it past what the reader takes in one
 // line); it is then written without them, "name=data;TYPE", which is never
 // longer than the line it was read from.
 void AppendValueLine(std::string& out, const RegValue& v) {
+    const size_t width = 22;
     const char* word = RegTypeWord(v.GetType());
-    const std::string name = v.GetName().str() + "=";
-    const std::string data = v.GetData().str() + ";";
-    const size_t padded = std::max<size_t>(22, name.size()) + 1 +
-                          std::max<size_t>(22, data.size()) + 1 + strlen(word);
+    const size_t wordLen = strlen(word);
+    const std::string& name = v.GetName().str();
+    const std::string& data = v.GetData().str();
+    const size_t nameField = name.size() + 1;
+    const size_t dataField = data.size() + 1;
+    const size_t padded = std::max(width, nameField) + 1 + std::max(width, dataField) + 1 + wordLen;
+    out += name;
+    out += '=';
     if (padded > static_cast<size_t>(kRegLineMax)) {
-        out += name;
         out += data;
+        out += ';';
     } else {
-        AppendPadded(out, name, true);
+        if (nameField < width) out.append(width - nameField, ' ');
         out += '\t';
-        AppendPadded(out, data, false);
+        if (dataField < width) out.append(width - dataField, ' ');
+        out += data;
+        out += ';';
         out += '\t';
     }
-    out += word;
+    out.append(word, wordLen);
     out += '\n';
+}
+
+// A key number in decimal, as _ltoa writes the numbers a key can have
+// (1..KEY_INDEX_MASK); anything else goes through _ltoa itself.
+void AppendIndex(std::string& out, long index) {
+    if (index <= 0 || index > KEY_INDEX_MASK) {
+        char num[40];
+        out += _ltoa(index, num, 10);
+        return;
+    }
+    char digits[16];
+    int n = 0;
+    for (unsigned long v = static_cast<unsigned long>(index); v != 0; v /= 10) {
+        digits[n++] = static_cast<char>('0' + v % 10);
+    }
+    while (n > 0) out += digits[--n];
 }
 
 const char kTempPrefix[] = ".tv.registry.tmp.";
@@ -479,10 +495,9 @@ void RegKey::Print(PrintSink& out, int recurse, int clearDirty) {
     if (parent_ == nullptr) {
         out.text += '\n';
     } else if (!intermediate_) {
-        char num[40];
         out.text += key_.str();
         out.text += '=';
-        out.text += _ltoa(index_, num, 10);
+        AppendIndex(out.text, index_);
         out.text += '\n';
         for (auto& kv : values_) {
             if (RegTypeWord(kv.second.GetType()) != nullptr) AppendValueLine(out.text, kv.second);
@@ -491,7 +506,6 @@ void RegKey::Print(PrintSink& out, int recurse, int clearDirty) {
     }
     if (clearDirty) dirty_ = 0;
     Unlock();
-    out.MaybeFlush();
     // The caller holds the exclusive cache lock: the children cannot change.
     if (recurse) {
         for (RegKey* c : Children()) c->Print(out, recurse, clearDirty);
@@ -689,9 +703,13 @@ BOOL WriteRegistry() {
     tv::detail::DrainGraveyard();
     tv::detail::UpdateCache(true);
 
+    // The whole text in one buffer, sized by the last write, and one write.
+    static size_t lastSize = 0;  // under the exclusive cache lock
     const int fd = temp.GetFileDescriptor();
     tv::detail::PrintSink sink(fd);
+    sink.text.reserve(lastSize + lastSize / 8);
     RegistryKeys()->Print(sink, 1, 1);
+    lastSize = sink.text.size();
     sink.Flush();
 
     // A short file (disk full, I/O error) is as bad as an empty one; the
