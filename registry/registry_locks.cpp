@@ -131,7 +131,7 @@ void ReadMostlyLock::LockSharedSlow(std::atomic<long>& mine) {
     }
 }
 
-void ReadMostlyLock::Lock() {
+void ReadMostlyLock::Lock() TV_NO_THREAD_SAFETY_ANALYSIS {
     const pthread_t self = pthread_self();
     if (owner_.load(std::memory_order_relaxed) == self) {
         ++depth_;
@@ -153,7 +153,7 @@ void ReadMostlyLock::Lock() {
     depth_ = 1;
 }
 
-void ReadMostlyLock::Unlock() {
+void ReadMostlyLock::Unlock() TV_NO_THREAD_SAFETY_ANALYSIS {
     if (--depth_ > 0) return;
     owner_.store(0, std::memory_order_release);
     if (writer_.exchange(0, std::memory_order_seq_cst) == 2) FutexWakeAll(&writer_);

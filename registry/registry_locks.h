@@ -25,6 +25,8 @@
 #include <atomic>
 #include <string>
 
+#include "tvcommonutil/thread_annotations.h"
+
 namespace tv {
 namespace detail {
 
@@ -42,14 +44,15 @@ inline void CpuRelax() {
 #endif
 }
 
-// Exclusive (recursive for its owner) or shared. Thread-safe.
-class KeyLock {
+// Exclusive (recursive for its owner) or shared. Thread-safe. The lock
+// functions are the capability's own implementation, outside the analysis.
+class TV_CAPABILITY("mutex") KeyLock {
 public:
     KeyLock() = default;
     KeyLock(const KeyLock&) = delete;
     KeyLock& operator=(const KeyLock&) = delete;
 
-    void Lock() {
+    void Lock() TV_ACQUIRE() TV_NO_THREAD_SAFETY_ANALYSIS {
         const pthread_t self = pthread_self();
         if (owner_.load(std::memory_order_relaxed) == self) {
             ++depth_;
@@ -63,12 +66,13 @@ public:
         owner_.store(self, std::memory_order_relaxed);
         depth_ = 1;
     }
-    void Unlock() {
+    void Unlock() TV_RELEASE() TV_NO_THREAD_SAFETY_ANALYSIS {
         if (--depth_ > 0) return;
         owner_.store(0, std::memory_order_relaxed);
         if (state_.exchange(0, std::memory_order_release) & kWaiting) FutexWakeAll(&state_);
     }
-    void LockShared() {
+    void LockShared()
+        TV_THREAD_ANNOTATION(acquire_shared_capability()) TV_NO_THREAD_SAFETY_ANALYSIS {
         uint32_t s = state_.load(std::memory_order_relaxed);
         if ((s & (kWriter | kWaiting)) == 0 &&
             state_.compare_exchange_weak(s, s + 1, std::memory_order_acquire,
@@ -77,7 +81,8 @@ public:
         }
         LockSharedSlow();
     }
-    void UnlockShared() {
+    void UnlockShared()
+        TV_THREAD_ANNOTATION(release_shared_capability()) TV_NO_THREAD_SAFETY_ANALYSIS {
         const uint32_t s = state_.fetch_sub(1, std::memory_order_release);
         if ((s & kWaiting) != 0 && (s & kReaders) == 1) {
             state_.fetch_and(~kWaiting, std::memory_order_relaxed);
@@ -100,25 +105,27 @@ private:
 
 // The cache lock: shared for users of the tree, exclusive (recursive for
 // its owner) for file reads and writes. Thread-safe.
-class ReadMostlyLock {
+class TV_CAPABILITY("mutex") ReadMostlyLock {
 public:
     ReadMostlyLock();
     ~ReadMostlyLock();
     ReadMostlyLock(const ReadMostlyLock&) = delete;
     ReadMostlyLock& operator=(const ReadMostlyLock&) = delete;
 
-    void LockShared() {
+    void LockShared()
+        TV_THREAD_ANNOTATION(acquire_shared_capability()) TV_NO_THREAD_SAFETY_ANALYSIS {
         std::atomic<long>& mine = slots_[MySlot()].readers;
         mine.fetch_add(1, std::memory_order_seq_cst);
         if (writer_.load(std::memory_order_seq_cst) == 0) return;
         LockSharedSlow(mine);
     }
-    void UnlockShared() {
+    void UnlockShared()
+        TV_THREAD_ANNOTATION(release_shared_capability()) TV_NO_THREAD_SAFETY_ANALYSIS {
         slots_[MySlot()].readers.fetch_sub(1, std::memory_order_seq_cst);
         if (writer_.load(std::memory_order_seq_cst) != 0) WakeWriter();
     }
-    void Lock();
-    void Unlock();
+    void Lock() TV_ACQUIRE();
+    void Unlock() TV_RELEASE();
     // The thread holding the exclusive side, 0 if none.
     pthread_t GetWriter() const { return owner_.load(std::memory_order_acquire); }
     // Diagnostics only; set before the lock is shared.

@@ -695,7 +695,9 @@ void RegUnlockRegistryFile() {
     pthread_mutex_unlock(&g_fileMutex);
 }
 
-bool RegLockCache(int op) {
+// NO_THREAD_SAFETY_ANALYSIS: the lock is taken here and released in
+// RegUnlockCache, by design of the exported pair.
+bool RegLockCache(int op) TV_NO_THREAD_SAFETY_ANALYSIS {
     using namespace tv::detail;
     CacheLock& c = RegCacheLock();
     if (op == RegLockShared) {
@@ -714,7 +716,7 @@ bool RegLockCache(int op) {
     return false;
 }
 
-bool RegUnlockCache(int op) {
+bool RegUnlockCache(int op) TV_NO_THREAD_SAFETY_ANALYSIS {
     using namespace tv::detail;
     CacheLock& c = RegCacheLock();
     if (op == RegLockShared) {
