@@ -279,12 +279,14 @@ int main(int argc, char** argv) {
             // Those two run in milliseconds per iteration.
             const double lib = r.ns("BM_ReadRegistryFile/real_time");
             const double floor = r.ns("BM_GetlineSplit/real_time");
-            if (lib <= 0 || floor <= 0) return;
-            std::printf("read %.1f MB file: %.1f MB/s (library) vs %.1f MB/s (getline floor)\n",
-                        g_generatedSize / 1e6, g_generatedSize / 1e3 / lib,
-                        g_generatedSize / 1e3 / floor);
-            std::printf("write it back: %.2f ms (library) vs %.2f ms (floor)\n",
-                        r.ns("BM_WriteRegistry/real_time"), r.ns("BM_WriteFsyncRename/real_time"));
+            if (lib > 0 && floor > 0) {
+                std::printf("read %.1f MB file: %.1f MB/s (library) vs %.1f MB/s (getline floor)\n",
+                            g_generatedSize / 1e6, g_generatedSize / 1e3 / lib,
+                            g_generatedSize / 1e3 / floor);
+                std::printf("write it back: %.2f ms (library) vs %.2f ms (floor)\n",
+                            r.ns("BM_WriteRegistry/real_time"),
+                            r.ns("BM_WriteFsyncRename/real_time"));
+            }
             // Times per query over both threads' queries: real time is wall
             // time, CPU time the sum of the threads' own.
             const char* one = "BM_RegQueryScaling/real_time/threads:1";
