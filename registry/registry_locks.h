@@ -35,6 +35,8 @@ namespace detail {
 void FutexWait(std::atomic<uint32_t>* word, uint32_t expected);
 void FutexWakeAll(std::atomic<uint32_t>* word);
 // This thread's reader slot of ReadMostlyLock, plus one (0: not yet drawn).
+// Initial-exec, so that the read path reads it without a call: four bytes
+// of static TLS, which a loader also finds for a library opened by dlopen.
 extern __thread int g_readerSlot __attribute__((tls_model("initial-exec")));
 int DrawReaderSlot();
 
