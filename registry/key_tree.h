@@ -16,13 +16,16 @@
 #define TV_REGISTRY_KEY_TREE_H
 
 #include <stddef.h>
+#include <strings.h>
 
+#include <atomic>
 #include <iosfwd>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "registry/registry_locks.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/registry.h"
 #include "tvcommonutil/strings.h"
@@ -36,10 +39,13 @@ constexpr unsigned long kRegWriteAccess = 0x60000;
 
 class RegKey;
 
-// Leaf locks of the process-wide tables (see RegKey::OpenKeyMap and
-// RegKey::AllKeysSet).
+// Leaf locks of the process-wide tables: the open-handle table (its writers;
+// see LookupHandle) and RegKey::AllKeysSet.
 CriticalSection& TableLock();
 CriticalSection& AllKeysLock();
+// Writers of the open-handle table (registry_tree.cpp).
+void ListKeyLocked(RegKey* key) TV_REQUIRES(TableLock());
+void UnlistKeyLocked(RegKey* key) TV_REQUIRES(TableLock());
 
 // Write epochs. Every successful write of the file starts a new epoch; a
 // change of this process is pending (not yet in the file) exactly while it
@@ -62,6 +68,8 @@ public:
     RegValue() : sequence_(0), type_(0), pendingEpoch_(0) {}
     RegValue(unsigned long type, const CKWString& name, const CKWString& data)
         : sequence_(0), type_(type), name_(name), data_(data), pendingEpoch_(0) {}
+    RegValue(unsigned long type, const char* name, const char* data)
+        : sequence_(0), type_(type), name_(name), data_(data), pendingEpoch_(0) {}
     RegValue(const RegValue&) = default;
     RegValue& operator=(const RegValue&) = default;
 
@@ -78,6 +86,14 @@ public:
     bool Validate(unsigned long generation) const { return sequence_ == generation; }
     // Parses one value line ("name=data;TYPE"); false for a line to ignore.
     bool FormatValue(const char* line);
+    // As a fresh RegValue(type, name, data) would be, reusing the storage.
+    void Assign(unsigned long type, const char* name, const char* data) {
+        sequence_ = 0;
+        type_ = type;
+        name_ = name;
+        data_ = data;
+        pendingEpoch_ = 0;
+    }
 
     unsigned long GetSequence() const { return sequence_; }
     unsigned long GetType() const { return type_; }
@@ -94,16 +110,19 @@ private:
     unsigned long pendingEpoch_;
 };
 
-// An entry of the open-handle table.
-class OpenKey {
-public:
-    OpenKey(RegKey* key, int access) : key_(key), access_(access) {}
-    RegKey* GetKey() const { return key_; }
-    int GetAccess() const { return access_; }
-
-private:
-    RegKey* key_;
-    int access_;
+// The order of names in a key (strcasecmp, as CKWStringPc orders), also
+// against plain text, so that a lookup by a caller's name copies nothing.
+struct NameLess {
+    using is_transparent = void;
+    bool operator()(const CKWStringPc& a, const CKWStringPc& b) const {
+        return strcasecmp(a.c_str(), b.c_str()) < 0;
+    }
+    bool operator()(const CKWStringPc& a, const char* b) const {
+        return strcasecmp(a.c_str(), b) < 0;
+    }
+    bool operator()(const char* a, const CKWStringPc& b) const {
+        return strcasecmp(a, b.c_str()) < 0;
+    }
 };
 
 // How FindKey is used: by the API (counts opens, allocates numbers), by the
@@ -122,14 +141,14 @@ struct FindKeyOptions {
 // A node of the in-memory registry.
 //
 // Locking: lock_ guards every mutable field below (values, children, flags,
-// counters). The path, the parent pointer and the index never change after
-// construction, except that an intermediate key is numbered once under its
-// own lock and its parent's. Walks lock parent before child, hand over hand,
-// never two siblings. The whole tree is additionally guarded by the registry
-// cache lock: API calls hold it shared, file reads and writes exclusively.
-// A key unlinked from the tree while the cache lock is only shared goes to
-// the graveyard and is freed under the exclusive lock, so a pointer taken
-// under the shared lock stays valid memory until that lock is released.
+// counters). Callers that only read values take it shared (LockShared);
+// everything else takes it exclusively (Lock). The path, the parent pointer and the index never
+// change after construction, except that an intermediate key is numbered once under its own lock
+// and its parent's. Walks lock parent before child, hand over hand, never two siblings. The whole
+// tree is additionally guarded by the registry cache lock: API calls hold it shared, file reads and
+// writes exclusively. A key unlinked from the tree while the cache lock is only shared goes to the
+// graveyard and is freed under the exclusive lock, so a pointer taken under the shared lock stays
+// valid memory until that lock is released.
 class RegKey {
 public:
     RegKey();  // the unnamed root
@@ -141,9 +160,10 @@ public:
 
     void Lock() TV_NO_THREAD_SAFETY_ANALYSIS { lock_.Lock(); }
     void Unlock() TV_NO_THREAD_SAFETY_ANALYSIS { lock_.Unlock(); }
+    void LockShared() TV_NO_THREAD_SAFETY_ANALYSIS { lock_.LockShared(); }
+    void UnlockShared() TV_NO_THREAD_SAFETY_ANALYSIS { lock_.UnlockShared(); }
 
     // --- process-wide tables -------------------------------------------
-    static std::map<long, OpenKey>& OpenKeyMap() TV_REQUIRES(TableLock());
     static std::set<long>& AllKeysSet() TV_REQUIRES(AllKeysLock());
     static unsigned long Generation();
     static void NewGeneration();
@@ -156,27 +176,36 @@ public:
     // already used by another key.
     static bool ClaimIndex(long index);
 
-    // Enters the key in OpenKeyMap (if missing). Takes TableLock.
+    // Makes the key's handle valid (entering it in the open-handle table at
+    // its first open). May take TableLock.
     bool OpenHandle(int access);
+    // After the last close: the handle is unknown from now on.
+    void CloseHandle() { hasHandles_.store(false, std::memory_order_release); }
+    bool HasHandles() const { return hasHandles_.load(std::memory_order_acquire); }
 
     // --- values (caller holds the key's lock) ---------------------------
     // Stores v; changed says whether type or data differed. `local` marks
     // the value as this process's unwritten change and drops any deletion
     // mark of the name.
     bool SetValue(const RegValue& v, int& changed, bool local);
+    // SetValue(RegValue(type, name, data), changed, false) for a value line
+    // of the file, without building the value first. likelyNew: the first
+    // read of the file, where a name is hardly ever there already.
+    void SetValueFromFile(unsigned long type, const char* name, const char* data, size_t dataLen,
+                          int& changed, bool likelyNew);
     // Removes a value; `local` records the deletion so a refresh does not
     // bring the value back from the file before it is written.
     bool DeleteValue(const CKWString& name, bool local);
-    const RegValue* FindValue(const CKWString& name) const;
+    const RegValue* FindValue(const char* name) const;
     const RegValue* ValueAt(long index) const;
     size_t ValueCount() const { return valueNames_.size(); }
-    bool IsValueDeletedHere(const CKWString& name) const {
-        auto it = deletedValues_.find(CKWStringPc(name));
+    bool IsValueDeletedHere(const char* name) const {
+        auto it = deletedValues_.find(name);
         return it != deletedValues_.end() && it->second == CurrentWriteEpoch();
     }
 
     // --- children (caller holds the key's lock) -------------------------
-    RegKey* GetSubKey(const CKWString& name) const;
+    RegKey* GetSubKey(const char* name) const;
     // The index-th child that is not marked deleted; uses the cursor.
     RegKey* SubKeyAt(long index);
     size_t LiveSubKeyCount() const;
@@ -189,8 +218,8 @@ public:
     // handle, and (when byMe) records the deletion against the next refresh.
     // 0 on success, -1 when there is no such child.
     long DeleteSubKey(const CKWString& name, bool byMe);
-    bool IsSubKeyDeletedHere(const CKWString& name) const {
-        auto it = deletedSubkeys_.find(CKWStringPc(name));
+    bool IsSubKeyDeletedHere(const char* name) const {
+        auto it = deletedSubkeys_.find(name);
         return it != deletedSubkeys_.end() && it->second == CurrentWriteEpoch();
     }
     // Sets or clears the deleted marks.
@@ -304,17 +333,24 @@ private:
     int deletedByMe_;
     unsigned long pendingEpoch_;  // made or revived here, in this epoch
     RegKey* parent_;
-    std::map<CKWStringPc, RegKey*> subkeys_;
+    std::map<CKWStringPc, RegKey*, NameLess> subkeys_;
     std::vector<CKWString> subkeyNames_;  // creation order; enumeration follows it
     // Names deleted here, with the epoch of the deletion; a record of an
     // earlier epoch is already in the file and counts for nothing.
-    std::map<CKWStringPc, unsigned long> deletedSubkeys_;
-    std::map<CKWStringPc, RegValue> values_;
+    std::map<CKWStringPc, unsigned long, NameLess> deletedSubkeys_;
+    std::map<CKWStringPc, RegValue, NameLess> values_;
     std::vector<CKWString> valueNames_;  // order of first setting
-    std::map<CKWStringPc, unsigned long> deletedValues_;
+    std::map<CKWStringPc, unsigned long, NameLess> deletedValues_;
     long subCursorIndex_;  // live index of the child at subCursorPos_; -1: none
     size_t subCursorPos_;
-    CriticalSection lock_;
+    KeyLock lock_;
+    // Set while the key has open handles (from its first OpenHandle to the
+    // last close): LookupHandle knows the handle by it.
+    std::atomic<bool> hasHandles_{false};
+    // Entered in the open-handle table (written under TableLock).
+    std::atomic<bool> listed_{false};
+    friend void ListKeyLocked(RegKey* key);
+    friend void UnlistKeyLocked(RegKey* key);
 };
 
 std::ostream& operator<<(std::ostream& out, const RegValue& v);
@@ -329,8 +365,9 @@ RegKey* RegistryKeys();
 RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, int& created,
                 long& index);
 
-// Looks a handle up in OpenKeyMap (masked); null when unknown. The caller
-// holds the cache lock shared at least; the key is returned unlocked.
+// Looks a handle up (masked); null when unknown. Takes no lock: the caller
+// holds the cache lock shared at least (which keeps the key's memory and
+// the table's alive); the key is returned unlocked.
 RegKey* LookupHandle(HKEY hKey);
 
 // Keys unlinked while the cache lock was only shared; freed by

@@ -1,8 +1,9 @@
 // The exported Reg* functions over the in-memory tree.
 //
 // Every call holds the cache lock shared while it uses the tree (so no file
-// read or write can change the tree under it), looks its handle up under
-// TableLock and then works under the key's own lock. Nothing that takes the
+// read or write can change the tree under it), looks its handle up without
+// a lock and then works under the key's own lock (shared for the calls that
+// only read values). Nothing that takes the
 // cache lock exclusively (a refresh, a write) runs while the shared side is
 // held: opens refresh before they take it, closes and flushes write after
 // they let it go.
@@ -27,9 +28,47 @@ HKEY MakeHandle(long index, REGSAM samDesired) {
 }
 
 CKWString FormatUnderLock(const char* subKey, HKEY hKey) {
+    if (hKey == HKEY_LOCAL_MACHINE) return RegFormatKey(subKey != nullptr ? subKey : "", hKey);
     SharedCache hold;
     return RegFormatKey(subKey != nullptr ? subKey : "", hKey);
 }
+
+// The full path for subKey under hKey, as RegFormatKey makes it; a path
+// under HKEY_LOCAL_MACHINE of usual length is made without allocating.
+class RootedPath {
+public:
+    RootedPath(const char* subKey, HKEY hKey) {
+        if (hKey != HKEY_LOCAL_MACHINE) {
+            formatted_ = FormatUnderLock(subKey, hKey);
+            path_ = formatted_.c_str();
+            return;
+        }
+        static const char kRoot[] = "HKEY_LOCAL_MACHINE\\";
+        const size_t rootLen = sizeof kRoot - 1;
+        const size_t n = subKey != nullptr ? strlen(subKey) : 0;
+        size_t total = rootLen + n;
+        char* buf = local_;
+        if (total >= sizeof local_) {
+            heap_.resize(total + 1);
+            buf = &heap_[0];
+        }
+        memcpy(buf, kRoot, rootLen);
+        if (n > 0) memcpy(buf + rootLen, subKey, n);
+        while (total > 0 && buf[total - 1] == '\\') --total;
+        buf[total] = '\0';
+        path_ = buf;
+    }
+    RootedPath(const RootedPath&) = delete;
+    RootedPath& operator=(const RootedPath&) = delete;
+    const char* c_str() const { return path_; }
+    bool empty() const { return path_[0] == '\0'; }
+
+private:
+    char local_[512];
+    std::string heap_;
+    CKWString formatted_;
+    const char* path_;
+};
 
 // REG_SZ text, REG_MULTI_SZ with blanks as zero bytes and a final zero,
 // REG_DWORD as an 8-byte unsigned long read with strtoul base 0.
@@ -179,7 +218,7 @@ namespace {
 LONG OpenKeyFor(HKEY hKey, const char* subKey, REGSAM samDesired, HKEY* phkResult, bool promote) {
     EnsureRegistry();
     if (phkResult == nullptr) return ERROR_INVALID_DATA;
-    const CKWString path = FormatUnderLock(subKey, hKey);
+    RootedPath path(subKey, hKey);
     if (path.empty()) return ERROR_INVALID_DATA;
     RegUpdateCache();
     SharedCache hold;
@@ -211,10 +250,10 @@ LONG RegQueryValueEx(HKEY hKey, const char* name, DWORD*, DWORD* type, BYTE* dat
     SharedCache hold;
     RegKey* key = LookupHandle(hKey);
     if (key == nullptr) return -1;
-    key->Lock();
+    key->LockShared();
     const RegValue* v = key->FindValue(name != nullptr ? name : "");
     LONG r = v != nullptr ? QueryInto(*v, type, data, cbData) : ERROR_INVALID_DATA;
-    key->Unlock();
+    key->UnlockShared();
     return r;
 }
 
@@ -315,7 +354,7 @@ LONG RegEnumValue(HKEY hKey, DWORD index, char* name, DWORD* cbName, DWORD*, DWO
     SharedCache hold;
     RegKey* key = LookupHandle(hKey);
     if (key == nullptr) return -1;
-    key->Lock();
+    key->LockShared();
     LONG r;
     const RegValue* v = key->ValueAt(static_cast<long>(index));
     if (v == nullptr) {
@@ -336,7 +375,7 @@ LONG RegEnumValue(HKEY hKey, DWORD index, char* name, DWORD* cbName, DWORD*, DWO
             r = QueryInto(*v, type, data, cbData);
         }
     }
-    key->Unlock();
+    key->UnlockShared();
     return r;
 }
 
@@ -433,12 +472,7 @@ LONG RegCloseKey(HKEY hKey) {
         }
         key->DecOpens();
         if (key->GetOpenCount() == 0) {
-            {
-                CriticalSectionHolder table(TableLock());
-                auto& map = RegKey::OpenKeyMap();
-                auto it = map.find(key->GetIndex());
-                if (it != map.end() && it->second.GetKey() == key) map.erase(it);
-            }
+            key->CloseHandle();
             if (key->IsDeleted()) {
                 key->Unlock();
                 RegKey::PruneUpward(key);
@@ -483,9 +517,9 @@ LONG RegQueryInfoKey(HKEY hKey, char*, DWORD*, DWORD*, DWORD* cSubKeys, DWORD* c
     RegKey* key = LookupHandle(hKey);
     if (key == nullptr) return -1;
     unsigned long subKeys, maxSub, values, maxName, maxData;
-    key->Lock();
+    key->LockShared();
     key->GetInfo(subKeys, maxSub, values, maxName, maxData);
-    key->Unlock();
+    key->UnlockShared();
     if (cSubKeys != nullptr) *cSubKeys = subKeys;
     if (cbMaxSubKeyLen != nullptr) *cbMaxSubKeyLen = maxSub;
     if (cValues != nullptr) *cValues = values;

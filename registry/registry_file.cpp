@@ -19,6 +19,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -45,9 +46,11 @@ namespace {
 
 const char kKeyMarker[] = "HKEY_LOCAL_MACHINE";
 
+// Blank, tab, and the line and page controls \n \v \f \r (9 to 13).
 bool IsBlank(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+    return c == ' ' || static_cast<unsigned char>(c - '\t') <= '\r' - '\t';
 }
+const char kBlanks[] = " \t\n\v\f\r";
 
 // Reads lines as FileLock::readline does (up to size - 1 bytes; a line feed
 // ends the line and is consumed; a longer line continues as the next one),
@@ -57,11 +60,29 @@ public:
     explicit LineReader(int fd) : fd_(fd), pos_(0), len_(0), error_(0), done_(false) {}
     int error() const { return error_; }  // errno of a failed read, or 0
 
+    // The next line, NUL-terminated and writable: in place in the block
+    // buffer when it lies there whole, else copied to spare (kRegLineMax + 1
+    // bytes). Null at end of file or on a read error.
+    char* Next(char* spare) {
+        if (pos_ == len_ && !Fill()) return nullptr;
+        char* from = buf_ + pos_;
+        const size_t take = std::min(len_ - pos_, static_cast<size_t>(kRegLineMax));
+        char* nl = static_cast<char*>(memchr(from, '\n', take));
+        if (nl == nullptr) return Copy(spare, kRegLineMax + 1) > 0 ? spare : nullptr;
+        size_t k = static_cast<size_t>(nl - from);
+        pos_ += k + 1;
+        if (k > 0 && from[k - 1] == '\r') --k;  // a CR LF line end reads as LF
+        from[k] = '\0';
+        return from;
+    }
+
+private:
     // Bytes stored plus one, or -1 at end of file before any byte or on a
     // read error.
-    int Next(char* out, int size) {
-        int n = 0;
-        while (n < size - 1) {
+    int Copy(char* out, int size) {
+        size_t n = 0;
+        const size_t room = static_cast<size_t>(size - 1);
+        while (n < room) {
             if (pos_ == len_ && !Fill()) {
                 if (n == 0) {
                     out[0] = '\0';
@@ -69,18 +90,23 @@ public:
                 }
                 break;
             }
-            char c = buf_[pos_++];
-            if (c == '\n') {
+            const size_t take = std::min(len_ - pos_, room - n);
+            const char* from = buf_ + pos_;
+            const char* nl = static_cast<const char*>(memchr(from, '\n', take));
+            const size_t k = nl != nullptr ? static_cast<size_t>(nl - from) : take;
+            memcpy(out + n, from, k);
+            n += k;
+            pos_ += k;
+            if (nl != nullptr) {
+                ++pos_;
                 if (n > 0 && out[n - 1] == '\r') --n;  // a CR LF line end reads as LF
                 break;
             }
-            out[n++] = c;
         }
         out[n] = '\0';
-        return n + 1;
+        return static_cast<int>(n) + 1;
     }
 
-private:
     bool Fill() {
         if (done_) return false;
         for (;;) {
@@ -105,35 +131,51 @@ private:
     char buf_[64 * 1024];
 };
 
-void AppendPadded(std::string& out, const std::string& text, bool left) {
-    const size_t width = 22;
-    if (!left && text.size() < width) out.append(width - text.size(), ' ');
-    out += text;
-    if (left && text.size() < width) out.append(width - text.size(), ' ');
-}
-
 // "%-22s\t%22s\t%s" of name + "=", data + ";" and the type word. A value
 // read from a hand-written line may be too long for that layout (the
 // padding and the tabs could push it past what the reader takes in one
 // line); it is then written without them, "name=data;TYPE", which is never
 // longer than the line it was read from.
 void AppendValueLine(std::string& out, const RegValue& v) {
+    const size_t width = 22;
     const char* word = RegTypeWord(v.GetType());
-    const std::string name = v.GetName().str() + "=";
-    const std::string data = v.GetData().str() + ";";
-    const size_t padded = std::max<size_t>(22, name.size()) + 1 +
-                          std::max<size_t>(22, data.size()) + 1 + strlen(word);
+    const size_t wordLen = strlen(word);
+    const std::string& name = v.GetName().str();
+    const std::string& data = v.GetData().str();
+    const size_t nameField = name.size() + 1;
+    const size_t dataField = data.size() + 1;
+    const size_t padded = std::max(width, nameField) + 1 + std::max(width, dataField) + 1 + wordLen;
+    out += name;
+    out += '=';
     if (padded > static_cast<size_t>(kRegLineMax)) {
-        out += name;
         out += data;
+        out += ';';
     } else {
-        AppendPadded(out, name, true);
+        if (nameField < width) out.append(width - nameField, ' ');
         out += '\t';
-        AppendPadded(out, data, false);
+        if (dataField < width) out.append(width - dataField, ' ');
+        out += data;
+        out += ';';
         out += '\t';
     }
-    out += word;
+    out.append(word, wordLen);
     out += '\n';
+}
+
+// A key number in decimal, as _ltoa writes the numbers a key can have
+// (1..KEY_INDEX_MASK); anything else goes through _ltoa itself.
+void AppendIndex(std::string& out, long index) {
+    if (index <= 0 || index > KEY_INDEX_MASK) {
+        char num[40];
+        out += _ltoa(index, num, 10);
+        return;
+    }
+    char digits[16];
+    int n = 0;
+    for (unsigned long v = static_cast<unsigned long>(index); v != 0; v /= 10) {
+        digits[n++] = static_cast<char>('0' + v % 10);
+    }
+    while (n > 0) out += digits[--n];
 }
 
 const char kTempPrefix[] = ".tv.registry.tmp.";
@@ -343,31 +385,53 @@ bool KeyPathFits(const CKWString& path) {
 // Value lines
 // ---------------------------------------------------------------------------
 
-bool RegValue::FormatValue(const char* line) {
+namespace {
+
+// The parts of a value line, pointing into the line.
+struct ValueLine {
+    const char* name;
+    size_t nameLen;
+    const char* data;
+    size_t dataLen;
+    unsigned long type;
+};
+
+bool ParseValueLine(const char* line, ValueLine& out) {
     if (line == nullptr) return false;
     const char* eq = strchr(line, '=');
     if (eq == nullptr) return false;
     const char* semi = strchr(eq + 1, ';');
     if (semi == nullptr) return false;
-    const char* b = eq + 1;
+    // The writer pads the data on the left: the blanks are skipped with
+    // strspn, which stops at the ';' at the latest.
+    const char* b = eq + 1 + strspn(eq + 1, kBlanks);
     const char* e = semi;
-    while (b < e && IsBlank(*b)) ++b;
     while (e > b && IsBlank(e[-1])) --e;
-    const char* w = semi + 1;
-    while (*w != '\0' && IsBlank(*w)) ++w;
+    const char* w = semi + 1 + strspn(semi + 1, kBlanks);
     if (*w == '\0') return false;
-    unsigned long type;
     if (strcmp(w, "REG_SZ") == 0) {
-        type = REG_SZ;
+        out.type = REG_SZ;
     } else if (strcmp(w, "REG_DWORD") == 0) {
-        type = REG_DWORD;
+        out.type = REG_DWORD;
     } else if (strcmp(w, "REG_MULTI_SZ") == 0) {
-        type = REG_MULTI_SZ;
+        out.type = REG_MULTI_SZ;
     } else {
         return false;
     }
-    SetValues(type, CKWString(std::string(line, static_cast<size_t>(eq - line))),
-              CKWString(std::string(b, static_cast<size_t>(e - b))));
+    out.name = line;
+    out.nameLen = static_cast<size_t>(eq - line);
+    out.data = b;
+    out.dataLen = static_cast<size_t>(e - b);
+    return true;
+}
+
+}  // namespace
+
+bool RegValue::FormatValue(const char* line) {
+    ValueLine v;
+    if (!ParseValueLine(line, v)) return false;
+    SetValues(v.type, CKWString(std::string(v.name, v.nameLen)),
+              CKWString(std::string(v.data, v.dataLen)));
     return true;
 }
 
@@ -431,10 +495,9 @@ void RegKey::Print(PrintSink& out, int recurse, int clearDirty) {
     if (parent_ == nullptr) {
         out.text += '\n';
     } else if (!intermediate_) {
-        char num[40];
         out.text += key_.str();
         out.text += '=';
-        out.text += _ltoa(index_, num, 10);
+        AppendIndex(out.text, index_);
         out.text += '\n';
         for (auto& kv : values_) {
             if (RegTypeWord(kv.second.GetType()) != nullptr) AppendValueLine(out.text, kv.second);
@@ -443,7 +506,6 @@ void RegKey::Print(PrintSink& out, int recurse, int clearDirty) {
     }
     if (clearDirty) dirty_ = 0;
     Unlock();
-    out.MaybeFlush();
     // The caller holds the exclusive cache lock: the children cannot change.
     if (recurse) {
         for (RegKey* c : Children()) c->Print(out, recurse, clearDirty);
@@ -483,13 +545,14 @@ bool ReadRegistryFd(int fd, int refresh) {
     RegKey* root = RegistryKeys();
     RegKey* cur = nullptr;  // locked while current
     LineReader reader(fd);
-    char line[kRegLineMax + 1];
+    char spare[kRegLineMax + 1];
     int keyLines = 0;
     int otherLines = 0;
-    while (reader.Next(line, sizeof line) > 0) {
+    while (char* line = reader.Next(spare)) {
         if (line[0] == '#' || line[0] == '\0') continue;
-        if (strstr(line, kKeyMarker) == nullptr) ++otherLines;
-        if (strstr(line, kKeyMarker) != nullptr) {
+        const bool keyLine = strstr(line, kKeyMarker) != nullptr;
+        if (!keyLine) ++otherLines;
+        if (keyLine) {
             if (cur != nullptr) cur->Unlock();
             cur = nullptr;
             char* eq = strchr(line, '=');
@@ -519,17 +582,22 @@ bool ReadRegistryFd(int fd, int refresh) {
             continue;
         }
         if (cur == nullptr || cur->IsDeleted()) continue;
-        RegValue v;
-        if (!v.FormatValue(line)) continue;
+        ValueLine v;
+        if (!ParseValueLine(line, v)) continue;
+        // Name and data become strings in place: the '=' after the name and
+        // the first character after the data are not needed any more.
+        line[v.nameLen] = '\0';
+        line[v.data - line + static_cast<ptrdiff_t>(v.dataLen)] = '\0';
+        const char* name = line;
         if (refresh) {
             // This process's unwritten deletions and settings win over the
             // file until they are written.
-            if (cur->IsValueDeletedHere(v.GetName())) continue;
-            const RegValue* mine = cur->FindValue(v.GetName());
+            if (cur->IsValueDeletedHere(name)) continue;
+            const RegValue* mine = cur->FindValue(name);
             if (mine != nullptr && mine->IsPending()) continue;
         }
         int changed = 0;
-        cur->SetValue(v, changed, false);
+        cur->SetValueFromFile(v.type, name, v.data, v.dataLen, changed, !refresh);
         if (changed && refresh) cur->BumpRevision();
     }
     if (cur != nullptr) cur->Unlock();
@@ -635,9 +703,13 @@ BOOL WriteRegistry() {
     tv::detail::DrainGraveyard();
     tv::detail::UpdateCache(true);
 
+    // The whole text in one buffer, sized by the last write, and one write.
+    static size_t lastSize = 0;  // under the exclusive cache lock
     const int fd = temp.GetFileDescriptor();
     tv::detail::PrintSink sink(fd);
+    sink.text.reserve(lastSize + lastSize / 8);
     RegistryKeys()->Print(sink, 1, 1);
+    lastSize = sink.text.size();
     sink.Flush();
 
     // A short file (disk full, I/O error) is as bad as an empty one; the

@@ -27,14 +27,11 @@ namespace detail {
 constexpr int kRegLineMax = 4095;
 
 // Output of the tree writer: text collected in memory and, when a
-// descriptor is given, written out in large blocks. A failed write is
-// remembered and stops all further output.
+// descriptor is given, written out by Flush. A failed write is remembered
+// and stops all further output.
 struct PrintSink {
     explicit PrintSink(int descriptor = -1) : fd(descriptor), failed(false), error(0), written(0) {}
     void Flush();
-    void MaybeFlush() {
-        if (fd >= 0 && text.size() >= 256 * 1024) Flush();
-    }
     std::string text;
     int fd;
     bool failed;

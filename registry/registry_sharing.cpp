@@ -16,15 +16,16 @@
 //    the segment could initialise it, and it needs nothing: the kernel hands
 //    out a zero-filled segment, and zeroing it after the fact could wipe the
 //    attach of a process that started at the same moment.
-//  - In each process, the cache lock (an RWLock and a count of nested reads
-//    by the writer): API calls hold it shared while they use the tree; file
-//    reads and writes hold it exclusively and then take the semaphore. The
+//  - In each process, the cache lock (a read-mostly lock whose shared side
+//    touches only a per-thread slot, and a count of nested reads by the
+//    writer): API calls hold it shared while they use the tree; file reads
+//    and writes hold it exclusively and then take the semaphore. The
 //    exclusive holder may take the lock again, either side.
 //
 // Lock order: cache lock, then the registry semaphore, then key locks
 // (parent before child), with TableLock, AllKeysLock and the graveyard lock
-// as leaves (nothing is taken while one of them is held). The RWLock does
-// not upgrade, so no thread asks for the exclusive side while it holds the
+// as leaves (nothing is taken while one of them is held). The cache lock
+// does not upgrade, so no thread asks for the exclusive side while it holds the
 // shared one: API calls let go of the tree before they write the file.
 //
 // Version-stamp protocol. MyVersionStamp is the stamp of the file content
@@ -123,6 +124,7 @@
 
 #include "foundation/clock_internal.h"
 #include "registry/key_tree.h"
+#include "registry/registry_locks.h"
 #include "registry/registry_shared.h"
 #include "registry/testing.h"
 
@@ -238,16 +240,17 @@ void registry_shared_memory_error(int err) {
 
 // The process's cache lock: guards the whole tree against file reads and
 // writes (shared for users of the tree, exclusive for the file). First in
-// the lock order. nested counts read locks taken by the exclusive holder
-// itself and is touched only by that thread. A forked child replaces it (a
-// thread of the parent may have held the RWLock's own mutex at the fork).
-// nested is not annotated: RWLock is no capability the analysis knows, and
-// the lock is taken and released in separate calls (RegLockCache and
-// RegUnlockCache).
+// the lock order. Its shared side writes only to a slot of the calling
+// thread's own (see registry_locks.h), so readers of different keys do not
+// queue behind each other. nested counts read locks taken by the exclusive
+// holder itself and is touched only by that thread. A forked child replaces
+// it (a thread of the parent may have held its writer mutex at the fork).
+// nested is not annotated: the lock is taken and released in separate calls
+// (RegLockCache and RegUnlockCache).
 struct CacheLock {
-    CacheLock() : nested(0), rw(false, "RegCacheLock") {}
+    CacheLock() : nested(0) { rw.SetName("RegCacheLock"); }
     unsigned long nested;
-    RWLock rw;
+    ReadMostlyLock rw;
 };
 
 CacheLock* g_cacheLock = nullptr;  // atomic access; made once, replaced only in a forked child
@@ -467,7 +470,7 @@ bool g_forkHeldFileMutex = false;  // prepare took g_fileMutex (forking thread o
 
 void ForkPrepare() TV_NO_THREAD_SAFETY_ANALYSIS {
     if (RegistryReady()) EnsureRegistry();  // a start-up in progress finishes first
-    RegCacheLock().rw.WriteLock(INFINITE);
+    RegCacheLock().rw.Lock();
     NotifyForkPrepare();
     g_forkHeldFileMutex = __atomic_load_n(&g_lockOwner, __ATOMIC_ACQUIRE) != pthread_self();
     if (g_forkHeldFileMutex) pthread_mutex_lock(&g_fileMutex);
@@ -482,7 +485,7 @@ void ForkParent() TV_NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_unlock(&g_attachMutex);
     if (g_forkHeldFileMutex) pthread_mutex_unlock(&g_fileMutex);
     NotifyForkParent();
-    RegCacheLock().rw.WriteUnlock();
+    RegCacheLock().rw.Unlock();
 }
 
 void ForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
@@ -501,7 +504,7 @@ void ForkChild() TV_NO_THREAD_SAFETY_ANALYSIS {
     if (g_retiredCacheLocks == nullptr) g_retiredCacheLocks = new std::vector<CacheLock*>();
     g_retiredCacheLocks->push_back(old);
     CacheLock* fresh = new CacheLock();
-    fresh->rw.SetLockName(old->rw.GetLockName());
+    fresh->rw.SetName(old->rw.GetName());
     __atomic_store_n(&g_cacheLock, fresh, __ATOMIC_RELEASE);
 }
 
@@ -692,7 +695,9 @@ void RegUnlockRegistryFile() {
     pthread_mutex_unlock(&g_fileMutex);
 }
 
-bool RegLockCache(int op) {
+// NO_THREAD_SAFETY_ANALYSIS: the lock is taken here and released in
+// RegUnlockCache, by design of the exported pair.
+bool RegLockCache(int op) TV_NO_THREAD_SAFETY_ANALYSIS {
     using namespace tv::detail;
     CacheLock& c = RegCacheLock();
     if (op == RegLockShared) {
@@ -700,18 +705,18 @@ bool RegLockCache(int op) {
             ++c.nested;
             return true;
         }
-        c.rw.ReadLock(INFINITE);
+        c.rw.LockShared();
         return true;
     }
     if (op == RegLockExclusive) {
-        c.rw.WriteLock(INFINITE);
+        c.rw.Lock();
         RegLockRegistryFile();
         return true;
     }
     return false;
 }
 
-bool RegUnlockCache(int op) {
+bool RegUnlockCache(int op) TV_NO_THREAD_SAFETY_ANALYSIS {
     using namespace tv::detail;
     CacheLock& c = RegCacheLock();
     if (op == RegLockShared) {
@@ -719,19 +724,19 @@ bool RegUnlockCache(int op) {
             --c.nested;
             return true;
         }
-        c.rw.ReadUnlock();
+        c.rw.UnlockShared();
         return true;
     }
     if (op == RegLockExclusive) {
         RegUnlockRegistryFile();
-        c.rw.WriteUnlock();
+        c.rw.Unlock();
         return true;
     }
     return false;
 }
 
 void RegSetCacheLockName(const char* name) {
-    tv::detail::RegCacheLock().rw.SetLockName(name);
+    tv::detail::RegCacheLock().rw.SetName(name);
 }
 
 bool RegUpdateCache() {

@@ -20,10 +20,12 @@
 // from a refresh (pending keys and values, deletion records of values and
 // subkeys) are kept here and interpreted by Purge and FindKey; the rule
 // itself is described with the coherence protocol in registry_sharing.cpp.
+#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>
 #include <ostream>
+#include <tuple>
 
 #include "registry/key_tree.h"
 #include "registry/testing.h"
@@ -50,21 +52,56 @@ CKWString ChildPath(const RegKey* parent, const CKWString& name) {
     return parent->GetKey() + "\\" + name;
 }
 
-// Splits at backslashes; empty components (doubled or edge backslashes)
-// are skipped, so "A\\B" and "A\B\" name the same key.
-std::vector<CKWString> SplitPath(const char* path) {
-    std::vector<CKWString> parts;
-    if (path == nullptr) return parts;
-    const char* p = path;
-    while (*p != '\0') {
-        const char* e = strchr(p, '\\');
-        size_t n = e != nullptr ? static_cast<size_t>(e - p) : strlen(p);
-        if (n > 0) parts.emplace_back(std::string(p, n));
-        if (e == nullptr) break;
-        p = e + 1;
+// The components of a path, split at backslashes in a copy of the text.
+// Empty components (doubled or edge backslashes) are skipped, so "A\\B"
+// and "A\B\" name the same key. Paths of usual length need no allocation.
+class PathParts {
+public:
+    explicit PathParts(const char* path) {
+        if (path == nullptr) return;
+        const size_t n = strlen(path);
+        char* buf = local_;
+        if (n < sizeof local_) {
+            memcpy(local_, path, n + 1);
+        } else {
+            heap_.assign(path, n);
+            buf = &heap_[0];
+        }
+        char* p = buf;
+        char* const end = buf + n;
+        while (p < end) {
+            char* stop = static_cast<char*>(memchr(p, '\\', static_cast<size_t>(end - p)));
+            if (stop == nullptr) stop = end;
+            if (stop > p) Push(p);
+            *stop = '\0';
+            p = stop + 1;
+        }
     }
-    return parts;
-}
+    PathParts(const PathParts&) = delete;
+    PathParts& operator=(const PathParts&) = delete;
+
+    size_t size() const { return count_; }
+    bool empty() const { return count_ == 0; }
+    const char* operator[](size_t i) const { return i < kInline ? inline_[i] : more_[i - kInline]; }
+    const char* back() const { return (*this)[count_ - 1]; }
+
+private:
+    static constexpr size_t kInline = 16;
+    void Push(const char* part) {
+        if (count_ < kInline) {
+            inline_[count_] = part;
+        } else {
+            more_.push_back(part);
+        }
+        ++count_;
+    }
+
+    char local_[512];
+    std::string heap_;
+    const char* inline_[kInline];
+    std::vector<const char*> more_;
+    size_t count_ = 0;
+};
 
 }  // namespace
 
@@ -93,11 +130,6 @@ CriticalSection& TableLock() {
 CriticalSection& AllKeysLock() {
     static CriticalSection lock;
     return lock;
-}
-
-std::map<long, OpenKey>& RegKey::OpenKeyMap() {
-    static auto* map = new std::map<long, OpenKey>();
-    return *map;
 }
 
 std::set<long>& RegKey::AllKeysSet() {
@@ -157,19 +189,142 @@ void RegKey::Unadvertise(RegKey* child, bool wake) {
     }
 }
 
-bool RegKey::OpenHandle(int access) {
-    CriticalSectionHolder hold(TableLock());
-    auto& map = OpenKeyMap();
-    if (map.find(index_) != map.end()) return true;
-    return map.emplace(index_, OpenKey(this, access)).second;
+// ---------------------------------------------------------------------------
+// The open-handle table
+// ---------------------------------------------------------------------------
+//
+// Every API call with a handle looks its key up here, so lookups take no
+// lock: the table is an open-addressing array of key pointers, probed
+// linearly from a hash of the number, and a key's number never changes once
+// it has one. TableLock serialises the writers. A key is entered at its
+// first open and stays entered after its last close (its hasHandles_ flag
+// says whether the handle is valid), so opens and closes of a known key
+// write nothing shared; it is taken out (a tombstone) when the key is freed,
+// or replaced when its number passes to a new key while it waits in the
+// graveyard. A table that fills up is copied into a fresh one; the old copy
+// stays readable for the lookups still inside it and is freed under the
+// exclusive cache lock, like the keys themselves.
+
+namespace {
+
+RegKey* const kTombstone = reinterpret_cast<RegKey*>(alignof(RegKey));
+
+struct HandleArray {
+    explicit HandleArray(size_t n) : mask(n - 1), slots(new std::atomic<RegKey*>[n]) {
+        for (size_t i = 0; i < n; ++i) slots[i].store(nullptr, std::memory_order_relaxed);
+    }
+    ~HandleArray() { delete[] slots; }
+    HandleArray(const HandleArray&) = delete;
+    HandleArray& operator=(const HandleArray&) = delete;
+    size_t mask;
+    std::atomic<RegKey*>* slots;
+};
+
+std::atomic<HandleArray*> g_handles{nullptr};
+size_t g_handlesUsed TV_GUARDED_BY(TableLock()) = 0;  // entries and tombstones
+size_t g_handlesLive TV_GUARDED_BY(TableLock()) = 0;
+std::vector<HandleArray*>* g_retiredHandles TV_GUARDED_BY(TableLock()) = nullptr;
+
+size_t HandleHash(long index) {
+    return static_cast<size_t>((static_cast<uint64_t>(index) * 0x9E3779B97F4A7C15ull) >> 24);
+}
+
+RegKey* FindListed(const HandleArray* a, long index) {
+    for (size_t i = HandleHash(index) & a->mask, n = 0; n <= a->mask; i = (i + 1) & a->mask, ++n) {
+        RegKey* k = a->slots[i].load(std::memory_order_acquire);
+        if (k == nullptr) return nullptr;
+        if (k != kTombstone && k->GetIndex() == index) return k;
+    }
+    return nullptr;
+}
+
+void PlaceFresh(HandleArray* a, RegKey* key) {
+    size_t i = HandleHash(key->GetIndex()) & a->mask;
+    while (a->slots[i].load(std::memory_order_relaxed) != nullptr) i = (i + 1) & a->mask;
+    a->slots[i].store(key, std::memory_order_relaxed);
+}
+
+// Copies the live entries into a table with room for four times as many.
+HandleArray* RebuildHandles(HandleArray* old) TV_REQUIRES(TableLock()) {
+    size_t n = 16;
+    while (n < 4 * (g_handlesLive + 1)) n *= 2;
+    auto* fresh = new HandleArray(n);
+    if (old != nullptr) {
+        for (size_t i = 0; i <= old->mask; ++i) {
+            RegKey* k = old->slots[i].load(std::memory_order_relaxed);
+            if (k != nullptr && k != kTombstone) PlaceFresh(fresh, k);
+        }
+        if (g_retiredHandles == nullptr) g_retiredHandles = new std::vector<HandleArray*>();
+        g_retiredHandles->push_back(old);
+    }
+    g_handlesUsed = g_handlesLive;
+    g_handles.store(fresh, std::memory_order_release);
+    return fresh;
+}
+
+}  // namespace
+
+void ListKeyLocked(RegKey* key) {
+    HandleArray* a = g_handles.load(std::memory_order_relaxed);
+    if (a == nullptr || (g_handlesUsed + 1) * 2 > a->mask + 1) a = RebuildHandles(a);
+    const long index = key->GetIndex();
+    size_t i = HandleHash(index) & a->mask;
+    size_t freeSlot = a->mask + 1;
+    for (;; i = (i + 1) & a->mask) {
+        RegKey* k = a->slots[i].load(std::memory_order_relaxed);
+        if (k == nullptr) break;
+        if (k == kTombstone) {
+            if (freeSlot > a->mask) freeSlot = i;
+            continue;
+        }
+        if (k->GetIndex() == index) {
+            // The number's previous key is in the graveyard: the new one
+            // takes its entry.
+            k->listed_.store(false, std::memory_order_relaxed);
+            a->slots[i].store(key, std::memory_order_release);
+            key->listed_.store(true, std::memory_order_release);
+            return;
+        }
+    }
+    if (freeSlot > a->mask) {
+        freeSlot = i;
+        ++g_handlesUsed;
+    }
+    a->slots[freeSlot].store(key, std::memory_order_release);
+    ++g_handlesLive;
+    key->listed_.store(true, std::memory_order_release);
+}
+
+void UnlistKeyLocked(RegKey* key) {
+    if (!key->listed_.load(std::memory_order_relaxed)) return;
+    key->listed_.store(false, std::memory_order_relaxed);
+    HandleArray* a = g_handles.load(std::memory_order_relaxed);
+    if (a == nullptr) return;
+    for (size_t i = HandleHash(key->GetIndex()) & a->mask;; i = (i + 1) & a->mask) {
+        RegKey* k = a->slots[i].load(std::memory_order_relaxed);
+        if (k == nullptr) return;
+        if (k == key) {
+            a->slots[i].store(kTombstone, std::memory_order_release);
+            --g_handlesLive;
+            return;
+        }
+    }
+}
+
+bool RegKey::OpenHandle(int) {
+    if (!listed_.load(std::memory_order_acquire)) {
+        CriticalSectionHolder hold(TableLock());
+        if (!listed_.load(std::memory_order_relaxed)) ListKeyLocked(this);
+    }
+    hasHandles_.store(true, std::memory_order_release);
+    return true;
 }
 
 RegKey* LookupHandle(HKEY hKey) {
-    long index = hKey & KEY_INDEX_MASK;
-    CriticalSectionHolder hold(TableLock());
-    auto& map = RegKey::OpenKeyMap();
-    auto it = map.find(index);
-    return it == map.end() ? nullptr : it->second.GetKey();
+    const HandleArray* a = g_handles.load(std::memory_order_acquire);
+    if (a == nullptr) return nullptr;
+    RegKey* k = FindListed(a, hKey & KEY_INDEX_MASK);
+    return k != nullptr && k->HasHandles() ? k : nullptr;
 }
 
 void BuryKey(RegKey* key) {
@@ -186,6 +341,12 @@ void DrainGraveyard() {
         if (g_graveyard != nullptr) dead.swap(*g_graveyard);
     }
     for (RegKey* k : dead) delete k;
+    std::vector<HandleArray*> tables;
+    {
+        CriticalSectionHolder hold(TableLock());
+        if (g_retiredHandles != nullptr) tables.swap(*g_retiredHandles);
+    }
+    for (HandleArray* a : tables) delete a;
 }
 
 CKWString RegFormatKey(const char* subKey, HKEY hKey) {
@@ -236,6 +397,10 @@ RegKey::RegKey(long index, const CKWString& path, RegKey* parent, int intermedia
 
 RegKey::~RegKey() {
     for (auto& kv : subkeys_) delete kv.second;
+    if (listed_.load(std::memory_order_acquire)) {
+        CriticalSectionHolder hold(TableLock());
+        UnlistKeyLocked(this);
+    }
     Unadvertise(this, true);
 }
 
@@ -283,6 +448,45 @@ bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
     return true;
 }
 
+void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* data,
+                              size_t dataLen, int& changed, bool likelyNew) {
+    // The writer lays a key's values out in name order, so a read of the
+    // file mostly appends, and the end is the right hint.
+    auto it = values_.end();
+    if (likelyNew) {
+        const size_t before = values_.size();
+        it = values_.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(name),
+                                  std::forward_as_tuple(type, name, data));
+        if (values_.size() != before) {
+            if (valueNames_.empty()) valueNames_.reserve(4);  // spares the first regrowths
+            valueNames_.emplace_back(name);
+            it->second.UpdateSequence(Generation());
+            changed = 1;
+            return;
+        }
+    } else if (values_.empty() || !NameLess()(values_.rbegin()->first, name)) {
+        it = values_.lower_bound(name);
+    }
+    if (it != values_.end() && !NameLess()(name, it->first)) {
+        RegValue& old = it->second;
+        if (old.GetType() == type && old.GetName() == name &&
+            static_cast<size_t>(old.GetData().length()) == dataLen &&
+            memcmp(old.GetData().c_str(), data, dataLen) == 0) {
+            old.UpdateSequence(Generation());
+            changed = 0;
+            return;
+        }
+        old.Assign(type, name, data);  // keeps its place in the name list
+    } else {
+        it = values_.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(name),
+                                  std::forward_as_tuple(type, name, data));
+        valueNames_.emplace_back(name);
+    }
+    it->second.UpdateSequence(Generation());
+    it->second.SetPending(false);
+    changed = 1;
+}
+
 // A key that was only the path to a deeper one becomes a key of its own
 // once the program creates it or stores a value in it: the writer skips
 // intermediate keys, so anything set on one would never reach the file.
@@ -307,8 +511,8 @@ bool RegKey::DeleteValue(const CKWString& name, bool local) {
     return true;
 }
 
-const RegValue* RegKey::FindValue(const CKWString& name) const {
-    auto it = values_.find(CKWStringPc(name));
+const RegValue* RegKey::FindValue(const char* name) const {
+    auto it = values_.find(name);
     return it == values_.end() ? nullptr : &it->second;
 }
 
@@ -317,8 +521,8 @@ const RegValue* RegKey::ValueAt(long index) const {
     return FindValue(valueNames_[static_cast<size_t>(index)]);
 }
 
-RegKey* RegKey::GetSubKey(const CKWString& name) const {
-    auto it = subkeys_.find(CKWStringPc(name));
+RegKey* RegKey::GetSubKey(const char* name) const {
+    auto it = subkeys_.find(name);
     return it == subkeys_.end() ? nullptr : it->second;
 }
 
@@ -578,7 +782,7 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
     const bool keepLocked = options.keepLocked;
     const FindMode mode = options.mode;
     created = 0;
-    const std::vector<CKWString> parts = SplitPath(path);
+    const PathParts parts(path);
     if (parts.empty()) {
         index = 0;
         return nullptr;
@@ -587,7 +791,7 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
     RegKey* cur = start;
     cur->Lock();
     for (size_t i = 0; i + 1 < parts.size(); ++i) {
-        const CKWString& name = parts[i];
+        const char* name = parts[i];
         if (fromFile) cur->UpdateSequence();
         if (mode == FindMode::kRefresh && cur->IsSubKeyDeletedHere(name)) {
             cur->Unlock();
@@ -633,7 +837,7 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
     }
 
     RegKey* parent = cur;
-    const CKWString& name = parts.back();
+    const char* name = parts.back();
     if (fromFile) parent->UpdateSequence();
     RegKey* key = parent->GetSubKey(name);
     if (key != nullptr) {
@@ -729,8 +933,14 @@ void ClearRegistryTree() {
     root->Unlock();
     {
         CriticalSectionHolder hold(TableLock());
-        RegKey::OpenKeyMap().clear();
+        HandleArray* a = g_handles.exchange(nullptr, std::memory_order_acq_rel);
+        g_handlesUsed = g_handlesLive = 0;
+        if (a != nullptr) {
+            if (g_retiredHandles == nullptr) g_retiredHandles = new std::vector<HandleArray*>();
+            g_retiredHandles->push_back(a);
+        }
     }
+    DrainGraveyard();
     CriticalSectionHolder hold(AllKeysLock());
     RegKey::AllKeysSet().clear();
 }

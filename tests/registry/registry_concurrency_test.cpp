@@ -28,7 +28,8 @@ void Enumerate(HKEY h) {
 
 // Each worker owns a key and keeps creating, filling, enumerating and
 // deleting subkeys of it; a refresher forces re-reads of the file (as
-// another process's write would) and the lazy writer writes meanwhile.
+// another process's write would) and reads a value worker 0 keeps setting,
+// and the lazy writer writes meanwhile.
 TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
     RegistryEnv env;
     InitRegistry(0, 1);
@@ -40,6 +41,11 @@ TEST(RegistryConcurrency, WorkersRefreshesAndWrites) {
             RegBumpVersion();
             if (RegOpenKeyEx(0, "W0", 0, 0, &h) != 0) continue;
             Enumerate(h);
+            RegCloseKey(h);
+            // Read while worker 0 sets it: a number, or not there yet.
+            if (RegOpenKeyEx(0, "W0\\Last", 0, 0, &h) != 0) continue;
+            const std::string n = GetSz(h, "N");
+            if (n[0] != '<' && n.find_first_not_of("0123456789") != std::string::npos) ++failures;
             RegCloseKey(h);
         }
     });

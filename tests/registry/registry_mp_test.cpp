@@ -715,3 +715,67 @@ TEST(FileLockProcesses, SecondOpenerWaitsForTheHolderToClose) {
     EXPECT_EQ("AB", tvtest::ReadFile(file));
     EXPECT_FALSE(probe());
 }
+
+namespace {
+
+// Two complete states of the values s0..s3 of Flip: equal lengths, and
+// lengths that differ a lot either way.
+const char* const kFlip[2][4] = {{"AAAA", "A-side", "A", "alpha-alpha-alpha-alpha-alpha-alpha"},
+                                 {"BBBB", "B-side", "BBBBBBBBBBBBBBBBBBBBBBBBBBBBBBBBBBBB", "b"}};
+
+}  // namespace
+
+// args: go marker, rounds. Flips Flip between the two states, each flip one
+// open, four sets and a close (one write of the file).
+TV_TEST_CHILD(reg_flip) {
+    InitRegistry(0, 1);
+    if (!WaitForFile(args.at(0))) return 2;
+    int failures = 0;
+    for (int i = 0; i < std::stoi(args.at(1)); ++i) {
+        HKEY h = Create("Flip");
+        for (int v = 0; v < 4; ++v) failures += SetSz(h, "s" + std::to_string(v), kFlip[i % 2][v]);
+        failures += RegCloseKey(h) != 0;
+    }
+    CleanSystemResources();
+    return failures == 0 ? 0 : 1;
+}
+
+// Threads of this process read values that another process keeps rewriting:
+// through fresh opens (each may re-read the file) and through a handle held
+// all along. Every read is one whole value of one state, never missing or
+// mixed; afterwards the last state is what this process sees.
+TEST(RegistryMultiProcess, ReadersSeeWholeValuesWhileAnotherProcessWrites) {
+    RegistryEnv env;
+    HKEY init = Create("Flip");
+    for (int v = 0; v < 4; ++v) SetSz(init, "s" + std::to_string(v), kFlip[0][v]);
+    ASSERT_EQ(0, RegCloseKey(init));
+    const std::string go = env.file("go");
+    const pid_t writer = tvtest::SpawnChild("reg_flip", {go, "300"});
+    std::atomic<bool> stop{false};
+    std::atomic<long> reads{0}, wrong{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t) {
+        readers.emplace_back([&, t] {
+            const HKEY held = t == 0 ? Open("Flip") : 0;
+            while (!stop) {
+                const HKEY h = held != 0 ? held : Open("Flip");
+                for (int v = 0; v < 4; ++v) {
+                    const std::string got = GetSz(h, "s" + std::to_string(v));
+                    if (got != kFlip[0][v] && got != kFlip[1][v] && wrong++ == 0) {
+                        ADD_FAILURE() << "s" << v << " read as " << got;
+                    }
+                    ++reads;
+                }
+                if (h != held) RegCloseKey(h);
+            }
+            if (held != 0) RegCloseKey(held);
+        });
+    }
+    Touch(go);
+    const int status = WaitChildFor(writer, 120);
+    stop = true;
+    for (auto& t : readers) t.join();
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, wrong.load()) << reads.load() << " reads";
+    for (int v = 0; v < 4; ++v) EXPECT_EQ(kFlip[1][v], Query("Flip", "s" + std::to_string(v)));
+}
