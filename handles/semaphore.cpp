@@ -12,6 +12,7 @@
 // that try, which then finds the unit, or fails its CAS and takes the lock
 // to hand its units to the sleepers. The maximum is checked in the same CAS
 // that adds, so a refused release changes nothing.
+#include "handles/own_cache_lines.h"
 #include "handles/wait_internal.h"
 #include "tvcommonutil/handles.h"
 
@@ -108,7 +109,7 @@ unsigned long Semaphore::WaitForMultipleHandles(unsigned long count, Handle** ha
 
 Handle* CreateSemaphore(SECURITY_ATTRIBUTES*, long initial, long maximum, const char* name) {
     if (maximum < 0 || initial < 0 || initial > maximum) return nullptr;
-    return new Semaphore(initial, maximum, name);
+    return new tv::detail::OnOwnCacheLines<Semaphore>(initial, maximum, name);
 }
 
 BOOL ReleaseSemaphore(Handle* h, long n, long* previous) {
