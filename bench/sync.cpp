@@ -6,10 +6,13 @@
 //     counter and on raw futex words, with the threads on two CPUs (/0) and
 //     on one (/1);
 //  3. thread-pool throughput of empty work items vs a minimal mutex +
-//     condition variable work queue with the same number of threads.
+//     condition variable work queue with the same number of threads;
+//  4. ReleaseSemaphore + zero-time wait on an uncontended semaphore vs
+//     sem_post + sem_trywait.
 #include <benchmark/benchmark.h>
 
 #include <pthread.h>
+#include <semaphore.h>
 #include "bench/bench_support.h"
 
 #include <atomic>
@@ -188,6 +191,28 @@ void BM_RawQueueEmptyItems(benchmark::State& state) {
 }
 BENCHMARK(BM_RawQueueEmptyItems)->Arg(2)->Arg(4)->UseRealTime()->Unit(benchmark::kMillisecond);
 
+// --- 4. uncontended semaphore ------------------------------------------------
+void BM_SemaphoreReleaseThenPoll(benchmark::State& state) {
+    Handle* s = CreateSemaphore(nullptr, 0, 1, nullptr);
+    for (auto _ : state) {
+        ReleaseSemaphore(s, 1, nullptr);
+        benchmark::DoNotOptimize(WaitForSingleObjectEx(s, 0, FALSE));
+    }
+    CloseHandle(s);
+}
+BENCHMARK(BM_SemaphoreReleaseThenPoll);
+
+void BM_RawSemPostThenTryWait(benchmark::State& state) {
+    sem_t s;
+    sem_init(&s, 0, 0);
+    for (auto _ : state) {
+        sem_post(&s);
+        benchmark::DoNotOptimize(sem_trywait(&s));
+    }
+    sem_destroy(&s);
+}
+BENCHMARK(BM_RawSemPostThenTryWait);
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -202,6 +227,8 @@ int main(int argc, char** argv) {
           "BM_RawCounterPingPong/1/real_time", true},
          {"semaphore ping-pong, 1 core / futex", "BM_SemaphorePingPong/1/real_time",
           "BM_RawFutexPingPong/1/real_time", true},
+         {"ReleaseSemaphore+zero-time wait / sem_post+sem_trywait", "BM_SemaphoreReleaseThenPoll",
+          "BM_RawSemPostThenTryWait", true},
          {"pool, 2 threads, per item / condvar queue", "BM_ThreadPoolEmptyItems/2/real_time",
           "BM_RawQueueEmptyItems/2/real_time"},
          {"pool, 4 threads, per item / condvar queue", "BM_ThreadPoolEmptyItems/4/real_time",

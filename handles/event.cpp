@@ -11,6 +11,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "handles/own_cache_lines.h"
 #include "handles/wait_internal.h"
 #include "tvcommonutil/handles.h"
 #include "tvcommonutil/threads.h"
@@ -155,7 +156,7 @@ long Event::GetLastData() const {
 }
 
 Handle* EventCreate(SECURITY_ATTRIBUTES*, BOOL manualReset, BOOL initialState, const char* name) {
-    return new Event(-1, manualReset, initialState, name);
+    return new tv::detail::OnOwnCacheLines<Event>(-1, manualReset, initialState, name);
 }
 
 Handle* CreateEvent(SECURITY_ATTRIBUTES* sa, BOOL manualReset, BOOL initialState,

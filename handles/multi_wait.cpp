@@ -3,8 +3,10 @@
 // processes, notification handles and completion ports are waited on
 // through their synchronisation events (GetSynch; a poll that found one
 // signalled is put back, so that the core alone decides what is consumed),
-// and FreeSynch is called on them afterwards. Handles without wait logic of
-// their own count as signalled, as they do in a single wait.
+// and FreeSynch is called on them afterwards; the wait holds a reference on
+// such a handle from its GetSynch to its FreeSynch, since the core's own
+// reference is dropped before. Handles without wait logic of their own
+// count as signalled, as they do in a single wait.
 #include "handles/wait_internal.h"
 #include "tvcommonutil/handles.h"
 
@@ -46,6 +48,7 @@ unsigned long WaitForObjects(unsigned long count, Handle** handles, int waitAll,
             case kHandleIoCompletionPort:
             case kHandleMultiEvent: {
                 int signalled = 0;
+                h->IncRefCount();
                 Event* e = h->GetSynch(signalled);
                 if (e != nullptr && signalled) e->Set();
                 objects[i] = e;
@@ -60,7 +63,9 @@ unsigned long WaitForObjects(unsigned long count, Handle** handles, int waitAll,
     const unsigned long r =
         tv::detail::WaitCore(count, objects, handles, waitAll != 0, ms, alertable);
     for (unsigned long i = 0; i < count; ++i) {
-        if (viaSynch[i]) handles[i]->FreeSynch();
+        if (!viaSynch[i]) continue;
+        handles[i]->FreeSynch();
+        handles[i]->DecRefCount();
     }
     // A registry notification attached to the event that ended the wait is
     // used up by it.

@@ -33,6 +33,7 @@ ChangeNotificationHandle::ChangeNotificationHandle(const char* dir, int watchSub
       watchSubtree_(watchSubtree),
       filter_(filter),
       auxEvent_(nullptr),
+      lends_(0),
       notifyList_(nullptr),
       buffer_(nullptr),
       bufferSize_(0),
@@ -52,6 +53,7 @@ ChangeNotificationHandle::~ChangeNotificationHandle() {
         CNH_list().remove(this);
     }
     if (auxEvent_ != nullptr) auxEvent_->DecRefCount();
+    for (Handle* e : retired_) e->DecRefCount();
     delete notifyList_;
 }
 
@@ -63,13 +65,39 @@ unsigned long ChangeNotificationHandle::WaitForHandle(unsigned long ms, int aler
     if (GetChanged()) return WAIT_OBJECT_0;
     if (ms == 0) return WAIT_TIMEOUT;
     int signalled = 0;
-    Event* synch = GetSynch(signalled);
-    if (signalled) return WAIT_OBJECT_0;
-    Handle* aux = __atomic_load_n(&auxEvent_, __ATOMIC_ACQUIRE);
-    if (aux == nullptr) return synch->WaitForHandle(ms, alertable);
-    unsigned long r = aux->WaitForHandle(ms, alertable);
-    if (r == WAIT_OBJECT_0) aux->Reset();
+    Event* e = GetSynch(signalled);
+    const unsigned long r = signalled ? WAIT_OBJECT_0 : e->WaitForHandle(ms, alertable);
+    // A single wait that ends through the (usually manual-reset) overlapped
+    // event resets it, so the next one sleeps until the next change.
+    if (r == WAIT_OBJECT_0 && e != __atomic_load_n(&synch_, __ATOMIC_ACQUIRE)) e->Reset();
+    FreeSynch();
     return r;
+}
+
+Event* ChangeNotificationHandle::GetSynch(int& signalled) {
+    Handle* aux;
+    {
+        CriticalSectionHolder hold(lock_);
+        ++lends_;
+        aux = __atomic_load_n(&auxEvent_, __ATOMIC_ACQUIRE);
+    }
+    // Without an event there is nothing the watcher would set.
+    if (aux == nullptr || aux->What() != kHandleEvent) return Handle::GetSynch(signalled);
+    int held = 0;
+    Handle::GetSynch(held);
+    Event* e = static_cast<Event*>(aux);
+    signalled = held || e->EventIsSignaled();
+    return e;
+}
+
+void ChangeNotificationHandle::FreeSynch() {
+    std::list<Handle*> drop;
+    {
+        CriticalSectionHolder hold(lock_);
+        if (lends_ == 0) return;
+        if (--lends_ == 0) drop.swap(retired_);
+    }
+    for (Handle* e : drop) e->DecRefCount();
 }
 
 int ChangeNotificationHandle::Signal() {
@@ -206,6 +234,11 @@ int ReadDirectoryChanges(Handle* h, void** buffer, unsigned long bufferLength, i
         if (newAux != nullptr) {
             newAux->IncRefCount();
             oldAux = __atomic_exchange_n(&c->auxEvent_, newAux, __ATOMIC_ACQ_REL);
+            if (oldAux != nullptr && c->lends_ > 0) {
+                // A wait may still sleep on it.
+                c->retired_.push_back(oldAux);
+                oldAux = nullptr;
+            }
         }
         if (c->notifyList_ == nullptr) {
             __atomic_store_n(&c->notifyList_, new std::list<_NOTIFY_INFO>, __ATOMIC_RELEASE);

@@ -5,10 +5,11 @@
 // consuming its signal. Otherwise it waits on all n + 1 events (at most 64
 // members, the wait-object limit, plus the port) through the multi-object
 // wait of the first one. The watcher signals a member through
-// ChangeNotificationHandle::Signal, which sets that member's event (unless
-// the member was armed with an overlapped event, which is then set instead
-// and the port does not see it). PostQueuedCompletionStatus sets slot 0,
-// which no member answers to: the wait reports failure.
+// ChangeNotificationHandle::Signal, which sets the event that member's
+// GetSynch lends (its overlapped event when it was armed with one, else its
+// own); every member lent one gets FreeSynch before the wait returns.
+// PostQueuedCompletionStatus sets slot 0, which no member answers to: the
+// wait reports failure.
 //
 // members_ is guarded by lock_, a leaf lock. A wait works on a snapshot of
 // the members, each with a reference held for the wait, so a concurrent
@@ -102,6 +103,15 @@ unsigned long IoCompletionPort::WaitForHandle(unsigned long ms, int alertable) {
             for (ChangeNotificationHandle* h : m) h->DecRefCount();
         }
     } release{members};
+    // Before the references above go.
+    unsigned long lent = 0;
+    struct GiveBack {
+        std::vector<ChangeNotificationHandle*>& m;
+        const unsigned long& n;
+        ~GiveBack() {
+            for (unsigned long i = 0; i < n; ++i) m[i]->FreeSynch();
+        }
+    } giveBack{members, lent};
 
     const unsigned long n = members.size();
     if (n == 0 || n > kMaxPortMembers) return WAIT_FAILED;
@@ -114,6 +124,7 @@ unsigned long IoCompletionPort::WaitForHandle(unsigned long ms, int alertable) {
     for (unsigned long i = 0; i < n; ++i) {
         signalled = 0;
         Event* e = members[i]->GetSynch(signalled);
+        ++lent;
         slots[i + 1] = e;
         if (signalled) return i;
         if (first == nullptr) first = e;

@@ -473,9 +473,12 @@ TV_API DWORD WaitForMultipleObjects(DWORD count, Handle** handles, BOOL waitAll,
 // ---------------------------------------------------------------------------
 // Mutexes and semaphores
 // ---------------------------------------------------------------------------
-// A counting semaphore. Thread-safe: lock_ guards the count and the
-// sleepers; a release hands units straight to sleeping waiters. Takes part
-// in multi-object waits like any waitable object (one unit taken).
+// A counting semaphore. Thread-safe. The count and a "someone sleeps here"
+// bit share one atomic word, so a release nobody waits for and a zero-time
+// wait are a single compare-and-swap each; a release that finds sleepers
+// hands units straight to them under the object's lock (see
+// handles/semaphore.cpp). Takes part in multi-object waits like any waitable
+// object (one unit taken).
 class TV_API Semaphore : public Handle, public tv::detail::Waitable {
 public:
     Semaphore(long initial, long maximum, const char* name);
@@ -489,19 +492,25 @@ public:
     unsigned long WaitForMultipleHandles(unsigned long count, Handle** handles, int waitAll,
                                          unsigned long ms, int alertable) override;
     // Adds n to the count. 0 (and nothing changed, *previous not written)
-    // when the count would pass the maximum; otherwise 1, with the count
-    // before the release in *previous when previous is given.
+    // when the count would pass the maximum or n is negative; otherwise 1,
+    // with the count before the release in *previous when previous is given.
     int Release(long n, long* previous);
     const char* GetName() const { return name_.c_str(); }
 
     bool TakeLocked(pthread_t tid) override TV_REQUIRES(lock_);
     void GiveBackLocked(pthread_t tid) override TV_REQUIRES(lock_);
     bool AvailableLocked(pthread_t tid) override TV_REQUIRES(lock_);
+    void SleepersChangedLocked(bool any) override TV_REQUIRES(lock_);
 
 protected:
-    long count_ TV_GUARDED_BY(lock_);
     long maximum_;
     std::string name_;
+
+private:
+    // Defined (inline, for the lock-free paths) in handles/semaphore.cpp.
+    inline bool TryTake();
+
+    unsigned long units_;  // count * 2 | sleepers bit; atomic
 };
 
 // A recursive mutex: a waitable object with an owner and a recursion count.

@@ -109,6 +109,14 @@ public:
     // one, else the synchronisation event (made at construction, so a signal
     // given before anyone waits is kept). Returns 1.
     int Signal() override;
+    // What a multi-object wait or a completion port sleeps on: the overlapped
+    // event while one is armed (a signal still held by the handle's own
+    // event counts as signalled), else the synchronisation event. The event
+    // stays alive until the matching FreeSynch, even if ReadDirectoryChanges
+    // replaces it meanwhile. Such a wait leaves the overlapped event set;
+    // collecting the records resets it.
+    Event* GetSynch(int& signalled) override;
+    void FreeSynch() override;
 
     // Moves the queued records into the caller's buffer (see
     // ReadDirectoryChanges) and unregisters the handle until it is armed
@@ -159,8 +167,13 @@ private:
     int watchSubtree_;
     unsigned long filter_;
     // Holds one reference; replaced only under "ChangeNotificationHandle_lock"
-    // held for writing, so the watcher can signal through it during a pass.
+    // held for writing, so the watcher can signal through it during a pass,
+    // and under lock_, so GetSynch can lend it.
     Handle* auxEvent_;
+    // Outstanding GetSynch calls, and the overlapped events replaced while
+    // any was outstanding: their references go with the last FreeSynch.
+    long lends_ TV_GUARDED_BY(lock_);
+    std::list<Handle*> retired_ TV_GUARDED_BY(lock_);
     std::list<_NOTIFY_INFO>* notifyList_;  // set once, then kept until destruction
     void** buffer_ TV_GUARDED_BY(lock_);
     unsigned long bufferSize_ TV_GUARDED_BY(lock_);

@@ -188,5 +188,17 @@ TEST(ChangeNotification, WaitAndSignalThroughTheOverlappedEvent) {
     unsigned long bytes = 0;
     EXPECT_EQ(1, GetOverlappedResult(l.h, nullptr, &bytes, 0));
     EXPECT_EQ(0, l.h->GetChanged());
+
+    // An event lent to a wait outlives a re-arming that replaces it.
+    int signalled = 0;
+    Handle* lent = l.h->GetSynch(signalled);
+    lent->IncRefCount();
+    ov.hEvent = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_EQ(1, ReadDirectoryChanges(l.h, &buffer, 0, 0, 0x1f, nullptr, &ov, nullptr));
+    CloseHandle(ov.hEvent);
+    EXPECT_EQ(2, lent->GetRefCount());
+    l.h->FreeSynch();
+    EXPECT_EQ(1, lent->GetRefCount());
+    CloseHandle(lent);
     delete[] static_cast<char*>(buffer);
 }

@@ -28,8 +28,10 @@ struct Watching {
     WatchDirsThreadObject& loop;
     std::thread thread;
 
-    Watching(const std::string& dir, WatchDirsThreadObject& l)
-        : root(dir + "/"), h(new ChangeNotificationHandle(root.c_str(), 1, 0)), loop(l) {
+    OVERLAPPED* ov;
+
+    Watching(const std::string& dir, WatchDirsThreadObject& l, OVERLAPPED* o = nullptr)
+        : root(dir + "/"), h(new ChangeNotificationHandle(root.c_str(), 1, 0)), loop(l), ov(o) {
         thread = std::thread([this] { WatchDirsThread(&loop); });
         Arm();
         port = CreateIoCompletionPort(h, nullptr, 1, 0);
@@ -42,7 +44,7 @@ struct Watching {
         CloseHandle(port);
         delete[] static_cast<char*>(buffer);
     }
-    void Arm() { ReadDirectoryChanges(h, &buffer, 0, 1, 0x1f, nullptr, nullptr, nullptr); }
+    void Arm() { ReadDirectoryChanges(h, &buffer, 0, 1, 0x1f, nullptr, ov, nullptr); }
     // Collects through the port (as Text) until `done` holds, or a minute.
     std::string Collect(const std::function<bool(const std::string&)>& done) {
         std::string text;
@@ -173,4 +175,24 @@ TEST(KernelWatch, PastTheLimitPolledAndNothingLostToOverflow) {
     });
     for (const char* line : want) EXPECT_NE(std::string::npos, got.find(line)) << line << got;
     tv::notifytesting::SetKernelWatchLimit(-1);
+}
+
+// Armed with an overlapped event, the watcher sets that event: a mixed wait
+// and a port wait sleep on it, so a change ends both.
+TEST(KernelWatch, OverlappedEventEndsMixedAndPortWaits) {
+    tvtest::TempDir tmp;
+    const std::string root = MakeTree(tmp.path() + "/o"), stage = tmp.path() + "/o/stage/";
+    KernelWoken loop;
+    OVERLAPPED ov{};
+    ov.hEvent = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    Watching w(tmp.path() + "/o/tree", loop, &ov);
+    CloseHandle(ov.hEvent);
+    Handle* idle = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    Handle* set[2] = {idle, w.h};
+    Apply({'p', "m", "m", 1000}, root, stage);
+    EXPECT_EQ(WAIT_OBJECT_0 + 1, WaitForMultipleObjectsEx(2, set, FALSE, 60000, FALSE));
+    EXPECT_EQ("1 m 1 80 1000 1\n", w.Collect([](const std::string& t) { return !t.empty(); }));
+    Apply({'p', "n", "n", 2000}, root, stage);
+    EXPECT_EQ("1 n 1 80 2000 1\n", w.Collect([](const std::string& t) { return !t.empty(); }));
+    CloseHandle(idle);
 }

@@ -118,3 +118,37 @@ TEST(NotifyConcurrency, HandlesComeAndGoWhileScansRun) {
         EXPECT_EQ(std::string::npos, std::string(h->GetWatchDir().c_str()).find(tmp.path()));
     }
 }
+
+// Re-arming replaces the overlapped event while other threads sleep on the
+// old one in multi-object, port and single waits: the old event lives until
+// the last of them is done (run under ThreadSanitizer and ASan).
+TEST(NotifyConcurrency, ReArmingWhileWaitsSleepOnTheOverlappedEvent) {
+    tvtest::TempDir tmp;
+    auto* h = new ChangeNotificationHandle((tmp.path() + "/none/").c_str(), 0, 0);
+    Handle* port = CreateIoCompletionPort(h, nullptr, 1, 0);
+    Handle* idle = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> waiters;
+    for (int kind = 0; kind < 3; ++kind) {
+        waiters.emplace_back([&, kind] {
+            Handle* set[2] = {idle, h};
+            while (!stop) {
+                if (kind == 0) WaitForMultipleObjectsEx(2, set, FALSE, 1, FALSE);
+                if (kind == 1) port->WaitForHandle(1, FALSE);
+                if (kind == 2) WaitForSingleObject(h, 1);
+            }
+        });
+    }
+    for (int round = 0; round < 2000; ++round) {
+        OVERLAPPED ov{};
+        ov.hEvent = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+        ReadDirectoryChanges(h, nullptr, 0, 0, 0x1f, nullptr, &ov, nullptr);
+        CloseHandle(ov.hEvent);
+        if (round % 2) h->Signal();
+    }
+    stop = true;
+    for (auto& t : waiters) t.join();
+    CloseHandle(idle);
+    CloseHandle(h);
+    CloseHandle(port);
+}
