@@ -548,6 +548,10 @@ bool ReadRegistryFd(int fd, int refresh) {
     char spare[kRegLineMax + 1];
     int keyLines = 0;
     int otherLines = 0;
+    RegKey* lastKey = nullptr;     // the key of the last key line taken
+    std::string lastPath;          // its path as the line spelled it
+    RegKey* lastParent = nullptr;  // its parent, when the path ends in a name
+    std::string lastPrefix;        // the line's text before that name
     while (char* line = reader.Next(spare)) {
         if (line[0] == '#' || line[0] == '\0') continue;
         const bool keyLine = strstr(line, kKeyMarker) != nullptr;
@@ -577,8 +581,35 @@ bool ReadRegistryFd(int fd, int refresh) {
             walk.keepLocked = true;
             walk.mode = mode;
             int created = 0;
-            cur = FindKey(root, line, walk, created, index);
-            if (cur != nullptr) ++keyLines;
+            // A key line mostly names a sibling or a child of the key line
+            // before it: the parent found then is reused, without a walk from
+            // the root. Nothing but this read changes the tree meanwhile (the
+            // cache lock is held exclusively), and an equal path text walks to
+            // the same key.
+            const char* slash = strrchr(line, '\\');
+            const size_t prefixLen = slash != nullptr ? static_cast<size_t>(slash - line) : 0;
+            RegKey* parent = nullptr;
+            if (slash != nullptr && slash[1] != '\0') {
+                if (lastKey != nullptr &&
+                    lastPath.compare(0, std::string::npos, line, prefixLen) == 0) {
+                    parent = lastKey;
+                } else if (lastParent != nullptr &&
+                           lastPrefix.compare(0, std::string::npos, line, prefixLen) == 0) {
+                    parent = lastParent;
+                }
+            }
+            cur = parent != nullptr ? FindChildKey(parent, slash + 1, walk, created, index)
+                                    : FindKey(root, line, walk, created, index);
+            if (cur == nullptr) continue;
+            ++keyLines;
+            lastKey = cur;
+            lastPath.assign(line);
+            if (slash != nullptr && slash[1] != '\0') {
+                lastParent = cur->GetParent();
+                lastPrefix.assign(line, prefixLen);
+            } else {
+                lastParent = nullptr;
+            }
             continue;
         }
         if (cur == nullptr || cur->IsDeleted()) continue;
