@@ -52,6 +52,15 @@ bool IsBlank(char c) {
 }
 const char kBlanks[] = " \t\n\v\f\r";
 
+// strstr(line, kKeyMarker) != nullptr, cheaper on the many lines without
+// an 'H' at all.
+bool HasKeyMarker(const char* line) {
+    for (const char* h = strchr(line, 'H'); h != nullptr; h = strchr(h + 1, 'H')) {
+        if (strncmp(h, kKeyMarker, sizeof kKeyMarker - 1) == 0) return true;
+    }
+    return false;
+}
+
 // Reads lines as FileLock::readline does (up to size - 1 bytes; a line feed
 // ends the line and is consumed; a longer line continues as the next one),
 // but from a block buffer instead of one read call per byte.
@@ -554,7 +563,7 @@ bool ReadRegistryFd(int fd, int refresh) {
     std::string lastPrefix;        // the line's text before that name
     while (char* line = reader.Next(spare)) {
         if (line[0] == '#' || line[0] == '\0') continue;
-        const bool keyLine = strstr(line, kKeyMarker) != nullptr;
+        const bool keyLine = HasKeyMarker(line);
         if (!keyLine) ++otherLines;
         if (keyLine) {
             if (cur != nullptr) cur->Unlock();

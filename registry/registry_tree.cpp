@@ -43,9 +43,17 @@ unsigned long g_writeEpoch = 1;
 CriticalSection g_graveyard_lock;  // leaf
 std::vector<RegKey*>* g_graveyard TV_GUARDED_BY(g_graveyard_lock) = nullptr;
 
-CKWString ChildPath(const RegKey* parent, const CKWString& name) {
-    if (parent->GetParent() == nullptr) return name;
-    return parent->GetKey() + "\\" + name;
+// Built in one piece: a path of usual length costs a single allocation.
+CKWString ChildPath(const RegKey* parent, const char* name) {
+    if (parent->GetParent() == nullptr) return CKWString(name);
+    const std::string& base = parent->GetKey().str();
+    const size_t n = strlen(name);
+    char local[512];
+    if (base.size() + 1 + n >= sizeof local) return parent->GetKey() + "\\" + name;
+    memcpy(local, base.data(), base.size());
+    local[base.size()] = '\\';
+    memcpy(local + base.size() + 1, name, n + 1);
+    return CKWString(local);
 }
 
 // The components of a path, split at backslashes in a copy of the text.
