@@ -227,7 +227,11 @@ public:
     }
 
     // --- children (caller holds the key's lock) -------------------------
+    using SubKeyMap = std::map<CKWStringPc, RegKey*, NameLess>;
     RegKey* GetSubKey(const char* name) const;
+    // As GetSubKey; `at` receives where a child of that name would go, for
+    // InsertSubKeyAt while the children stay as they are.
+    RegKey* GetSubKey(const char* name, SubKeyMap::iterator& at);
     // The index-th child that is not marked deleted; uses the cursor.
     RegKey* SubKeyAt(long index);
     size_t LiveSubKeyCount() const;
@@ -235,7 +239,9 @@ public:
     // names in characters, value data in bytes as a query needs them.
     void GetInfo(unsigned long& subKeys, unsigned long& maxSubKeyLen, unsigned long& values,
                  unsigned long& maxValueNameLen, unsigned long& maxValueLen) const;
-    bool InsertSubKey(const char* name, RegKey* child);
+    // Enters a new child at the place GetSubKey gave; false when the name is
+    // taken.
+    bool InsertSubKeyAt(SubKeyMap::iterator at, const char* name, RegKey* child);
     // Marks the child and its subtree deleted, removes what holds no open
     // handle, and (when byMe) records the deletion against the next refresh.
     // 0 on success, -1 when there is no such child.
@@ -354,7 +360,7 @@ private:
     int deletedByMe_;
     unsigned long pendingEpoch_;  // made or revived here, in this epoch
     RegKey* parent_;
-    std::map<CKWStringPc, RegKey*, NameLess> subkeys_;
+    SubKeyMap subkeys_;
     std::vector<RegKey*> subkeyOrder_;  // the children in creation order; enumeration follows it
     // Names deleted here, with the epoch of the deletion; a record of an
     // earlier epoch is already in the file and counts for nothing.

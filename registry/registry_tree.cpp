@@ -524,6 +524,11 @@ RegKey* RegKey::GetSubKey(const char* name) const {
     return it == subkeys_.end() ? nullptr : it->second;
 }
 
+RegKey* RegKey::GetSubKey(const char* name, SubKeyMap::iterator& at) {
+    at = subkeys_.lower_bound(name);
+    return at != subkeys_.end() && !NameLess()(name, at->first) ? at->second : nullptr;
+}
+
 // Children marked deleted but still open keep their place in the order list
 // and are skipped here; the cursor makes a walk by ascending index linear.
 RegKey* RegKey::SubKeyAt(long index) {
@@ -571,13 +576,11 @@ void RegKey::GetInfo(unsigned long& subKeys, unsigned long& maxSubKeyLen, unsign
     }
 }
 
-bool RegKey::InsertSubKey(const char* name, RegKey* child) {
-    if (!subkeys_
-             .emplace(std::piecewise_construct, std::forward_as_tuple(name),
-                      std::forward_as_tuple(child))
-             .second) {
-        return false;
-    }
+bool RegKey::InsertSubKeyAt(SubKeyMap::iterator at, const char* name, RegKey* child) {
+    const size_t before = subkeys_.size();
+    subkeys_.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(name),
+                          std::forward_as_tuple(child));
+    if (subkeys_.size() == before) return false;
     subkeyOrder_.push_back(child);
     return true;
 }
@@ -802,7 +805,8 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
             index = 0;
             return nullptr;
         }
-        RegKey* child = cur->GetSubKey(name);
+        RegKey::SubKeyMap::iterator at;
+        RegKey* child = cur->GetSubKey(name, at);
         if (child == nullptr) {
             if (!create) {
                 cur->Unlock();
@@ -811,7 +815,7 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
             }
             child = new RegKey(0, ChildPath(cur, name), cur, 1, 0);
             child->SetIntable(1);
-            if (!cur->InsertSubKey(name, child)) {
+            if (!cur->InsertSubKeyAt(at, name, child)) {
                 delete child;
                 cur->Unlock();
                 index = 0;
@@ -860,7 +864,8 @@ RegKey* FindLastStep(RegKey* parent, const char* name, const FindKeyOptions& opt
     const FindMode mode = options.mode;
     const bool fromFile = mode != FindMode::kApi;
     if (fromFile) parent->UpdateSequence();
-    RegKey* key = parent->GetSubKey(name);
+    RegKey::SubKeyMap::iterator at;
+    RegKey* key = parent->GetSubKey(name, at);
     if (key != nullptr) {
         if (mode == FindMode::kRefresh && parent->IsSubKeyDeletedHere(name)) {
             parent->Unlock();
@@ -925,7 +930,7 @@ RegKey* FindLastStep(RegKey* parent, const char* name, const FindKeyOptions& opt
     }
     unsigned long opens = (!fromFile && !keepLocked) ? 1 : 0;
     key = new RegKey(n, ChildPath(parent, name), parent, 0, opens);
-    if (!parent->InsertSubKey(name, key)) {
+    if (!parent->InsertSubKeyAt(at, name, key)) {
         delete key;  // releases the number
         parent->Unlock();
         index = 0;
