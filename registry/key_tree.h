@@ -174,8 +174,7 @@ struct FindKeyOptions {
 class RegKey {
 public:
     RegKey();  // the unnamed root
-    RegKey(long index, const CKWString& path, RegKey* parent, int intermediate,
-           unsigned long opens);
+    RegKey(long index, CKWString path, RegKey* parent, int intermediate, unsigned long opens);
     ~RegKey();
     RegKey(const RegKey&) = delete;
     RegKey& operator=(const RegKey&) = delete;

@@ -416,7 +416,9 @@ bool ParseValueLine(const char* line, ValueLine& out) {
     const char* b = eq + 1 + strspn(eq + 1, kBlanks);
     const char* e = semi;
     while (e > b && IsBlank(e[-1])) --e;
-    const char* w = semi + 1 + strspn(semi + 1, kBlanks);
+    // Mostly a single tab before the type word: a plain loop beats strspn.
+    const char* w = semi + 1;
+    while (IsBlank(*w)) ++w;
     if (*w == '\0') return false;
     if (strcmp(w, "REG_SZ") == 0) {
         out.type = REG_SZ;

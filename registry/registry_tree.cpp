@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <ostream>
 #include <tuple>
+#include <utility>
 
 #include "registry/key_tree.h"
 #include "registry/testing.h"
@@ -378,14 +379,13 @@ RegKey::RegKey() : RegKey(0, CKWString(), nullptr, 0, 0) {
     inTable_ = 1;
 }
 
-RegKey::RegKey(long index, const CKWString& path, RegKey* parent, int intermediate,
-               unsigned long opens)
+RegKey::RegKey(long index, CKWString path, RegKey* parent, int intermediate, unsigned long opens)
     : opens_(opens),
       sequence_(0),
       lineSequence_(0),
       revision_(0),
       index_(index),
-      key_(path),
+      key_(std::move(path)),
       dirty_(0),
       waiters_(0),
       inTable_(0),
