@@ -125,6 +125,28 @@ struct NameLess {
     }
 };
 
+// The key of a value in its key's map: the name the value itself holds
+// (in the same map node, which never moves), not a copy of it. It is pointed
+// again whenever the value's name is respelled (see RegKey::KeyToOwnName).
+struct ValueNameRef {
+    explicit ValueNameRef(const char* n) : name(n) {}
+    mutable const char* name;
+};
+
+// NameLess for ValueNameRef.
+struct ValueNameLess {
+    using is_transparent = void;
+    bool operator()(const ValueNameRef& a, const ValueNameRef& b) const {
+        return strcasecmp(a.name, b.name) < 0;
+    }
+    bool operator()(const ValueNameRef& a, const char* b) const {
+        return strcasecmp(a.name, b) < 0;
+    }
+    bool operator()(const char* a, const ValueNameRef& b) const {
+        return strcasecmp(a, b.name) < 0;
+    }
+};
+
 // How FindKey is used: by the API (counts opens, allocates numbers), by the
 // first load of an empty tree, or by a refresh of a live tree.
 enum class FindMode { kApi, kLoad, kRefresh };
@@ -152,8 +174,7 @@ struct FindKeyOptions {
 class RegKey {
 public:
     RegKey();  // the unnamed root
-    RegKey(long index, const CKWString& path, RegKey* parent, int intermediate,
-           unsigned long opens);
+    RegKey(long index, CKWString path, RegKey* parent, int intermediate, unsigned long opens);
     ~RegKey();
     RegKey(const RegKey&) = delete;
     RegKey& operator=(const RegKey&) = delete;
@@ -198,14 +219,18 @@ public:
     bool DeleteValue(const CKWString& name, bool local);
     const RegValue* FindValue(const char* name) const;
     const RegValue* ValueAt(long index) const;
-    size_t ValueCount() const { return valueNames_.size(); }
+    size_t ValueCount() const { return valueOrder_.size(); }
     bool IsValueDeletedHere(const char* name) const {
         auto it = deletedValues_.find(name);
         return it != deletedValues_.end() && it->second == CurrentWriteEpoch();
     }
 
     // --- children (caller holds the key's lock) -------------------------
+    using SubKeyMap = std::map<CKWStringPc, RegKey*, NameLess>;
     RegKey* GetSubKey(const char* name) const;
+    // As GetSubKey; `at` receives where a child of that name would go, for
+    // InsertSubKeyAt while the children stay as they are.
+    RegKey* GetSubKey(const char* name, SubKeyMap::iterator& at);
     // The index-th child that is not marked deleted; uses the cursor.
     RegKey* SubKeyAt(long index);
     size_t LiveSubKeyCount() const;
@@ -213,7 +238,9 @@ public:
     // names in characters, value data in bytes as a query needs them.
     void GetInfo(unsigned long& subKeys, unsigned long& maxSubKeyLen, unsigned long& values,
                  unsigned long& maxValueNameLen, unsigned long& maxValueLen) const;
-    bool InsertSubKey(const CKWString& name, RegKey* child);
+    // Enters a new child at the place GetSubKey gave; false when the name is
+    // taken.
+    bool InsertSubKeyAt(SubKeyMap::iterator at, const char* name, RegKey* child);
     // Marks the child and its subtree deleted, removes what holds no open
     // handle, and (when byMe) records the deletion against the next refresh.
     // 0 on success, -1 when there is no such child.
@@ -310,8 +337,7 @@ private:
     }
     void UnlinkChild(RegKey* child);
     bool MarkSubtreeDeleted(bool byMe, std::vector<RegKey*>& dead);
-    void AppendValueName(const CKWString& name);
-    void RemoveValueName(const CKWString& name);
+    void RemoveFromValueOrder(const RegValue* v);
 
     // Every field from opens_ to subCursorPos_ is guarded by lock_, yet not
     // annotated (TV_NO_THREAD_SAFETY_ANALYSIS on Lock and Unlock):
@@ -333,13 +359,19 @@ private:
     int deletedByMe_;
     unsigned long pendingEpoch_;  // made or revived here, in this epoch
     RegKey* parent_;
-    std::map<CKWStringPc, RegKey*, NameLess> subkeys_;
-    std::vector<CKWString> subkeyNames_;  // creation order; enumeration follows it
+    SubKeyMap subkeys_;
+    std::vector<RegKey*> subkeyOrder_;  // the children in creation order; enumeration follows it
     // Names deleted here, with the epoch of the deletion; a record of an
     // earlier epoch is already in the file and counts for nothing.
     std::map<CKWStringPc, unsigned long, NameLess> deletedSubkeys_;
-    std::map<CKWStringPc, RegValue, NameLess> values_;
-    std::vector<CKWString> valueNames_;  // order of first setting
+    using ValueMap = std::map<ValueNameRef, RegValue, ValueNameLess>;
+    static void KeyToOwnName(ValueMap::iterator it) {
+        it->first.name = it->second.GetName().c_str();
+    }
+    ValueMap values_;
+    // The values in order of first setting: pointers into values_ (a map
+    // node never moves), so an index reaches its value without a lookup.
+    std::vector<RegValue*> valueOrder_;
     std::map<CKWStringPc, unsigned long, NameLess> deletedValues_;
     long subCursorIndex_;  // live index of the child at subCursorPos_; -1: none
     size_t subCursorPos_;
@@ -364,6 +396,13 @@ RegKey* RegistryKeys();
 // number on return, 0 on failure).
 RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, int& created,
                 long& index);
+
+// The last step of FindKey alone: the child `name` of parent, which the
+// caller found by an earlier walk under the same exclusive cache lock (the
+// file reader, whose key lines mostly name a sibling or a child of the key
+// before). name holds no backslash and is not empty.
+RegKey* FindChildKey(RegKey* parent, const char* name, const FindKeyOptions& options, int& created,
+                     long& index);
 
 // Looks a handle up (masked); null when unknown. Takes no lock: the caller
 // holds the cache lock shared at least (which keeps the key's memory and

@@ -52,6 +52,15 @@ bool IsBlank(char c) {
 }
 const char kBlanks[] = " \t\n\v\f\r";
 
+// strstr(line, kKeyMarker) != nullptr, cheaper on the many lines without
+// an 'H' at all.
+bool HasKeyMarker(const char* line) {
+    for (const char* h = strchr(line, 'H'); h != nullptr; h = strchr(h + 1, 'H')) {
+        if (strncmp(h, kKeyMarker, sizeof kKeyMarker - 1) == 0) return true;
+    }
+    return false;
+}
+
 // Reads lines as FileLock::readline does (up to size - 1 bytes; a line feed
 // ends the line and is consumed; a longer line continues as the next one),
 // but from a block buffer instead of one read call per byte.
@@ -407,7 +416,9 @@ bool ParseValueLine(const char* line, ValueLine& out) {
     const char* b = eq + 1 + strspn(eq + 1, kBlanks);
     const char* e = semi;
     while (e > b && IsBlank(e[-1])) --e;
-    const char* w = semi + 1 + strspn(semi + 1, kBlanks);
+    // Mostly a single tab before the type word: a plain loop beats strspn.
+    const char* w = semi + 1;
+    while (IsBlank(*w)) ++w;
     if (*w == '\0') return false;
     if (strcmp(w, "REG_SZ") == 0) {
         out.type = REG_SZ;
@@ -548,9 +559,13 @@ bool ReadRegistryFd(int fd, int refresh) {
     char spare[kRegLineMax + 1];
     int keyLines = 0;
     int otherLines = 0;
+    RegKey* lastKey = nullptr;     // the key of the last key line taken
+    std::string lastPath;          // its path as the line spelled it
+    RegKey* lastParent = nullptr;  // its parent, when the path ends in a name
+    std::string lastPrefix;        // the line's text before that name
     while (char* line = reader.Next(spare)) {
         if (line[0] == '#' || line[0] == '\0') continue;
-        const bool keyLine = strstr(line, kKeyMarker) != nullptr;
+        const bool keyLine = HasKeyMarker(line);
         if (!keyLine) ++otherLines;
         if (keyLine) {
             if (cur != nullptr) cur->Unlock();
@@ -577,8 +592,35 @@ bool ReadRegistryFd(int fd, int refresh) {
             walk.keepLocked = true;
             walk.mode = mode;
             int created = 0;
-            cur = FindKey(root, line, walk, created, index);
-            if (cur != nullptr) ++keyLines;
+            // A key line mostly names a sibling or a child of the key line
+            // before it: the parent found then is reused, without a walk from
+            // the root. Nothing but this read changes the tree meanwhile (the
+            // cache lock is held exclusively), and an equal path text walks to
+            // the same key.
+            const char* slash = strrchr(line, '\\');
+            const size_t prefixLen = slash != nullptr ? static_cast<size_t>(slash - line) : 0;
+            RegKey* parent = nullptr;
+            if (slash != nullptr && slash[1] != '\0') {
+                if (lastKey != nullptr &&
+                    lastPath.compare(0, std::string::npos, line, prefixLen) == 0) {
+                    parent = lastKey;
+                } else if (lastParent != nullptr &&
+                           lastPrefix.compare(0, std::string::npos, line, prefixLen) == 0) {
+                    parent = lastParent;
+                }
+            }
+            cur = parent != nullptr ? FindChildKey(parent, slash + 1, walk, created, index)
+                                    : FindKey(root, line, walk, created, index);
+            if (cur == nullptr) continue;
+            ++keyLines;
+            lastKey = cur;
+            lastPath.assign(line);
+            if (slash != nullptr && slash[1] != '\0') {
+                lastParent = cur->GetParent();
+                lastPrefix.assign(line, prefixLen);
+            } else {
+                lastParent = nullptr;
+            }
             continue;
         }
         if (cur == nullptr || cur->IsDeleted()) continue;

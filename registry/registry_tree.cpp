@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <ostream>
 #include <tuple>
+#include <utility>
 
 #include "registry/key_tree.h"
 #include "registry/testing.h"
@@ -43,13 +44,17 @@ unsigned long g_writeEpoch = 1;
 CriticalSection g_graveyard_lock;  // leaf
 std::vector<RegKey*>* g_graveyard TV_GUARDED_BY(g_graveyard_lock) = nullptr;
 
-bool SameName(const CKWString& a, const CKWString& b) {
-    return strcasecmp(a.c_str(), b.c_str()) == 0;
-}
-
-CKWString ChildPath(const RegKey* parent, const CKWString& name) {
-    if (parent->GetParent() == nullptr) return name;
-    return parent->GetKey() + "\\" + name;
+// Built in one piece: a path of usual length costs a single allocation.
+CKWString ChildPath(const RegKey* parent, const char* name) {
+    if (parent->GetParent() == nullptr) return CKWString(name);
+    const std::string& base = parent->GetKey().str();
+    const size_t n = strlen(name);
+    char local[512];
+    if (base.size() + 1 + n >= sizeof local) return parent->GetKey() + "\\" + name;
+    memcpy(local, base.data(), base.size());
+    local[base.size()] = '\\';
+    memcpy(local + base.size() + 1, name, n + 1);
+    return CKWString(local);
 }
 
 // The components of a path, split at backslashes in a copy of the text.
@@ -374,14 +379,13 @@ RegKey::RegKey() : RegKey(0, CKWString(), nullptr, 0, 0) {
     inTable_ = 1;
 }
 
-RegKey::RegKey(long index, const CKWString& path, RegKey* parent, int intermediate,
-               unsigned long opens)
+RegKey::RegKey(long index, CKWString path, RegKey* parent, int intermediate, unsigned long opens)
     : opens_(opens),
       sequence_(0),
       lineSequence_(0),
       revision_(0),
       index_(index),
-      key_(path),
+      key_(std::move(path)),
       dirty_(0),
       waiters_(0),
       inTable_(0),
@@ -410,23 +414,15 @@ CKWString RegKey::GetName() const {
     return key_.substr(static_cast<int>(pos) + 1);
 }
 
-void RegKey::AppendValueName(const CKWString& name) {
-    valueNames_.push_back(name);
-}
-
-void RegKey::RemoveValueName(const CKWString& name) {
-    for (auto it = valueNames_.begin(); it != valueNames_.end(); ++it) {
-        if (SameName(*it, name)) {
-            valueNames_.erase(it);
-            return;
-        }
-    }
+void RegKey::RemoveFromValueOrder(const RegValue* v) {
+    auto it = std::find(valueOrder_.begin(), valueOrder_.end(), v);
+    if (it != valueOrder_.end()) valueOrder_.erase(it);
 }
 
 bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
-    const CKWStringPc key(v.GetName());
-    auto it = values_.lower_bound(key);
-    const bool found = it != values_.end() && !(key < it->first);
+    const char* name = v.GetName().c_str();
+    auto it = values_.lower_bound(name);
+    const bool found = it != values_.end() && !ValueNameLess()(name, it->first);
     if (found && it->second == v) {
         it->second.UpdateSequence(Generation());
         changed = 0;
@@ -435,13 +431,14 @@ bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
     if (found) {
         it->second = v;  // keeps its place in the name list
     } else {
-        it = values_.emplace_hint(it, key, v);
-        AppendValueName(v.GetName());
+        it = values_.emplace_hint(it, ValueNameRef(name), v);
+        valueOrder_.push_back(&it->second);
     }
+    KeyToOwnName(it);
     it->second.UpdateSequence(Generation());
     it->second.SetPending(local);
     if (local) {
-        deletedValues_.erase(key);
+        deletedValues_.erase(v.GetName().c_str());
         Promote();
     }
     changed = 1;
@@ -458,16 +455,17 @@ void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* 
         it = values_.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(name),
                                   std::forward_as_tuple(type, name, data));
         if (values_.size() != before) {
-            if (valueNames_.empty()) valueNames_.reserve(4);  // spares the first regrowths
-            valueNames_.emplace_back(name);
+            KeyToOwnName(it);
+            if (valueOrder_.empty()) valueOrder_.reserve(8);  // spares the first regrowths
+            valueOrder_.push_back(&it->second);
             it->second.UpdateSequence(Generation());
             changed = 1;
             return;
         }
-    } else if (values_.empty() || !NameLess()(values_.rbegin()->first, name)) {
+    } else if (values_.empty() || !ValueNameLess()(values_.rbegin()->first, name)) {
         it = values_.lower_bound(name);
     }
-    if (it != values_.end() && !NameLess()(name, it->first)) {
+    if (it != values_.end() && !ValueNameLess()(name, it->first)) {
         RegValue& old = it->second;
         if (old.GetType() == type && old.GetName() == name &&
             static_cast<size_t>(old.GetData().length()) == dataLen &&
@@ -480,8 +478,9 @@ void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* 
     } else {
         it = values_.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(name),
                                   std::forward_as_tuple(type, name, data));
-        valueNames_.emplace_back(name);
+        valueOrder_.push_back(&it->second);
     }
+    KeyToOwnName(it);
     it->second.UpdateSequence(Generation());
     it->second.SetPending(false);
     changed = 1;
@@ -502,12 +501,11 @@ void RegKey::Promote() {
 }
 
 bool RegKey::DeleteValue(const CKWString& name, bool local) {
-    const CKWStringPc key(name);
-    auto it = values_.find(key);
+    auto it = values_.find(name.c_str());
     if (it == values_.end()) return false;
+    RemoveFromValueOrder(&it->second);
     values_.erase(it);
-    RemoveValueName(name);
-    if (local) deletedValues_[key] = CurrentWriteEpoch();
+    if (local) deletedValues_[CKWStringPc(name)] = CurrentWriteEpoch();
     return true;
 }
 
@@ -517,8 +515,8 @@ const RegValue* RegKey::FindValue(const char* name) const {
 }
 
 const RegValue* RegKey::ValueAt(long index) const {
-    if (index < 0 || static_cast<size_t>(index) >= valueNames_.size()) return nullptr;
-    return FindValue(valueNames_[static_cast<size_t>(index)]);
+    if (index < 0 || static_cast<size_t>(index) >= valueOrder_.size()) return nullptr;
+    return valueOrder_[static_cast<size_t>(index)];
 }
 
 RegKey* RegKey::GetSubKey(const char* name) const {
@@ -526,19 +524,24 @@ RegKey* RegKey::GetSubKey(const char* name) const {
     return it == subkeys_.end() ? nullptr : it->second;
 }
 
-// Children marked deleted but still open keep their place in the name list
+RegKey* RegKey::GetSubKey(const char* name, SubKeyMap::iterator& at) {
+    at = subkeys_.lower_bound(name);
+    return at != subkeys_.end() && !NameLess()(name, at->first) ? at->second : nullptr;
+}
+
+// Children marked deleted but still open keep their place in the order list
 // and are skipped here; the cursor makes a walk by ascending index linear.
 RegKey* RegKey::SubKeyAt(long index) {
     if (index < 0) return nullptr;
     size_t pos = 0;
     long live = 0;
-    if (subCursorIndex_ >= 0 && subCursorIndex_ <= index && subCursorPos_ < subkeyNames_.size()) {
+    if (subCursorIndex_ >= 0 && subCursorIndex_ <= index && subCursorPos_ < subkeyOrder_.size()) {
         pos = subCursorPos_;
         live = subCursorIndex_;
     }
-    for (; pos < subkeyNames_.size(); ++pos) {
-        RegKey* k = GetSubKey(subkeyNames_[pos]);
-        if (k == nullptr || k->IsDeleted()) continue;
+    for (; pos < subkeyOrder_.size(); ++pos) {
+        RegKey* k = subkeyOrder_[pos];
+        if (k->IsDeleted()) continue;
         if (live == index) {
             subCursorIndex_ = live;
             subCursorPos_ = pos;
@@ -573,21 +576,19 @@ void RegKey::GetInfo(unsigned long& subKeys, unsigned long& maxSubKeyLen, unsign
     }
 }
 
-bool RegKey::InsertSubKey(const CKWString& name, RegKey* child) {
-    if (!subkeys_.emplace(CKWStringPc(name), child).second) return false;
-    subkeyNames_.push_back(name);
+bool RegKey::InsertSubKeyAt(SubKeyMap::iterator at, const char* name, RegKey* child) {
+    const size_t before = subkeys_.size();
+    subkeys_.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(name),
+                          std::forward_as_tuple(child));
+    if (subkeys_.size() == before) return false;
+    subkeyOrder_.push_back(child);
     return true;
 }
 
 void RegKey::UnlinkChild(RegKey* child) {
-    const CKWString name = child->GetName();
-    subkeys_.erase(CKWStringPc(name));
-    for (auto it = subkeyNames_.begin(); it != subkeyNames_.end(); ++it) {
-        if (SameName(*it, name)) {
-            subkeyNames_.erase(it);
-            break;
-        }
-    }
+    subkeys_.erase(CKWStringPc(child->GetName()));
+    auto it = std::find(subkeyOrder_.begin(), subkeyOrder_.end(), child);
+    if (it != subkeyOrder_.end()) subkeyOrder_.erase(it);
     ResetSubKeyCursor();
 }
 
@@ -736,7 +737,7 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
     if (stays && !IsDeleted()) {
         for (auto it = values_.begin(); it != values_.end();) {
             if (!it->second.IsPending() && !it->second.Validate(gen)) {
-                RemoveValueName(it->second.GetName());
+                RemoveFromValueOrder(&it->second);
                 it = values_.erase(it);
                 valuesChanged = true;
             } else {
@@ -752,23 +753,30 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
 
 void RegKey::DropValues() {
     values_.clear();
-    valueNames_.clear();
+    valueOrder_.clear();
 }
 
 void RegKey::DropChildren() {
     for (auto& kv : subkeys_) delete kv.second;
     subkeys_.clear();
-    subkeyNames_.clear();
+    subkeyOrder_.clear();
     deletedSubkeys_.clear();
     values_.clear();
-    valueNames_.clear();
+    valueOrder_.clear();
     deletedValues_.clear();
     ResetSubKeyCursor();
 }
 
+namespace {
+// The last step of a walk (below FindKey).
+RegKey* FindLastStep(RegKey* parent, const char* name, const FindKeyOptions& options, int& created,
+                     long& index);
+}  // namespace
+
 // ---------------------------------------------------------------------------
 // FindKey
 // ---------------------------------------------------------------------------
+
 //
 // Hand over hand from `start` (always the root): the parent stays locked
 // until the child is. In the file modes (kLoad, kRefresh) the walk records
@@ -779,7 +787,6 @@ void RegKey::DropChildren() {
 RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, int& created,
                 long& index) {
     const bool create = options.create;
-    const bool keepLocked = options.keepLocked;
     const FindMode mode = options.mode;
     created = 0;
     const PathParts parts(path);
@@ -798,7 +805,8 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
             index = 0;
             return nullptr;
         }
-        RegKey* child = cur->GetSubKey(name);
+        RegKey::SubKeyMap::iterator at;
+        RegKey* child = cur->GetSubKey(name, at);
         if (child == nullptr) {
             if (!create) {
                 cur->Unlock();
@@ -807,7 +815,7 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
             }
             child = new RegKey(0, ChildPath(cur, name), cur, 1, 0);
             child->SetIntable(1);
-            if (!cur->InsertSubKey(name, child)) {
+            if (!cur->InsertSubKeyAt(at, name, child)) {
                 delete child;
                 cur->Unlock();
                 index = 0;
@@ -836,10 +844,28 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
         cur = child;
     }
 
-    RegKey* parent = cur;
-    const char* name = parts.back();
+    return FindLastStep(cur, parts.back(), options, created, index);
+}
+
+RegKey* FindChildKey(RegKey* parent, const char* name, const FindKeyOptions& options, int& created,
+                     long& index) {
+    created = 0;
+    parent->Lock();
+    return FindLastStep(parent, name, options, created, index);
+}
+
+namespace {
+
+// The last step of a walk: parent is locked and is unlocked on return.
+RegKey* FindLastStep(RegKey* parent, const char* name, const FindKeyOptions& options, int& created,
+                     long& index) {
+    const bool create = options.create;
+    const bool keepLocked = options.keepLocked;
+    const FindMode mode = options.mode;
+    const bool fromFile = mode != FindMode::kApi;
     if (fromFile) parent->UpdateSequence();
-    RegKey* key = parent->GetSubKey(name);
+    RegKey::SubKeyMap::iterator at;
+    RegKey* key = parent->GetSubKey(name, at);
     if (key != nullptr) {
         if (mode == FindMode::kRefresh && parent->IsSubKeyDeletedHere(name)) {
             parent->Unlock();
@@ -904,7 +930,7 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
     }
     unsigned long opens = (!fromFile && !keepLocked) ? 1 : 0;
     key = new RegKey(n, ChildPath(parent, name), parent, 0, opens);
-    if (!parent->InsertSubKey(name, key)) {
+    if (!parent->InsertSubKeyAt(at, name, key)) {
         delete key;  // releases the number
         parent->Unlock();
         index = 0;
@@ -924,6 +950,8 @@ RegKey* FindKey(RegKey* start, const char* path, const FindKeyOptions& options, 
     parent->Unlock();
     return key;
 }
+
+}  // namespace
 
 void ClearRegistryTree() {
     DrainGraveyard();

@@ -195,6 +195,39 @@ TEST(RegistryFile, ReaderTakesEveryLineKind) {
     for (HKEY h : {hex, octal, key, deepKey, er, w, big}) EXPECT_EQ(0, RegCloseKey(h));
 }
 
+// Key lines mostly follow each other as siblings or as parent and child;
+// each must land at its own path, whatever the line before it spelled.
+TEST(RegistryFile, KeyLinesLandAtTheirOwnPathsWhateverPrecedesThem) {
+    const struct {
+        const char* line;  // after "HKEY_LOCAL_MACHINE\\"
+        const char* path;
+        const char* number;
+    } keys[] = {
+        {"A\\B", "A\\B", "11"},         {"A\\C", "A\\C", "12"},          // siblings
+        {"A\\C\\D", "A\\C\\D", "13"},   {"A\\E", "A\\E", "14"},          // child, then back up
+        {"a\\c\\F", "A\\C\\F", "15"},   {"A\\\\C\\G", "A\\C\\G", "16"},  // other spellings
+        {"X\\C\\H", "X\\C\\H", "17"},   {"X\\C\\", "X\\C", "18"},        // same names, other branch
+        {"X\\C\\\\I", "X\\C\\I", "19"}, {"A\\B\\J", "A\\B\\J", "20"},
+    };
+    std::string text = kBaseRegistry;
+    for (const auto& k : keys) {
+        text += std::string("HKEY_LOCAL_MACHINE\\") + k.line + "=" + k.number + "\nV=" + k.number +
+                ";REG_SZ\n\n";
+    }
+    RegistryEnv env(regtest::kBaseRegistry, &text);
+    for (const auto& k : keys) EXPECT_EQ(k.number, Query(k.path, "V")) << k.line;
+    for (const char* stray : {"A\\C\\H", "X\\C\\G", "A\\C\\I", "A\\E\\F", "X\\C\\J"}) {
+        EXPECT_FALSE(KeyExists(stray)) << stray;
+    }
+    HKEY w = Open("A\\B", KEY_ALL_ACCESS);
+    ASSERT_EQ(0, RegFlushKey(w));
+    const std::string out = env.ReadRegistryFile();
+    for (const auto& k : keys) {
+        EXPECT_TRUE(Has(out, std::string("HKEY_LOCAL_MACHINE\\") + k.path + "=" + k.number + "\n"));
+    }
+    EXPECT_EQ(0, RegCloseKey(w));
+}
+
 // A line is read up to 4095 characters; the rest is the next line.
 TEST(RegistryFile, LongLinesAreSplitAt4095) {
     std::string first = "Cut=" + std::string(4095 - 4, 'x');  // exactly 4095 characters
