@@ -17,6 +17,7 @@
 // the previous owner's release (its CAS of state_) happens-before.
 #include <pthread.h>
 
+#include "handles/own_cache_lines.h"
 #include "handles/wait_internal.h"
 #include "tvcommonutil/handles.h"
 
@@ -108,7 +109,7 @@ int Mutex::Release() {
 }
 
 Handle* CreateMutex(SECURITY_ATTRIBUTES*, BOOL initialOwner, const char* name) {
-    return new Mutex(initialOwner, name);
+    return new tv::detail::OnOwnCacheLines<Mutex>(initialOwner, name);
 }
 
 BOOL ReleaseMutex(Handle* h) {

@@ -1,6 +1,6 @@
 // Objects with cache lines of their own.
 //
-// An event or a semaphore keeps its state in one word that callers write
+// An event, a mutex or a semaphore keeps its state in one word that callers write
 // without a lock. Allocated back to back, two such objects share a cache
 // line: the state word near the end of one sits in the line that holds the
 // start of the next (its vtable pointer, read by every call). Two threads,
