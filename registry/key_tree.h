@@ -16,6 +16,7 @@
 #define TV_REGISTRY_KEY_TREE_H
 
 #include <stddef.h>
+#include <stdint.h>
 #include <strings.h>
 
 #include <atomic>
@@ -72,6 +73,9 @@ public:
         : sequence_(0), type_(type), name_(name), data_(data), pendingEpoch_(0) {}
     RegValue(const RegValue&) = default;
     RegValue& operator=(const RegValue&) = default;
+    // A key keeps its values in a vector: growing it moves them.
+    RegValue(RegValue&&) noexcept = default;
+    RegValue& operator=(RegValue&&) noexcept = default;
 
     void SetValues(unsigned long type, const CKWString& name, const CKWString& data) {
         type_ = type;
@@ -122,28 +126,6 @@ struct NameLess {
     }
     bool operator()(const char* a, const CKWStringPc& b) const {
         return strcasecmp(a, b.c_str()) < 0;
-    }
-};
-
-// The key of a value in its key's map: the name the value itself holds
-// (in the same map node, which never moves), not a copy of it. It is pointed
-// again whenever the value's name is respelled (see RegKey::KeyToOwnName).
-struct ValueNameRef {
-    explicit ValueNameRef(const char* n) : name(n) {}
-    mutable const char* name;
-};
-
-// NameLess for ValueNameRef.
-struct ValueNameLess {
-    using is_transparent = void;
-    bool operator()(const ValueNameRef& a, const ValueNameRef& b) const {
-        return strcasecmp(a.name, b.name) < 0;
-    }
-    bool operator()(const ValueNameRef& a, const char* b) const {
-        return strcasecmp(a.name, b) < 0;
-    }
-    bool operator()(const char* a, const ValueNameRef& b) const {
-        return strcasecmp(a, b.name) < 0;
     }
 };
 
@@ -210,16 +192,22 @@ public:
     // mark of the name.
     bool SetValue(const RegValue& v, int& changed, bool local);
     // SetValue(RegValue(type, name, data), changed, false) for a value line
-    // of the file, without building the value first. likelyNew: the first
-    // read of the file, where a name is hardly ever there already.
+    // of the file, without building the value first.
     void SetValueFromFile(unsigned long type, const char* name, const char* data, size_t dataLen,
-                          int& changed, bool likelyNew);
+                          int& changed);
     // Removes a value; `local` records the deletion so a refresh does not
     // bring the value back from the file before it is written.
     bool DeleteValue(const CKWString& name, bool local);
     const RegValue* FindValue(const char* name) const;
     const RegValue* ValueAt(long index) const;
-    size_t ValueCount() const { return valueOrder_.size(); }
+    size_t ValueCount() const { return values_.size(); }
+    // Room for n values in all, so that reading a key's block from the file
+    // does not regrow (and move) them value by value.
+    void ReserveValues(size_t n) {
+        if (n <= values_.capacity()) return;
+        values_.reserve(n);
+        byName_.reserve(n);
+    }
     bool IsValueDeletedHere(const char* name) const {
         auto it = deletedValues_.find(name);
         return it != deletedValues_.end() && it->second == CurrentWriteEpoch();
@@ -337,7 +325,12 @@ private:
     }
     void UnlinkChild(RegKey* child);
     bool MarkSubtreeDeleted(bool byMe, std::vector<RegKey*>& dead);
-    void RemoveFromValueOrder(const RegValue* v);
+    // Where name is in byName_ (found), or where it would go.
+    size_t ValueNamePos(const char* name, bool& found) const;
+    // Appends RegValue(args...) and enters it at namePos of byName_.
+    template <typename... Args>
+    RegValue& InsertValue(size_t namePos, Args&&... args);
+    void EraseValue(size_t namePos);
 
     // Every field from opens_ to subCursorPos_ is guarded by lock_, yet not
     // annotated (TV_NO_THREAD_SAFETY_ANALYSIS on Lock and Unlock):
@@ -364,14 +357,13 @@ private:
     // Names deleted here, with the epoch of the deletion; a record of an
     // earlier epoch is already in the file and counts for nothing.
     std::map<CKWStringPc, unsigned long, NameLess> deletedSubkeys_;
-    using ValueMap = std::map<ValueNameRef, RegValue, ValueNameLess>;
-    static void KeyToOwnName(ValueMap::iterator it) {
-        it->first.name = it->second.GetName().c_str();
-    }
-    ValueMap values_;
-    // The values in order of first setting: pointers into values_ (a map
-    // node never moves), so an index reaches its value without a lookup.
-    std::vector<RegValue*> valueOrder_;
+    // The values in order of first setting (enumeration follows it), and
+    // their positions in values_ sorted by name (lookups and the file
+    // follow that). A key holds a handful of values: two vectors cost fewer
+    // allocations and cache lines than a tree, and a removal renumbers in
+    // one pass.
+    std::vector<RegValue> values_;
+    std::vector<uint32_t> byName_;
     std::map<CKWStringPc, unsigned long, NameLess> deletedValues_;
     long subCursorIndex_;  // live index of the child at subCursorPos_; -1: none
     size_t subCursorPos_;

@@ -85,6 +85,23 @@ public:
         return from;
     }
 
+    // How many lines lie buffered before the next empty one (the end of a
+    // key's block), at most `most`: a key's values are reserved in one go
+    // instead of regrowing as they are read. Only a hint.
+    size_t LinesBeforeBlank(size_t most) const {
+        size_t n = 0;
+        const char* p = buf_ + pos_;
+        const char* end = buf_ + len_;
+        while (n < most && p < end && *p != '\n') {
+            const char* nl =
+                static_cast<const char*>(memchr(p, '\n', static_cast<size_t>(end - p)));
+            if (nl == nullptr) break;
+            ++n;
+            p = nl + 1;
+        }
+        return n;
+    }
+
 private:
     // Bytes stored plus one, or -1 at end of file before any byte or on a
     // read error.
@@ -510,8 +527,8 @@ void RegKey::Print(PrintSink& out, int recurse, int clearDirty) {
         out.text += '=';
         AppendIndex(out.text, index_);
         out.text += '\n';
-        for (auto& kv : values_) {
-            if (RegTypeWord(kv.second.GetType()) != nullptr) AppendValueLine(out.text, kv.second);
+        for (uint32_t i : byName_) {
+            if (RegTypeWord(values_[i].GetType()) != nullptr) AppendValueLine(out.text, values_[i]);
         }
         out.text += '\n';
     }
@@ -536,7 +553,7 @@ void RegKey::Print(std::ostream& out, int recurse, int clearDirty) {
         out << '\n';
     } else if (!intermediate_) {
         out << key_.str() << '=' << index_ << (IsDeleted() ? "  (deleted)" : "") << '\n';
-        for (auto& kv : values_) out << kv.second;
+        for (uint32_t i : byName_) out << values_[i];
         out << '\n';
     }
     if (clearDirty) dirty_ = 0;
@@ -551,6 +568,7 @@ void RegKey::Print(std::ostream& out, int recurse, int clearDirty) {
 // ---------------------------------------------------------------------------
 
 bool ReadRegistryFd(int fd, int refresh) {
+    constexpr size_t kReserveMost = 256;
     RegKey::NewGeneration();
     const FindMode mode = refresh ? FindMode::kRefresh : FindMode::kLoad;
     RegKey* root = RegistryKeys();
@@ -612,6 +630,7 @@ bool ReadRegistryFd(int fd, int refresh) {
             cur = parent != nullptr ? FindChildKey(parent, slash + 1, walk, created, index)
                                     : FindKey(root, line, walk, created, index);
             if (cur == nullptr) continue;
+            cur->ReserveValues(reader.LinesBeforeBlank(kReserveMost));
             ++keyLines;
             lastKey = cur;
             lastPath.assign(line);
@@ -639,7 +658,7 @@ bool ReadRegistryFd(int fd, int refresh) {
             if (mine != nullptr && mine->IsPending()) continue;
         }
         int changed = 0;
-        cur->SetValueFromFile(v.type, name, v.data, v.dataLen, changed, !refresh);
+        cur->SetValueFromFile(v.type, name, v.data, v.dataLen, changed);
         if (changed && refresh) cur->BumpRevision();
     }
     if (cur != nullptr) cur->Unlock();

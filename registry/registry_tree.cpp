@@ -414,29 +414,66 @@ CKWString RegKey::GetName() const {
     return key_.substr(static_cast<int>(pos) + 1);
 }
 
-void RegKey::RemoveFromValueOrder(const RegValue* v) {
-    auto it = std::find(valueOrder_.begin(), valueOrder_.end(), v);
-    if (it != valueOrder_.end()) valueOrder_.erase(it);
+size_t RegKey::ValueNamePos(const char* name, bool& found) const {
+    size_t lo = 0;
+    size_t hi = byName_.size();
+    while (lo < hi) {
+        const size_t mid = lo + (hi - lo) / 2;
+        const int c = strcasecmp(values_[byName_[mid]].GetName().c_str(), name);
+        if (c == 0) {
+            found = true;
+            return mid;
+        }
+        if (c < 0) {
+            lo = mid + 1;
+        } else {
+            hi = mid;
+        }
+    }
+    found = false;
+    return lo;
+}
+
+template <typename... Args>
+RegValue& RegKey::InsertValue(size_t namePos, Args&&... args) {
+    // Room first, so that a failed allocation leaves both vectors as they
+    // were; four spares the first regrowths of a key read from the file.
+    if (byName_.size() == byName_.capacity()) {
+        byName_.reserve(std::max<size_t>(4, byName_.size() * 2));
+    }
+    if (values_.size() == values_.capacity()) {
+        values_.reserve(std::max<size_t>(4, values_.size() * 2));
+    }
+    byName_.insert(byName_.begin() + static_cast<ptrdiff_t>(namePos),
+                   static_cast<uint32_t>(values_.size()));
+    values_.emplace_back(std::forward<Args>(args)...);
+    return values_.back();
+}
+
+void RegKey::EraseValue(size_t namePos) {
+    const uint32_t at = byName_[namePos];
+    byName_.erase(byName_.begin() + static_cast<ptrdiff_t>(namePos));
+    values_.erase(values_.begin() + at);
+    for (uint32_t& i : byName_) i -= i > at ? 1 : 0;
 }
 
 bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
-    const char* name = v.GetName().c_str();
-    auto it = values_.lower_bound(name);
-    const bool found = it != values_.end() && !ValueNameLess()(name, it->first);
-    if (found && it->second == v) {
-        it->second.UpdateSequence(Generation());
-        changed = 0;
-        return true;
-    }
+    bool found = false;
+    const size_t pos = ValueNamePos(v.GetName().c_str(), found);
+    RegValue* slot;
     if (found) {
-        it->second = v;  // keeps its place in the name list
+        slot = &values_[byName_[pos]];
+        if (*slot == v) {
+            slot->UpdateSequence(Generation());
+            changed = 0;
+            return true;
+        }
+        *slot = v;  // keeps its place in both orders
     } else {
-        it = values_.emplace_hint(it, ValueNameRef(name), v);
-        valueOrder_.push_back(&it->second);
+        slot = &InsertValue(pos, v);
     }
-    KeyToOwnName(it);
-    it->second.UpdateSequence(Generation());
-    it->second.SetPending(local);
+    slot->UpdateSequence(Generation());
+    slot->SetPending(local);
     if (local) {
         deletedValues_.erase(v.GetName().c_str());
         Promote();
@@ -446,27 +483,16 @@ bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
 }
 
 void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* data,
-                              size_t dataLen, int& changed, bool likelyNew) {
+                              size_t dataLen, int& changed) {
     // The writer lays a key's values out in name order, so a read of the
-    // file mostly appends, and the end is the right hint.
-    auto it = values_.end();
-    if (likelyNew) {
-        const size_t before = values_.size();
-        it = values_.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(name),
-                                  std::forward_as_tuple(type, name, data));
-        if (values_.size() != before) {
-            KeyToOwnName(it);
-            if (valueOrder_.empty()) valueOrder_.reserve(8);  // spares the first regrowths
-            valueOrder_.push_back(&it->second);
-            it->second.UpdateSequence(Generation());
-            changed = 1;
-            return;
-        }
-    } else if (values_.empty() || !ValueNameLess()(values_.rbegin()->first, name)) {
-        it = values_.lower_bound(name);
+    // file mostly appends: the last name is tried before a search.
+    bool found = false;
+    size_t pos = byName_.size();
+    if (!byName_.empty() && strcasecmp(values_[byName_.back()].GetName().c_str(), name) >= 0) {
+        pos = ValueNamePos(name, found);
     }
-    if (it != values_.end() && !ValueNameLess()(name, it->first)) {
-        RegValue& old = it->second;
+    if (found) {
+        RegValue& old = values_[byName_[pos]];
         if (old.GetType() == type && old.GetName() == name &&
             static_cast<size_t>(old.GetData().length()) == dataLen &&
             memcmp(old.GetData().c_str(), data, dataLen) == 0) {
@@ -474,15 +500,11 @@ void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* 
             changed = 0;
             return;
         }
-        old.Assign(type, name, data);  // keeps its place in the name list
+        old.Assign(type, name, data);  // keeps its place in both orders
+        old.UpdateSequence(Generation());
     } else {
-        it = values_.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(name),
-                                  std::forward_as_tuple(type, name, data));
-        valueOrder_.push_back(&it->second);
+        InsertValue(pos, type, name, data).UpdateSequence(Generation());
     }
-    KeyToOwnName(it);
-    it->second.UpdateSequence(Generation());
-    it->second.SetPending(false);
     changed = 1;
 }
 
@@ -501,22 +523,23 @@ void RegKey::Promote() {
 }
 
 bool RegKey::DeleteValue(const CKWString& name, bool local) {
-    auto it = values_.find(name.c_str());
-    if (it == values_.end()) return false;
-    RemoveFromValueOrder(&it->second);
-    values_.erase(it);
+    bool found = false;
+    const size_t pos = ValueNamePos(name.c_str(), found);
+    if (!found) return false;
+    EraseValue(pos);
     if (local) deletedValues_[CKWStringPc(name)] = CurrentWriteEpoch();
     return true;
 }
 
 const RegValue* RegKey::FindValue(const char* name) const {
-    auto it = values_.find(name);
-    return it == values_.end() ? nullptr : &it->second;
+    bool found = false;
+    const size_t pos = ValueNamePos(name, found);
+    return found ? &values_[byName_[pos]] : nullptr;
 }
 
 const RegValue* RegKey::ValueAt(long index) const {
-    if (index < 0 || static_cast<size_t>(index) >= valueOrder_.size()) return nullptr;
-    return valueOrder_[static_cast<size_t>(index)];
+    if (index < 0 || static_cast<size_t>(index) >= values_.size()) return nullptr;
+    return &values_[static_cast<size_t>(index)];
 }
 
 RegKey* RegKey::GetSubKey(const char* name) const {
@@ -568,11 +591,11 @@ void RegKey::GetInfo(unsigned long& subKeys, unsigned long& maxSubKeyLen, unsign
         ++subKeys;
         maxSubKeyLen = std::max(maxSubKeyLen, static_cast<unsigned long>(kv.first.length()));
     }
-    for (auto& kv : values_) {
+    for (const RegValue& v : values_) {
         ++values;
         maxValueNameLen =
-            std::max(maxValueNameLen, static_cast<unsigned long>(kv.second.GetName().length()));
-        maxValueLen = std::max(maxValueLen, QuerySize(kv.second));
+            std::max(maxValueNameLen, static_cast<unsigned long>(v.GetName().length()));
+        maxValueLen = std::max(maxValueLen, QuerySize(v));
     }
 }
 
@@ -611,7 +634,7 @@ void RegKey::Revive(bool local) {
     // Whatever the file holds about this key, the live copy is now this
     // process's version of it.
     SetPending(true);
-    for (auto& kv : values_) kv.second.SetPending(true);
+    for (RegValue& v : values_) v.SetPending(true);
     SetDirty(1);
 }
 
@@ -703,7 +726,7 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
     }
     Lock();
     bool pendingValue = false;
-    for (auto& kv : values_) pendingValue = pendingValue || kv.second.IsPending();
+    for (const RegValue& v : values_) pendingValue = pendingValue || v.IsPending();
     bool stays = true;
     if (parent_ != nullptr && !IsDeleted()) {
         const bool lineSeen = lineSequence_ == gen;
@@ -735,14 +758,23 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
     }
     bool valuesChanged = false;
     if (stays && !IsDeleted()) {
-        for (auto it = values_.begin(); it != values_.end();) {
-            if (!it->second.IsPending() && !it->second.Validate(gen)) {
-                RemoveFromValueOrder(&it->second);
-                it = values_.erase(it);
-                valuesChanged = true;
-            } else {
-                ++it;
+        // Compacts both orders in one pass each: renumber[i] is where value
+        // i moves, or UINT32_MAX when it goes.
+        std::vector<uint32_t> renumber(values_.size(), UINT32_MAX);
+        size_t kept = 0;
+        for (size_t i = 0; i < values_.size(); ++i) {
+            if (!values_[i].IsPending() && !values_[i].Validate(gen)) continue;
+            if (kept != i) values_[kept] = std::move(values_[i]);
+            renumber[i] = static_cast<uint32_t>(kept++);
+        }
+        if (kept != values_.size()) {
+            valuesChanged = true;
+            values_.erase(values_.begin() + static_cast<ptrdiff_t>(kept), values_.end());
+            size_t n = 0;
+            for (uint32_t i : byName_) {
+                if (renumber[i] != UINT32_MAX) byName_[n++] = renumber[i];
             }
+            byName_.resize(n);
         }
     }
     if (valuesChanged) BumpRevision();
@@ -753,7 +785,7 @@ bool RegKey::Purge(int flag, std::vector<RegKey*>& woken) {
 
 void RegKey::DropValues() {
     values_.clear();
-    valueOrder_.clear();
+    byName_.clear();
 }
 
 void RegKey::DropChildren() {
@@ -762,7 +794,7 @@ void RegKey::DropChildren() {
     subkeyOrder_.clear();
     deletedSubkeys_.clear();
     values_.clear();
-    valueOrder_.clear();
+    byName_.clear();
     deletedValues_.clear();
     ResetSubKeyCursor();
 }

@@ -5,8 +5,12 @@
 
 #include <errno.h>
 #include <string.h>
+#include <strings.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <tvcommonutil.h>
 
@@ -174,6 +178,66 @@ TEST(RegistryApi, EnumerationAndInfo) {
     EXPECT_EQ(-1, RegQueryInfoKey(0x3456789, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr,
                                   nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(0, RegCloseKey(h));
+}
+
+// Random settings, respellings and deletions of a key's values against a
+// plain model: enumeration keeps the order of first setting, a name matches
+// in any case (the last spelling set wins), and the file lists the values
+// by name without regard to case.
+TEST(RegistryApi, ValuesFollowAModelThroughSetsAndDeletes) {
+    RegistryEnv env;
+    HKEY h = Create("Model");
+    std::vector<std::pair<std::string, std::string>> model;  // in order of first setting
+    auto find = [&](const std::string& n) {
+        for (size_t i = 0; i < model.size(); ++i)
+            if (strcasecmp(model[i].first.c_str(), n.c_str()) == 0) return static_cast<int>(i);
+        return -1;
+    };
+    unsigned seed = 7;
+    for (int step = 0; step < 400; ++step) {
+        seed = seed * 1103515245u + 12345u;
+        std::string name = "v" + std::to_string((seed >> 8) % 12);
+        if ((seed >> 4) & 1) name[0] = 'V';
+        const int at = find(name);
+        if ((seed >> 16) % 4 == 0) {
+            EXPECT_EQ(at >= 0 ? 0 : -1, RegDeleteValue(h, name.c_str()));
+            if (at >= 0) model.erase(model.begin() + at);
+        } else {
+            const std::string data = std::string((seed >> 20) % 24, 'x') + std::to_string(step);
+            ASSERT_EQ(0, SetSz(h, name, data));
+            if (at >= 0)
+                model[static_cast<size_t>(at)] = {name, data};
+            else
+                model.emplace_back(name, data);
+        }
+        ASSERT_EQ(model.size(), ValueCount(h));
+        for (size_t i = 0; i < model.size(); ++i) {
+            char n[16], d[64];
+            DWORD cbName = sizeof n, cbData = sizeof d, type = 0;
+            ASSERT_EQ(0, RegEnumValue(h, static_cast<DWORD>(i), n, &cbName, nullptr, &type,
+                                      reinterpret_cast<BYTE*>(d), &cbData));
+            EXPECT_EQ(model[i].first, n);
+            EXPECT_EQ(model[i].second, d);
+            std::string other = model[i].first;
+            other[0] = static_cast<char>(other[0] ^ 0x20);
+            EXPECT_EQ(model[i].second, GetSz(h, other));
+        }
+    }
+    ASSERT_EQ(0, RegFlushKey(h));
+    const std::string out = env.ReadRegistryFile();
+    size_t pos = out.find("HKEY_LOCAL_MACHINE\\Model=");
+    ASSERT_NE(std::string::npos, pos);
+    std::vector<std::string> sorted;
+    for (auto& kv : model) sorted.push_back(kv.first);
+    std::sort(sorted.begin(), sorted.end(), [](const std::string& a, const std::string& b) {
+        return strcasecmp(a.c_str(), b.c_str()) < 0;
+    });
+    for (const std::string& n : sorted) {
+        const size_t next = out.find("\n" + n + "=", pos);
+        ASSERT_NE(std::string::npos, next) << n;
+        pos = next;
+    }
+    RegCloseKey(h);
 }
 
 TEST(RegistryApi, DeleteKeyRules) {

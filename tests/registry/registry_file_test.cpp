@@ -257,7 +257,7 @@ TEST(RegistryFile, LongLinesAreSplitAt4095) {
 
 const char kBefore[] =
     "\nHKEY_LOCAL_MACHINE=536870913\n\n"
-    "HKEY_LOCAL_MACHINE\\App=100\nA=1;REG_SZ\nB=2;REG_SZ\nC=3;REG_SZ\n\n"
+    "HKEY_LOCAL_MACHINE\\App=100\nA=1;REG_SZ\nB=2;REG_SZ\nAP=p;REG_SZ\nC=3;REG_SZ\n\n"
     "HKEY_LOCAL_MACHINE\\App\\Gone=102\nG=1;REG_SZ\n\n"
     "HKEY_LOCAL_MACHINE\\App\\Old=101\n\nHKEY_LOCAL_MACHINE\\App\\Shared=103\n\n";
 
@@ -290,6 +290,14 @@ TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
     EXPECT_EQ("<13>", GetSz(app, "B"));  // own deletion is not undone
     EXPECT_EQ("3c", GetSz(app, "C"));    // their change to a value left alone here
     EXPECT_EQ("new", GetSz(app, "D"));
+    EXPECT_EQ("<13>", GetSz(app, "AP"));  // gone from their file, never changed here
+    char name[32];
+    std::string order;
+    for (DWORD i = 0, cb = sizeof name;
+         RegEnumValue(app, i, name, &cb, nullptr, nullptr, nullptr, nullptr) == 0;
+         ++i, cb = sizeof name)
+        order += name;
+    EXPECT_EQ("ACD", order);
     EXPECT_FALSE(KeyExists("App\\Old"));  // deleted here: not back, nor anything below
     EXPECT_FALSE(KeyExists("App\\Old\\Below"));
     EXPECT_TRUE(KeyExists("App\\New\\Deeper"));  // made here, not in their file
@@ -300,7 +308,6 @@ TEST(RegistryMerge, RefreshKeepsUnwrittenChangesAndTakesTheRest) {
     // handle, no longer reachable by path or enumeration.
     EXPECT_EQ("1", GetSz(gone, "G"));
     EXPECT_FALSE(KeyExists("App\\Gone"));
-    char name[32];
     for (DWORD i = 0; RegEnumKey(app, i, name, sizeof name) == 0; ++i) {
         EXPECT_STRNE("Gone", name);
         EXPECT_STRNE("Old", name);
