@@ -114,18 +114,36 @@ private:
     unsigned long pendingEpoch_;
 };
 
+// strcasecmp in the POSIX locale, inline: names are short and mostly differ
+// early, where a call and the locale lookup of strcasecmp cost more than
+// the compare. It also keeps the order of a key's names fixed should the
+// program change its locale while the tree is alive.
+inline int CompareNames(const char* a, const char* b) {
+    for (;; ++a, ++b) {
+        unsigned ca = static_cast<unsigned char>(*a);
+        unsigned cb = static_cast<unsigned char>(*b);
+        if (ca == cb) {
+            if (ca == 0) return 0;
+            continue;
+        }
+        ca += ca - 'A' < 26u ? 32u : 0u;
+        cb += cb - 'A' < 26u ? 32u : 0u;
+        if (ca != cb) return static_cast<int>(ca) - static_cast<int>(cb);
+    }
+}
+
 // The order of names in a key (strcasecmp, as CKWStringPc orders), also
 // against plain text, so that a lookup by a caller's name copies nothing.
 struct NameLess {
     using is_transparent = void;
     bool operator()(const CKWStringPc& a, const CKWStringPc& b) const {
-        return strcasecmp(a.c_str(), b.c_str()) < 0;
+        return CompareNames(a.c_str(), b.c_str()) < 0;
     }
     bool operator()(const CKWStringPc& a, const char* b) const {
-        return strcasecmp(a.c_str(), b) < 0;
+        return CompareNames(a.c_str(), b) < 0;
     }
     bool operator()(const char* a, const CKWStringPc& b) const {
-        return strcasecmp(a, b.c_str()) < 0;
+        return CompareNames(a, b.c_str()) < 0;
     }
 };
 

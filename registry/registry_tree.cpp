@@ -419,7 +419,7 @@ size_t RegKey::ValueNamePos(const char* name, bool& found) const {
     size_t hi = byName_.size();
     while (lo < hi) {
         const size_t mid = lo + (hi - lo) / 2;
-        const int c = strcasecmp(values_[byName_[mid]].GetName().c_str(), name);
+        const int c = CompareNames(values_[byName_[mid]].GetName().c_str(), name);
         if (c == 0) {
             found = true;
             return mid;
@@ -488,7 +488,7 @@ void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* 
     // file mostly appends: the last name is tried before a search.
     bool found = false;
     size_t pos = byName_.size();
-    if (!byName_.empty() && strcasecmp(values_[byName_.back()].GetName().c_str(), name) >= 0) {
+    if (!byName_.empty() && CompareNames(values_[byName_.back()].GetName().c_str(), name) >= 0) {
         pos = ValueNamePos(name, found);
     }
     if (found) {
