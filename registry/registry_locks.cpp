@@ -39,12 +39,16 @@ void FutexWakeAll(std::atomic<uint32_t>* word) {
 
 // --- KeyLock -------------------------------------------------------------------
 
-void KeyLock::LockSlow() {
+// Spins, then sleeps, until the state lets the caller in. A writer may come
+// in when nothing but the sleeper flag is set (the flag stays, so that its
+// unlock wakes the others) and sets the writer bit; a reader may come in
+// while there is neither a writer nor a sleeper and adds itself.
+void KeyLock::Acquire(uint32_t busy, bool writer) {
     for (int spins = 0;;) {
         uint32_t s = state_.load(std::memory_order_relaxed);
-        if ((s & ~kWaiting) == 0) {
-            // Free; a sleeper flag stays so that this unlock wakes the others.
-            if (state_.compare_exchange_weak(s, s | kWriter, std::memory_order_acquire,
+        if ((s & busy) == 0) {
+            if (state_.compare_exchange_weak(s, writer ? s | kWriter : s + 1,
+                                             std::memory_order_acquire,
                                              std::memory_order_relaxed)) {
                 return;
             }
@@ -63,27 +67,12 @@ void KeyLock::LockSlow() {
     }
 }
 
+void KeyLock::LockSlow() {
+    Acquire(~kWaiting, true);
+}
+
 void KeyLock::LockSharedSlow() {
-    for (int spins = 0;;) {
-        uint32_t s = state_.load(std::memory_order_relaxed);
-        if ((s & (kWriter | kWaiting)) == 0) {
-            if (state_.compare_exchange_weak(s, s + 1, std::memory_order_acquire,
-                                             std::memory_order_relaxed)) {
-                return;
-            }
-            continue;
-        }
-        if (spins < kSpins) {
-            ++spins;
-            CpuRelax();
-            continue;
-        }
-        if ((s & kWaiting) == 0 &&
-            !state_.compare_exchange_weak(s, s | kWaiting, std::memory_order_relaxed)) {
-            continue;
-        }
-        FutexWait(&state_, s | kWaiting);
-    }
+    Acquire(kWriter | kWaiting, false);
 }
 
 // --- ReadMostlyLock --------------------------------------------------------------

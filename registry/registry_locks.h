@@ -97,6 +97,7 @@ private:
     static constexpr uint32_t kWaiting = 1u << 30;  // someone sleeps (or is about to)
     static constexpr uint32_t kReaders = kWaiting - 1;
 
+    void Acquire(uint32_t busy, bool writer);
     void LockSlow();
     void LockSharedSlow();
 
