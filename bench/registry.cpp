@@ -45,6 +45,8 @@ using CiMap = std::map<std::string, std::string, CaseLess>;
 std::string g_install;    // the run's install directory, with '/'
 std::string g_generated;  // the generated 10,000-key file
 size_t g_generatedSize = 0;
+std::string g_written;  // the same tree as the library writes it
+size_t g_writtenSize = 0;
 
 const char kValue[] = "/srv/application/data";
 
@@ -147,6 +149,23 @@ void BM_ReadRegistryFile(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * g_generatedSize));
 }
 BENCHMARK(BM_ReadRegistryFile)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The same tree as this library writes it: each key's values by name.
+void BM_ReadWrittenFile(benchmark::State& state) {
+    int fd = open(g_written.c_str(), O_RDONLY);
+    for (auto _ : state) {
+        lseek(fd, 0, SEEK_SET);
+        RegLockCache(RegLockExclusive);
+        tv::detail::ReadRegistryFd(fd, 0);
+        state.PauseTiming();
+        tv::detail::ClearRegistryTree();
+        RegUnlockCache(RegLockExclusive);
+        state.ResumeTiming();
+    }
+    close(fd);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * g_writtenSize));
+}
+BENCHMARK(BM_ReadWrittenFile)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_GetlineSplit(benchmark::State& state) {
     for (auto _ : state) {
@@ -254,6 +273,23 @@ int main(int argc, char** argv) {
     }
     setenv("TV_REGISTRY", g_install.c_str(), 1);
     InitRegistry(0, 1);
+    {
+        // The generated tree as the library writes it, for BM_ReadWrittenFile.
+        int fd = open(g_generated.c_str(), O_RDONLY);
+        RegLockCache(RegLockExclusive);
+        tv::detail::ReadRegistryFd(fd, 0);
+        RegUnlockCache(RegLockExclusive);
+        close(fd);
+        WriteRegistry();
+        RegLockCache(RegLockExclusive);
+        tv::detail::ClearRegistryTree();
+        RegUnlockCache(RegLockExclusive);
+        g_written = g_install + "written.registry";
+        std::ifstream in(g_install + "registry/tv.registry");
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        g_writtenSize = text.size();
+        std::ofstream(g_written) << text;
+    }
     for (int i = 0; i < 2; ++i) {
         const std::string path = "Bench\\Scaling\\Key" + std::to_string(i);
         RegCreateKeyEx(0, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &g_scaleKeys[i],
@@ -283,6 +319,11 @@ int main(int argc, char** argv) {
                 std::printf("read %.1f MB file: %.1f MB/s (library) vs %.1f MB/s (getline floor)\n",
                             g_generatedSize / 1e6, g_generatedSize / 1e3 / lib,
                             g_generatedSize / 1e3 / floor);
+                const double written = r.ns("BM_ReadWrittenFile/real_time");
+                if (written > 0) {
+                    std::printf("read the same tree as written here (%.1f MB): %.1f MB/s\n",
+                                g_writtenSize / 1e6, g_writtenSize / 1e3 / written);
+                }
                 std::printf("write it back: %.2f ms (library) vs %.2f ms (floor)\n",
                             r.ns("BM_WriteRegistry/real_time"),
                             r.ns("BM_WriteFsyncRename/real_time"));
