@@ -33,7 +33,7 @@ struct Loose : Armed {
     Loose() { h = new ChangeNotificationHandle((tmp.path() + "/none/").c_str(), 0, 0); }
 };
 
-// The watcher loop, parked between passes: Pass() runs one whole pass.
+// The watcher loop, parked before each pass: Pass() runs one whole pass.
 class Stepped : public WatchDirsThreadObject {
 public:
     ~Stepped() {
@@ -41,14 +41,14 @@ public:
         thread_.join();
         bFileShutdownRequested = false;
     }
-    int StopRequested(int) override { return stop_; }
-    unsigned long TimedWait(unsigned long, int, WatchDirsThreadObject*) override {
+    int StopRequested(int) override {
         std::unique_lock<std::mutex> l(m_);
         ++parked_;
         cv_.notify_all();
         cv_.wait(l, [&] { return go_ >= parked_; });
-        return WAIT_OBJECT_0;
+        return stop_;
     }
+    unsigned long TimedWait(unsigned long, int, WatchDirsThreadObject*) override { return 0; }
     void Pass(bool last = false) {
         std::unique_lock<std::mutex> l(m_);
         cv_.wait(l, [&] { return parked_ > go_; });
@@ -62,7 +62,7 @@ private:
     std::mutex m_;
     std::condition_variable cv_;
     long parked_ = 0, go_ = 0;
-    std::atomic<bool> stop_{false};
+    bool stop_ = false;
     std::thread thread_{[this] { WatchDirsThread(this); }};
 };
 
