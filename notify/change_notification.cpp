@@ -21,14 +21,13 @@ void PutLE(unsigned char* p, unsigned long long v, int bytes) {
     for (int i = 0; i < bytes; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
-// A handle's record queue, which also knows whether it was collected since
+// A handle's record queue, which also tells whether it was collected since
 // the handle was last armed (guarded by the handle's lock, like the records).
-// Arming empties a queue that was not: the caller armed again rather than
-// collect. A collected one is kept: a handle registered twice (by
-// FindFirstChangeNotification, then by arming) is still watched after a
-// collection, and what the watcher queued on it since then describes changes
-// the caller has not seen and, with the snapshot already updated, would never
-// hear of again.
+// Arming again without a collection empties it: the caller gave up what was
+// queued. After a collection it is kept: a handle registered twice (by
+// FindFirstChangeNotification, then by arming) stays watched through a
+// collection, and what the watcher queued on it since then are changes the
+// caller has not seen and, the snapshot being updated, would never hear of.
 struct NotifyQueue : std::list<_NOTIFY_INFO> {
     bool collected = false;
 };
