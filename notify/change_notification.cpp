@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <string.h>
 
+#include <list>
 #include <new>
 
 #include "notify/watch_table.h"
@@ -18,6 +19,21 @@ namespace {
 
 void PutLE(unsigned char* p, unsigned long long v, int bytes) {
     for (int i = 0; i < bytes; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
+}
+
+// A handle's record queue, which also tells whether it was collected since
+// the handle was last armed (guarded by the handle's lock, like the records).
+// Arming again without a collection empties it: the caller gave up what was
+// queued. After a collection it is kept: a handle registered twice (by
+// FindFirstChangeNotification, then by arming) stays watched through a
+// collection, and what the watcher queued on it since then are changes the
+// caller has not seen and, the snapshot being updated, would never hear of.
+struct NotifyQueue : std::list<_NOTIFY_INFO> {
+    bool collected = false;
+};
+
+NotifyQueue* QueueOf(std::list<_NOTIFY_INFO>* list) {
+    return static_cast<NotifyQueue*>(list);
 }
 
 }  // namespace
@@ -54,7 +70,7 @@ ChangeNotificationHandle::~ChangeNotificationHandle() {
     }
     if (auxEvent_ != nullptr) auxEvent_->DecRefCount();
     for (Handle* e : retired_) e->DecRefCount();
-    delete notifyList_;
+    delete QueueOf(notifyList_);
 }
 
 int ChangeNotificationHandle::What() {
@@ -136,10 +152,12 @@ void ChangeNotificationHandle::QueueNotify(const _NOTIFY_INFO& info) {
 int ChangeNotificationHandle::GetChangeData(unsigned long* bytes, unsigned long* key) {
     std::list<_NOTIFY_INFO>* list = GetNotifyData();
     if (list == nullptr || bytes == nullptr) return 0;
-    // Off the watch list until the caller arms the handle again.
+    // Off the watch list until the caller arms the handle again (its first
+    // registration only: see NotifyQueue).
     FindCloseChangeNotification(this, 1);
 
     CriticalSectionHolder hold(lock_);
+    QueueOf(list)->collected = true;
     SetSignalPending(0);
     SetChanged(0);
     if (Handle* aux = __atomic_load_n(&auxEvent_, __ATOMIC_ACQUIRE)) aux->Reset();
@@ -241,9 +259,12 @@ int ReadDirectoryChanges(Handle* h, void** buffer, unsigned long bufferLength, i
             }
         }
         if (c->notifyList_ == nullptr) {
-            __atomic_store_n(&c->notifyList_, new std::list<_NOTIFY_INFO>, __ATOMIC_RELEASE);
+            std::list<_NOTIFY_INFO>* fresh = new NotifyQueue;
+            __atomic_store_n(&c->notifyList_, fresh, __ATOMIC_RELEASE);
         } else {
-            c->notifyList_->clear();
+            NotifyQueue* queue = QueueOf(c->notifyList_);
+            if (!queue->collected) queue->clear();
+            queue->collected = false;
         }
     }
     if (oldAux != nullptr) oldAux->DecRefCount();
