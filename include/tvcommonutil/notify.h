@@ -62,7 +62,9 @@ class ChangeNotificationHandle;
 class IoCompletionPort;
 
 // Arms h (type 11, else 0): empties its record queue (made on first use),
-// keeps the caller's pointer variable `buffer` and its usable length, the
+// unless the queue was collected since h was last armed: what the watcher
+// queued after a collection is kept and reported, never dropped. Keeps the
+// caller's pointer variable `buffer` and its usable length, the
 // filter (FILE_NOTIFY_CHANGE_* bits 0x1-0x10) and overlapped->hEvent (one
 // reference is held). A directory that has never been scanned first gets a
 // silent scan, so that only later changes are reported. Registers h for
