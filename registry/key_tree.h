@@ -17,6 +17,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 #include <strings.h>
 
 #include <atomic>
@@ -64,54 +65,119 @@ struct PrintSink;  // registry_format.h
 // overwrites or drops it. Guarded by the owning key's lock (not annotated:
 // a value does not know its key, and the analysis cannot name another
 // object's lock).
+// A value's name or data: the text inside the value, zero-terminated, for
+// as long as the value is neither changed nor moved.
+struct ValueText {
+    const char* text;
+    size_t size;
+    const char* c_str() const { return text; }
+    size_t length() const { return size; }
+    std::string str() const { return std::string(text, size); }
+    bool operator==(const char* s) const { return strncmp(text, s, size) == 0 && s[size] == 0; }
+};
+
 class RegValue {
 public:
-    RegValue() : sequence_(0), type_(0), pendingEpoch_(0) {}
-    RegValue(unsigned long type, const CKWString& name, const CKWString& data)
-        : sequence_(0), type_(type), name_(name), data_(data), pendingEpoch_(0) {}
-    RegValue(unsigned long type, const char* name, const char* data)
-        : sequence_(0), type_(type), name_(name), data_(data), pendingEpoch_(0) {}
-    RegValue(const RegValue&) = default;
-    RegValue& operator=(const RegValue&) = default;
-    // A key keeps its values in a vector: growing it moves them.
-    RegValue(RegValue&&) noexcept = default;
-    RegValue& operator=(RegValue&&) noexcept = default;
-
-    void SetValues(unsigned long type, const CKWString& name, const CKWString& data) {
+    RegValue() { inline_[0] = inline_[1] = '\0'; }
+    RegValue(unsigned long type, const CKWString& name, const CKWString& data) : RegValue() {
         type_ = type;
-        name_ = name;
-        data_ = data;
+        Store(name.c_str(), static_cast<size_t>(name.length()), data.c_str(),
+              static_cast<size_t>(data.length()));
     }
+    RegValue(unsigned long type, const char* name, size_t nameLen, const char* data, size_t dataLen)
+        : RegValue() {
+        type_ = type;
+        Store(name, nameLen, data, dataLen);
+    }
+    RegValue(const RegValue& o) : RegValue() { *this = o; }
+    RegValue& operator=(const RegValue& o) {
+        if (this == &o) return *this;
+        sequence_ = o.sequence_;
+        type_ = o.type_;
+        pendingEpoch_ = o.pendingEpoch_;
+        Store(o.Text(), o.nameLen_, o.Text() + o.nameLen_ + 1, o.dataLen_);
+        return *this;
+    }
+    // A key keeps its values in a vector: growing it moves them.
+    RegValue(RegValue&& o) noexcept : RegValue() { *this = std::move(o); }
+    RegValue& operator=(RegValue&& o) noexcept {
+        if (this == &o) return *this;
+        Free();
+        sequence_ = o.sequence_;
+        type_ = o.type_;
+        pendingEpoch_ = o.pendingEpoch_;
+        nameLen_ = o.nameLen_;
+        dataLen_ = o.dataLen_;
+        if (o.OnHeap()) {
+            heap_ = o.heap_;
+            o.nameLen_ = o.dataLen_ = 0;
+            o.inline_[0] = o.inline_[1] = '\0';
+        } else {
+            memcpy(inline_, o.inline_, nameLen_ + dataLen_ + 2);
+        }
+        return *this;
+    }
+    ~RegValue() { Free(); }
+
     // Type, name and data equal (sequence and pending are bookkeeping).
     bool operator==(const RegValue& o) const {
-        return type_ == o.type_ && name_ == o.name_ && data_ == o.data_;
+        return type_ == o.type_ && nameLen_ == o.nameLen_ && dataLen_ == o.dataLen_ &&
+               memcmp(Text(), o.Text(), nameLen_ + dataLen_ + 2) == 0;
     }
     void UpdateSequence(unsigned long generation) { sequence_ = generation; }
     bool Validate(unsigned long generation) const { return sequence_ == generation; }
     // Parses one value line ("name=data;TYPE"); false for a line to ignore.
     bool FormatValue(const char* line);
-    // As a fresh RegValue(type, name, data) would be, reusing the storage.
-    void Assign(unsigned long type, const char* name, const char* data) {
+    // As a fresh RegValue(type, name, data) would be.
+    void Assign(unsigned long type, const char* name, size_t nameLen, const char* data,
+                size_t dataLen) {
         sequence_ = 0;
         type_ = type;
-        name_ = name;
-        data_ = data;
         pendingEpoch_ = 0;
+        Store(name, nameLen, data, dataLen);
     }
 
     unsigned long GetSequence() const { return sequence_; }
     unsigned long GetType() const { return type_; }
-    const CKWString& GetName() const { return name_; }
-    const CKWString& GetData() const { return data_; }
+    ValueText GetName() const { return {Text(), nameLen_}; }
+    ValueText GetData() const { return {Text() + nameLen_ + 1, dataLen_}; }
     bool IsPending() const { return pendingEpoch_ != 0 && pendingEpoch_ == CurrentWriteEpoch(); }
     void SetPending(bool p) { pendingEpoch_ = p ? CurrentWriteEpoch() : 0; }
 
 private:
-    unsigned long sequence_;
-    unsigned long type_;
-    CKWString name_;
-    CKWString data_;
-    unsigned long pendingEpoch_;
+    // Name and data share one buffer, "name\0data\0": inside the value when
+    // they fit (most names and data are short, and a key's values then sit
+    // in one block of memory without an allocation each), else on the heap.
+    static constexpr size_t kInline = 48;
+    bool OnHeap() const { return nameLen_ + dataLen_ + 2 > kInline; }
+    const char* Text() const { return OnHeap() ? heap_ : inline_; }
+    void Free() {
+        if (OnHeap()) delete[] heap_;
+    }
+    // The sources never lie in this value's own buffer.
+    void Store(const char* name, size_t nameLen, const char* data, size_t dataLen) {
+        const size_t need = nameLen + dataLen + 2;
+        char* to = need <= kInline ? nullptr : new char[need];
+        Free();
+        if (to == nullptr) to = inline_;
+        nameLen_ = static_cast<uint32_t>(nameLen);
+        dataLen_ = static_cast<uint32_t>(dataLen);
+        if (to != inline_) heap_ = to;
+        memcpy(to, name, nameLen);
+        to[nameLen] = '\0';
+        memcpy(to + nameLen + 1, data, dataLen);
+        to[nameLen + 1 + dataLen] = '\0';
+    }
+
+    unsigned long sequence_ = 0;
+    unsigned long type_ = 0;
+    unsigned long pendingEpoch_ = 0;
+    uint32_t nameLen_ = 0;
+    uint32_t dataLen_ = 0;
+    union {
+        char inline_[kInline];
+        char* heap_;
+    };
 };
 
 // strcasecmp in the POSIX locale, inline: names are short and mostly differ
@@ -211,8 +277,8 @@ public:
     bool SetValue(const RegValue& v, int& changed, bool local);
     // SetValue(RegValue(type, name, data), changed, false) for a value line
     // of the file, without building the value first.
-    void SetValueFromFile(unsigned long type, const char* name, const char* data, size_t dataLen,
-                          int& changed);
+    void SetValueFromFile(unsigned long type, const char* name, size_t nameLen, const char* data,
+                          size_t dataLen, int& changed);
     // Removes a value; `local` records the deletion so a refresh does not
     // bring the value back from the file before it is written.
     bool DeleteValue(const CKWString& name, bool local);

@@ -73,7 +73,7 @@ private:
 // REG_SZ text, REG_MULTI_SZ with blanks as zero bytes and a final zero,
 // REG_DWORD as an 8-byte unsigned long read with strtoul base 0.
 void CopyOut(const RegValue& v, BYTE* out) {
-    const CKWString& text = v.GetData();
+    const ValueText text = v.GetData();
     if (v.GetType() == REG_DWORD) {
         unsigned long n = strtoul(text.c_str(), nullptr, 0);
         memcpy(out, &n, sizeof n);

@@ -166,21 +166,21 @@ void AppendValueLine(std::string& out, const RegValue& v) {
     const size_t width = 22;
     const char* word = RegTypeWord(v.GetType());
     const size_t wordLen = strlen(word);
-    const std::string& name = v.GetName().str();
-    const std::string& data = v.GetData().str();
-    const size_t nameField = name.size() + 1;
-    const size_t dataField = data.size() + 1;
+    const ValueText name = v.GetName();
+    const ValueText data = v.GetData();
+    const size_t nameField = name.size + 1;
+    const size_t dataField = data.size + 1;
     const size_t padded = std::max(width, nameField) + 1 + std::max(width, dataField) + 1 + wordLen;
-    out += name;
+    out.append(name.text, name.size);
     out += '=';
     if (padded > static_cast<size_t>(kRegLineMax)) {
-        out += data;
+        out.append(data.text, data.size);
         out += ';';
     } else {
         if (nameField < width) out.append(width - nameField, ' ');
         out += '\t';
         if (dataField < width) out.append(width - dataField, ' ');
-        out += data;
+        out.append(data.text, data.size);
         out += ';';
         out += '\t';
     }
@@ -458,8 +458,7 @@ bool ParseValueLine(const char* line, ValueLine& out) {
 bool RegValue::FormatValue(const char* line) {
     ValueLine v;
     if (!ParseValueLine(line, v)) return false;
-    SetValues(v.type, CKWString(std::string(v.name, v.nameLen)),
-              CKWString(std::string(v.data, v.dataLen)));
+    Assign(v.type, v.name, v.nameLen, v.data, v.dataLen);
     return true;
 }
 
@@ -658,7 +657,7 @@ bool ReadRegistryFd(int fd, int refresh) {
             if (mine != nullptr && mine->IsPending()) continue;
         }
         int changed = 0;
-        cur->SetValueFromFile(v.type, name, v.data, v.dataLen, changed);
+        cur->SetValueFromFile(v.type, name, v.nameLen, v.data, v.dataLen, changed);
         if (changed && refresh) cur->BumpRevision();
     }
     if (cur != nullptr) cur->Unlock();
@@ -859,8 +858,8 @@ const char* RegKeyPathProblem(const char* path) {
 BOOL RegParseValueLine(const char* line, CKWString* name, CKWString* data, DWORD* type) {
     tv::detail::RegValue v;
     if (!v.FormatValue(line)) return FALSE;
-    if (name != nullptr) *name = v.GetName();
-    if (data != nullptr) *data = v.GetData();
+    if (name != nullptr) *name = v.GetName().str();
+    if (data != nullptr) *data = v.GetData().str();
     if (type != nullptr) *type = v.GetType();
     return TRUE;
 }

@@ -482,8 +482,8 @@ bool RegKey::SetValue(const RegValue& v, int& changed, bool local) {
     return true;
 }
 
-void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* data,
-                              size_t dataLen, int& changed) {
+void RegKey::SetValueFromFile(unsigned long type, const char* name, size_t nameLen,
+                              const char* data, size_t dataLen, int& changed) {
     // The writer lays a key's values out in name order, so a read of the
     // file mostly appends: the last name is tried before a search.
     bool found = false;
@@ -493,17 +493,19 @@ void RegKey::SetValueFromFile(unsigned long type, const char* name, const char* 
     }
     if (found) {
         RegValue& old = values_[byName_[pos]];
-        if (old.GetType() == type && old.GetName() == name &&
-            static_cast<size_t>(old.GetData().length()) == dataLen &&
-            memcmp(old.GetData().c_str(), data, dataLen) == 0) {
+        const ValueText oldName = old.GetName();
+        const ValueText oldData = old.GetData();
+        if (old.GetType() == type && oldName.size == nameLen &&
+            memcmp(oldName.text, name, nameLen) == 0 && oldData.size == dataLen &&
+            memcmp(oldData.text, data, dataLen) == 0) {
             old.UpdateSequence(Generation());
             changed = 0;
             return;
         }
-        old.Assign(type, name, data);  // keeps its place in both orders
+        old.Assign(type, name, nameLen, data, dataLen);  // keeps its place in both orders
         old.UpdateSequence(Generation());
     } else {
-        InsertValue(pos, type, name, data).UpdateSequence(Generation());
+        InsertValue(pos, type, name, nameLen, data, dataLen).UpdateSequence(Generation());
     }
     changed = 1;
 }

@@ -203,7 +203,7 @@ TEST(RegistryApi, ValuesFollowAModelThroughSetsAndDeletes) {
             EXPECT_EQ(at >= 0 ? 0 : -1, RegDeleteValue(h, name.c_str()));
             if (at >= 0) model.erase(model.begin() + at);
         } else {
-            const std::string data = std::string((seed >> 20) % 24, 'x') + std::to_string(step);
+            const std::string data = std::string((seed >> 20) % 60, 'x') + std::to_string(step);
             ASSERT_EQ(0, SetSz(h, name, data));
             if (at >= 0)
                 model[static_cast<size_t>(at)] = {name, data};
