@@ -444,9 +444,10 @@ RegValue& RegKey::InsertValue(size_t namePos, Args&&... args) {
     if (values_.size() == values_.capacity()) {
         values_.reserve(std::max<size_t>(4, values_.size() * 2));
     }
-    byName_.insert(byName_.begin() + static_cast<ptrdiff_t>(namePos),
-                   static_cast<uint32_t>(values_.size()));
+    // The value first: building it may allocate; the insert cannot throw.
     values_.emplace_back(std::forward<Args>(args)...);
+    byName_.insert(byName_.begin() + static_cast<ptrdiff_t>(namePos),
+                   static_cast<uint32_t>(values_.size() - 1));
     return values_.back();
 }
 
